@@ -1,0 +1,39 @@
+# Compiler flags shared by every target of the project.
+
+add_library(pathfinder_warnings INTERFACE)
+target_compile_options(pathfinder_warnings INTERFACE -Wall -Wextra -Wpedantic)
+if(PATHFINDER_WERROR)
+  target_compile_options(pathfinder_warnings INTERFACE -Werror)
+endif()
+
+if(PATHFINDER_SANITIZE STREQUAL "address")
+  add_compile_options(-fsanitize=address,undefined -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
+elseif(PATHFINDER_SANITIZE STREQUAL "thread")
+  add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=thread)
+elseif(NOT PATHFINDER_SANITIZE STREQUAL "")
+  message(FATAL_ERROR "PATHFINDER_SANITIZE must be address, thread or empty")
+endif()
+
+# pathfinder_add_test(<name> SOURCES <files...> LIBS <targets...> [LABELS <labels...>] [TIMEOUT <s>])
+# One GoogleTest executable registered with CTest; each TEST becomes a CTest case.
+function(pathfinder_add_test name)
+  cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;LIBS;LABELS" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  target_link_libraries(${name} PRIVATE ${ARG_LIBS} GTest::gtest GTest::gtest_main pathfinder_warnings)
+  if(NOT ARG_TIMEOUT)
+    set(ARG_TIMEOUT 120)
+  endif()
+  include(GoogleTest)
+  gtest_discover_tests(${name}
+    PROPERTIES TIMEOUT ${ARG_TIMEOUT} LABELS "${ARG_LABELS}"
+    DISCOVERY_TIMEOUT 60)
+endfunction()
+
+# pathfinder_add_bench(<name> SOURCES <files...> LIBS <targets...>)
+function(pathfinder_add_bench name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;LIBS" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  target_link_libraries(${name} PRIVATE ${ARG_LIBS} benchmark::benchmark pathfinder_warnings)
+endfunction()

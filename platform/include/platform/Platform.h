@@ -1,0 +1,137 @@
+// The only place of the project that knows the operating system.
+//
+// POSIX is implemented in src/platform_posix.cpp, Windows in src/platform_win32.cpp; both are
+// written against this header. Nothing here throws: failures are return values.
+#pragma once
+
+#include <cstdint>
+#include <ctime>
+#include <string>
+#include <vector>
+
+namespace platform {
+
+// ---------------------------------------------------------------------------------------------
+// Time
+// ---------------------------------------------------------------------------------------------
+
+// Name of the environment variable read once, on first use, for the process-wide time scale.
+constexpr const char* kTimeScaleEnv = "PATHFINDER_TIME_SCALE";
+
+// Factor applied to every wait of the stack (default 1.0). A scale of 0.01 makes a 3 s wait
+// last 30 ms. Values <= 0 or not finite are refused (the scale stays as it is) and false is
+// returned.
+double timeScale();
+bool setTimeScale(double scale);
+
+// Sleeps `ms` milliseconds multiplied by the time scale. Negative values sleep not at all.
+void sleepMs(int64_t ms);
+
+// Monotonic milliseconds since an arbitrary start, unscaled.
+int64_t steadyMs();
+
+// Broken-down local time with milliseconds.
+struct LocalTime {
+    int year = 0, month = 0, day = 0, hour = 0, minute = 0, second = 0, millisecond = 0;
+};
+LocalTime localNow();
+bool localTime(std::time_t t, std::tm& out);  // thread-safe localtime
+
+// "YYYY-MM-DD HH:MM:SS:mmm" (the stamp of trigger lines and the console log).
+std::string formatTimestamp(const LocalTime& t);
+// strftime of a time_t in local time; empty on failure.
+std::string formatLocalTime(std::time_t t, const char* format);
+
+// ---------------------------------------------------------------------------------------------
+// Processes (by executable file name, e.g. "lumora_console")
+// ---------------------------------------------------------------------------------------------
+
+// Process ids of every process whose executable file name equals `exeName` (no folder). On
+// Windows a missing ".exe" is matched too; on POSIX a trailing ".exe" in `exeName` is ignored,
+// so the same name works on both.
+std::vector<int> findProcessesByName(const std::string& exeName);
+
+// Asks every such process to end (SIGTERM / TerminateProcess with exit code 0). Returns how
+// many were found.
+int terminateProcessesByName(const std::string& exeName);
+
+// Starts `path` detached from the caller with `args` and working directory `workDir` (empty:
+// the program's folder). Returns the process id, or -1 when it could not be started.
+int startProcess(const std::string& path, const std::vector<std::string>& args = {},
+                 const std::string& workDir = {});
+
+// True while the process with this id exists and is not a zombie.
+bool processAlive(int pid);
+
+// Reaps a child started by startProcess if it has ended (POSIX); harmless otherwise.
+void reapChildren();
+
+// ---------------------------------------------------------------------------------------------
+// Modules and paths
+// ---------------------------------------------------------------------------------------------
+
+constexpr char kPathSeparator =
+#ifdef _WIN32
+    '\\';
+#else
+    '/';
+#endif
+
+// a + separator + b, without doubling a separator already at the end of a.
+std::string joinPath(const std::string& a, const std::string& b);
+std::wstring joinPath(const std::wstring& a, const std::wstring& b);
+
+// Full path of the executable or shared library that contains `address`; empty if unknown.
+std::string modulePathOf(const void* address);
+// Folder of that module, without trailing separator.
+std::string moduleDirOf(const void* address);
+
+// Version text of the stack, from the build ("0.1.0").
+const char* versionText();
+
+bool fileExists(const std::string& path);
+bool directoryExists(const std::string& path);
+bool makeDirectories(const std::string& path);
+
+// Path as the file system takes it: wide paths are UTF-8 on POSIX.
+std::string nativePath(const std::wstring& path);
+std::wstring widePath(const std::string& path);
+
+// ---------------------------------------------------------------------------------------------
+// Code pages
+// ---------------------------------------------------------------------------------------------
+
+constexpr int kCodePageUtf8 = 65001;
+constexpr int kCodePageGbk = 936;
+constexpr int kCodePageSystem = 0;  // the C locale's narrow character set
+
+// Narrow <-> wide conversion for the code pages above. Invalid input bytes/characters are
+// replaced (U+FFFD, or '?' when narrowing), never thrown; `ok`, if given, tells whether the
+// input was valid and the code page known. An unknown code page converts nothing.
+std::wstring toWide(const std::string& text, int codePage, bool* ok = nullptr);
+std::string toNarrow(const std::wstring& text, int codePage, bool* ok = nullptr);
+
+// ---------------------------------------------------------------------------------------------
+// Files
+// ---------------------------------------------------------------------------------------------
+
+// Creates `path` only if it does not exist yet. True when this call created it.
+bool createFileExclusive(const std::string& path);
+
+struct FileTimes {
+    std::time_t created = 0;  // status change time on POSIX
+    std::time_t modified = 0;
+    std::time_t accessed = 0;
+    int64_t size = 0;
+};
+bool fileTimes(const std::string& path, FileTimes& out);
+
+// ---------------------------------------------------------------------------------------------
+// Sockets
+// ---------------------------------------------------------------------------------------------
+
+// Starts the socket library (WSAStartup on Windows; on POSIX ignores SIGPIPE so a closed peer
+// is reported as an error instead of ending the process). Safe to call repeatedly.
+bool socketStartup();
+
+}  // namespace platform
