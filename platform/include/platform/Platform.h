@@ -4,6 +4,7 @@
 // written against this header. Nothing here throws: failures are return values.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <ctime>
 #include <string>
@@ -24,8 +25,13 @@ constexpr const char* kTimeScaleEnv = "PATHFINDER_TIME_SCALE";
 double timeScale();
 bool setTimeScale(double scale);
 
-// Sleeps `ms` milliseconds multiplied by the time scale. Negative values sleep not at all.
+// Sleeps `ms` milliseconds multiplied by the time scale. Negative values sleep not at all; zero
+// only yields the processor.
 void sleepMs(int64_t ms);
+
+// `duration` multiplied by the time scale, clamped to [0, about 30 years]; for timeouts that do
+// not go through sleepMs (condition variables, socket waits) but must honour the scale too.
+std::chrono::nanoseconds scaledDuration(std::chrono::nanoseconds duration);
 
 // Monotonic milliseconds since an arbitrary start, unscaled.
 int64_t steadyMs();
@@ -39,7 +45,8 @@ bool localTime(std::time_t t, std::tm& out);  // thread-safe localtime
 
 // "YYYY-MM-DD HH:MM:SS:mmm" (the stamp of trigger lines and the console log).
 std::string formatTimestamp(const LocalTime& t);
-// strftime of a time_t in local time; empty on failure.
+// strftime of a time_t in local time; empty on failure. Only the conversions of C99 strftime
+// (with the E and O modifiers) are accepted: a format with any other conversion gives empty.
 std::string formatLocalTime(std::time_t t, const char* format);
 
 // ---------------------------------------------------------------------------------------------
@@ -57,14 +64,21 @@ int terminateProcessesByName(const std::string& exeName);
 
 // Starts `path` detached from the caller with `args` and working directory `workDir` (empty:
 // the program's folder). Returns the process id, or -1 when it could not be started.
+// POSIX: the child runs in a session of its own with standard input from /dev/null and the
+// caller's standard output and error; a `path` without '/' is looked up in PATH, a relative
+// one is taken from the caller's working directory. Windows: the shell's "open" verb.
 int startProcess(const std::string& path, const std::vector<std::string>& args = {},
                  const std::string& workDir = {});
 
 // True while the process with this id exists and is not a zombie.
 bool processAlive(int pid);
 
-// Reaps a child started by startProcess if it has ended (POSIX); harmless otherwise.
+// Reaps a child started by startProcess if it has ended (POSIX); harmless otherwise. Only
+// children started by startProcess are reaped, never other children of the process.
 void reapChildren();
+
+// Id of the calling process.
+int currentProcessId();
 
 // ---------------------------------------------------------------------------------------------
 // Modules and paths
@@ -77,7 +91,8 @@ constexpr char kPathSeparator =
     '/';
 #endif
 
-// a + separator + b, without doubling a separator already at the end of a.
+// a + separator + b, without doubling a separator already at the end of a or at the start of b.
+// An empty a gives b unchanged (no separator is put in front of it).
 std::string joinPath(const std::string& a, const std::string& b);
 std::wstring joinPath(const std::wstring& a, const std::wstring& b);
 
@@ -89,11 +104,17 @@ std::string moduleDirOf(const void* address);
 // Version text of the stack, from the build ("0.1.0").
 const char* versionText();
 
+// Narrow paths are as the file system takes them: bytes (normally UTF-8) on POSIX, the ANSI code
+// page on Windows.
+
+// True when `path` exists and is not a directory.
 bool fileExists(const std::string& path);
 bool directoryExists(const std::string& path);
+// Creates `path` and its missing parents; true when the directory exists afterwards.
 bool makeDirectories(const std::string& path);
 
-// Path as the file system takes it: wide paths are UTF-8 on POSIX.
+// Path as the file system takes it: wide paths are UTF-8 on POSIX (invalid bytes become U+FFFD in
+// widePath), the ANSI code page on Windows.
 std::string nativePath(const std::wstring& path);
 std::wstring widePath(const std::string& path);
 
@@ -103,7 +124,9 @@ std::wstring widePath(const std::string& path);
 
 constexpr int kCodePageUtf8 = 65001;
 constexpr int kCodePageGbk = 936;
-constexpr int kCodePageSystem = 0;  // the C locale's narrow character set
+// The C locale's narrow character set: 7-bit ASCII on POSIX (independent of setlocale), the
+// ANSI code page on Windows.
+constexpr int kCodePageSystem = 0;
 
 // Narrow <-> wide conversion for the code pages above. Invalid input bytes/characters are
 // replaced (U+FFFD, or '?' when narrowing), never thrown; `ok`, if given, tells whether the
@@ -115,7 +138,8 @@ std::string toNarrow(const std::wstring& text, int codePage, bool* ok = nullptr)
 // Files
 // ---------------------------------------------------------------------------------------------
 
-// Creates `path` only if it does not exist yet. True when this call created it.
+// Creates `path` only if it does not exist yet (read/write for the owner, read for others as the
+// umask allows; no handle stays open). True when this call created it.
 bool createFileExclusive(const std::string& path);
 
 struct FileTimes {
@@ -125,6 +149,13 @@ struct FileTimes {
     int64_t size = 0;
 };
 bool fileTimes(const std::string& path, FileTimes& out);
+
+// ---------------------------------------------------------------------------------------------
+// Environment
+// ---------------------------------------------------------------------------------------------
+
+// Value of the environment variable `name`; false (and `value` untouched) when it is not set.
+bool getEnvironment(const char* name, std::string& value);
 
 // ---------------------------------------------------------------------------------------------
 // Sockets

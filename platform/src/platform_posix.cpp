@@ -1,0 +1,732 @@
+// POSIX (Linux first) implementation of platform/Platform.h.
+#include <dirent.h>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <iconv.h>
+#include <link.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/types.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <thread>
+
+#include "platform/Platform.h"
+#include "platform_internal.h"
+
+extern char** environ;
+
+namespace platform {
+
+namespace {
+
+// Runs `body` and turns any exception (in practice std::bad_alloc) into `fallback`, so that no
+// exception leaves the layer.
+template <typename Result, typename Body>
+Result guarded(Result fallback, Body&& body) noexcept {
+    try {
+        return body();
+    } catch (...) {
+        return fallback;
+    }
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+// Time
+// ---------------------------------------------------------------------------------------------
+
+void sleepMs(int64_t ms) {
+    if (ms < 0) {
+        return;
+    }
+    const int64_t ns = detail::scaledNanoseconds(ms);
+    if (ns <= 0) {
+        std::this_thread::yield();
+        return;
+    }
+    // An absolute deadline on the monotonic clock: interruptions by signals resume the same wait
+    // instead of restarting it, and changes of the wall clock do not matter.
+    timespec deadline{};
+    clock_gettime(CLOCK_MONOTONIC, &deadline);
+    const int64_t totalNs = static_cast<int64_t>(deadline.tv_nsec) + ns % 1000000000;
+    deadline.tv_sec += static_cast<time_t>(ns / 1000000000 + totalNs / 1000000000);
+    deadline.tv_nsec = static_cast<long>(totalNs % 1000000000);
+    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &deadline, nullptr) == EINTR) {
+    }
+}
+
+bool localTime(std::time_t t, std::tm& out) {
+    return localtime_r(&t, &out) != nullptr;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Processes
+// ---------------------------------------------------------------------------------------------
+
+namespace {
+
+// Children started by startProcess that have not been reaped yet. Only these are waited for,
+// so that children the host started itself keep their exit status.
+std::mutex& childrenMutex() {
+    static std::mutex m;
+    return m;
+}
+std::set<pid_t>& startedChildren() {
+    static std::set<pid_t> children;
+    return children;
+}
+
+bool readSmallFile(const std::string& path, std::string& out) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return false;
+    }
+    char buffer[4096];
+    const ssize_t n = ::read(fd, buffer, sizeof buffer);
+    ::close(fd);
+    if (n < 0) {
+        return false;
+    }
+    out.assign(buffer, static_cast<std::size_t>(n));
+    return true;
+}
+
+std::string baseName(const std::string& path) {
+    const std::size_t slash = path.rfind('/');
+    return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+// The name to compare: no folder, no trailing ".exe" (any case).
+std::string normaliseExeName(const std::string& exeName) {
+    std::string name = baseName(exeName);
+    if (name.size() > 4) {
+        std::string tail = name.substr(name.size() - 4);
+        std::transform(tail.begin(), tail.end(), tail.begin(),
+                       [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+        if (tail == ".exe") {
+            name.resize(name.size() - 4);
+        }
+    }
+    return name;
+}
+
+// State letter of /proc/<pid>/stat ('R', 'S', 'Z', ...); 0 when the process is unknown. The
+// command name in parentheses may itself hold blanks and ')', so the last ')' is the anchor.
+char processState(pid_t pid) {
+    std::string stat;
+    if (!readSmallFile("/proc/" + std::to_string(pid) + "/stat", stat)) {
+        return 0;
+    }
+    const std::size_t close = stat.rfind(')');
+    if (close == std::string::npos || close + 2 >= stat.size()) {
+        return 0;
+    }
+    return stat[close + 2];
+}
+
+bool isGone(char state) {
+    return state == 0 || state == 'Z' || state == 'X' || state == 'x';
+}
+
+// Executable file name of a process: from /proc/<pid>/exe; when that link cannot be read (a
+// process of another user, a kernel thread), from /proc/<pid>/comm, which the kernel cuts to
+// 15 characters, completed by the first word of /proc/<pid>/cmdline.
+bool processMatches(const std::string& dir, const std::string& name) {
+    char link[PATH_MAX];
+    const ssize_t n = ::readlink((dir + "/exe").c_str(), link, sizeof link - 1);
+    if (n > 0) {
+        std::string exe(link, static_cast<std::size_t>(n));
+        static const char kDeleted[] = " (deleted)";
+        const std::size_t deletedLength = sizeof kDeleted - 1;
+        if (exe.size() > deletedLength &&
+            exe.compare(exe.size() - deletedLength, deletedLength, kDeleted) == 0) {
+            exe.resize(exe.size() - deletedLength);
+        }
+        return baseName(exe) == name;
+    }
+    std::string comm;
+    if (!readSmallFile(dir + "/comm", comm)) {
+        return false;
+    }
+    if (!comm.empty() && comm.back() == '\n') {
+        comm.pop_back();
+    }
+    constexpr std::size_t kCommLength = 15;
+    if (comm != name.substr(0, kCommLength)) {
+        return false;
+    }
+    if (name.size() < kCommLength) {
+        return true;
+    }
+    std::string cmdline;
+    if (!readSmallFile(dir + "/cmdline", cmdline)) {
+        return false;
+    }
+    return baseName(std::string(cmdline.c_str())) == name;
+}
+
+void reapStartedChildren() {
+    std::lock_guard<std::mutex> lock(childrenMutex());
+    auto& children = startedChildren();
+    for (auto it = children.begin(); it != children.end();) {
+        int status = 0;
+        const pid_t r = ::waitpid(*it, &status, WNOHANG);
+        // r == pid: reaped; r < 0 (ECHILD): someone else reaped it already.
+        if (r == *it || (r < 0 && errno == ECHILD)) {
+            it = children.erase(it);
+        } else {
+            ++it;
+        }
+    }
+}
+
+}  // namespace
+
+std::vector<int> findProcessesByName(const std::string& exeName) {
+    return guarded(std::vector<int>{}, [&] {
+        std::vector<int> found;
+        const std::string name = normaliseExeName(exeName);
+        if (name.empty()) {
+            return found;
+        }
+        reapStartedChildren();
+        DIR* proc = ::opendir("/proc");
+        if (proc == nullptr) {
+            return found;
+        }
+        while (const dirent* entry = ::readdir(proc)) {
+            char* end = nullptr;
+            const long pid = std::strtol(entry->d_name, &end, 10);
+            if (*end != '\0' || pid <= 0 || pid > INT_MAX) {
+                continue;
+            }
+            const std::string dir = std::string("/proc/") + entry->d_name;
+            if (processMatches(dir, name) && !isGone(processState(static_cast<pid_t>(pid)))) {
+                found.push_back(static_cast<int>(pid));
+            }
+        }
+        ::closedir(proc);
+        std::sort(found.begin(), found.end());
+        return found;
+    });
+}
+
+int terminateProcessesByName(const std::string& exeName) {
+    const std::vector<int> pids = findProcessesByName(exeName);
+    for (const int pid : pids) {
+        ::kill(static_cast<pid_t>(pid), SIGTERM);
+    }
+    return static_cast<int>(pids.size());
+}
+
+int startProcess(const std::string& path, const std::vector<std::string>& args,
+                 const std::string& workDir) {
+    return guarded(-1, [&]() -> int {
+        if (path.empty()) {
+            return -1;
+        }
+        reapStartedChildren();
+        // Everything the child needs is prepared here: between fork and exec only
+        // async-signal-safe calls are allowed.
+        const bool searchPath = path.find('/') == std::string::npos;
+        std::string program = path;
+        if (!searchPath && program.front() != '/') {
+            char cwd[PATH_MAX];
+            if (::getcwd(cwd, sizeof cwd) == nullptr) {
+                return -1;
+            }
+            program = joinPath(cwd, program);
+        }
+        std::string dir = workDir;
+        if (dir.empty() && !searchPath) {
+            dir = program.substr(0, program.rfind('/'));
+            if (dir.empty()) {
+                dir = "/";
+            }
+        }
+        std::vector<std::string> argvText;
+        argvText.reserve(args.size() + 1);
+        argvText.push_back(path);
+        argvText.insert(argvText.end(), args.begin(), args.end());
+        std::vector<char*> argv;
+        argv.reserve(argvText.size() + 1);
+        for (auto& a : argvText) {
+            argv.push_back(a.data());
+        }
+        argv.push_back(nullptr);
+
+        const long openMax = ::sysconf(_SC_OPEN_MAX);
+        const int maxFd = openMax > 0 && openMax < 65536 ? static_cast<int>(openMax) : 65536;
+        const int devNull = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+        // The child reports a failed chdir or exec through this pipe; a successful exec closes
+        // it (close-on-exec), which the parent sees as end of file.
+        int report[2];
+        if (::pipe2(report, O_CLOEXEC) != 0) {
+            if (devNull >= 0) {
+                ::close(devNull);
+            }
+            return -1;
+        }
+        const pid_t pid = ::fork();
+        if (pid == 0) {
+            ::setsid();
+            sigset_t none;
+            sigemptyset(&none);
+            ::sigprocmask(SIG_SETMASK, &none, nullptr);
+            // Ignored signals stay ignored across exec; the parent may ignore SIGPIPE.
+            struct sigaction dfl {};
+            dfl.sa_handler = SIG_DFL;
+            ::sigaction(SIGPIPE, &dfl, nullptr);
+            if (devNull >= 0) {
+                ::dup2(devNull, STDIN_FILENO);
+            }
+            // Descriptors of the parent (sockets, files) do not leak into the child: all are
+            // marked close-on-exec, by one call where the kernel has it.
+            long marked = -1;
+#ifdef SYS_close_range
+            marked = ::syscall(SYS_close_range, 3U, ~0U, 4U /* CLOSE_RANGE_CLOEXEC */);
+#endif
+            for (int fd = 3; marked != 0 && fd < maxFd; ++fd) {
+                ::fcntl(fd, F_SETFD, FD_CLOEXEC);
+            }
+            int error = 0;
+            if (!dir.empty() && ::chdir(dir.c_str()) != 0) {
+                error = errno;
+            } else {
+                if (searchPath) {
+                    ::execvp(argv[0], argv.data());
+                } else {
+                    ::execve(program.c_str(), argv.data(), environ);
+                }
+                error = errno;
+            }
+            ssize_t ignored = ::write(report[1], &error, sizeof error);
+            (void)ignored;
+            ::_exit(127);
+        }
+        ::close(report[1]);
+        if (devNull >= 0) {
+            ::close(devNull);
+        }
+        if (pid < 0) {
+            ::close(report[0]);
+            return -1;
+        }
+        int error = 0;
+        ssize_t n;
+        do {
+            n = ::read(report[0], &error, sizeof error);
+        } while (n < 0 && errno == EINTR);
+        ::close(report[0]);
+        if (n > 0) {
+            int status = 0;
+            ::waitpid(pid, &status, 0);
+            return -1;
+        }
+        std::lock_guard<std::mutex> lock(childrenMutex());
+        startedChildren().insert(pid);
+        return static_cast<int>(pid);
+    });
+}
+
+bool processAlive(int pid) {
+    if (pid <= 0) {
+        return false;
+    }
+    reapStartedChildren();
+    if (::kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH) {
+        return false;
+    }
+    // Without /proc the signal check above is all there is.
+    const char state = processState(static_cast<pid_t>(pid));
+    return state == 0 ? !directoryExists("/proc/self") : !isGone(state);
+}
+
+void reapChildren() {
+    reapStartedChildren();
+}
+
+int currentProcessId() {
+    return static_cast<int>(::getpid());
+}
+
+// ---------------------------------------------------------------------------------------------
+// Modules and paths
+// ---------------------------------------------------------------------------------------------
+
+namespace {
+
+struct MainProgramQuery {
+    std::uintptr_t address = 0;
+    bool inside = false;
+};
+
+// True when `address` lies in a loaded segment of the main program (always the first object
+// dl_iterate_phdr reports).
+bool inMainProgram(const void* address) {
+    MainProgramQuery query;
+    query.address = reinterpret_cast<std::uintptr_t>(address);
+    dl_iterate_phdr(
+        [](dl_phdr_info* info, std::size_t, void* data) -> int {
+            auto* q = static_cast<MainProgramQuery*>(data);
+            for (int i = 0; i < info->dlpi_phnum; ++i) {
+                const ElfW(Phdr)& ph = info->dlpi_phdr[i];
+                if (ph.p_type != PT_LOAD) {
+                    continue;
+                }
+                const std::uintptr_t start = info->dlpi_addr + ph.p_vaddr;
+                if (q->address >= start && q->address < start + ph.p_memsz) {
+                    q->inside = true;
+                }
+            }
+            return 1;  // only the first object
+        },
+        &query);
+    return query.inside;
+}
+
+std::string selfExecutable() {
+    char link[PATH_MAX];
+    const ssize_t n = ::readlink("/proc/self/exe", link, sizeof link - 1);
+    return n > 0 ? std::string(link, static_cast<std::size_t>(n)) : std::string();
+}
+
+}  // namespace
+
+std::string modulePathOf(const void* address) {
+    return guarded(std::string(), [&]() -> std::string {
+        if (address == nullptr) {
+            return {};
+        }
+        Dl_info info{};
+        if (::dladdr(address, &info) == 0) {
+            return {};
+        }
+        // For the main program the loader only knows argv[0], which may be relative or a bare
+        // name: the kernel's link is the reliable answer.
+        if (info.dli_fname == nullptr || info.dli_fname[0] == '\0' || inMainProgram(address)) {
+            return selfExecutable();
+        }
+        if (info.dli_fname[0] != '/') {
+            char resolved[PATH_MAX];
+            if (::realpath(info.dli_fname, resolved) != nullptr) {
+                return resolved;
+            }
+        }
+        return info.dli_fname;
+    });
+}
+
+bool fileExists(const std::string& path) {
+    struct stat st {};
+    return !path.empty() && ::stat(path.c_str(), &st) == 0 && !S_ISDIR(st.st_mode);
+}
+
+bool directoryExists(const std::string& path) {
+    struct stat st {};
+    return !path.empty() && ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+bool makeDirectories(const std::string& path) {
+    return guarded(false, [&] {
+        if (path.empty()) {
+            return false;
+        }
+        // Create every prefix that ends before a separator, then the whole path.
+        for (std::size_t i = 1; i <= path.size(); ++i) {
+            if (i < path.size() && path[i] != '/') {
+                continue;
+            }
+            const std::string prefix = path.substr(0, i);
+            if (::mkdir(prefix.c_str(), 0777) != 0 && errno != EEXIST) {
+                return false;
+            }
+        }
+        return directoryExists(path);
+    });
+}
+
+std::string nativePath(const std::wstring& path) {
+    return guarded(std::string(), [&] {
+        bool ok = true;
+        return detail::wideToUtf8(path, ok);
+    });
+}
+
+std::wstring widePath(const std::string& path) {
+    return guarded(std::wstring(), [&] {
+        bool ok = true;
+        return detail::utf8ToWide(path, ok);
+    });
+}
+
+// ---------------------------------------------------------------------------------------------
+// Code pages
+// ---------------------------------------------------------------------------------------------
+
+namespace {
+
+// The C locale's narrow set taken as 7-bit ASCII, independent of whatever locale the host set.
+std::wstring asciiToWide(const std::string& text, bool& ok) {
+    std::wstring out;
+    out.reserve(text.size());
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte < 0x80) {
+            out.push_back(static_cast<wchar_t>(byte));
+        } else {
+            out.push_back(static_cast<wchar_t>(0xFFFD));
+            ok = false;
+        }
+    }
+    return out;
+}
+
+std::string wideToAscii(const std::wstring& text, bool& ok) {
+    std::string out;
+    out.reserve(text.size());
+    for (const wchar_t c : text) {
+        if (c >= 0 && c < 0x80) {
+            out.push_back(static_cast<char>(c));
+        } else {
+            out.push_back('?');
+            ok = false;
+        }
+    }
+    return out;
+}
+
+// One iconv conversion descriptor, closed on destruction.
+class Iconv {
+public:
+    Iconv(const char* to, const char* from) : cd_(iconv_open(to, from)) {}
+    ~Iconv() {
+        if (valid()) {
+            iconv_close(cd_);
+        }
+    }
+    Iconv(const Iconv&) = delete;
+    Iconv& operator=(const Iconv&) = delete;
+    bool valid() const { return cd_ != reinterpret_cast<iconv_t>(-1); }
+    iconv_t get() const { return cd_; }
+
+private:
+    iconv_t cd_;
+};
+
+// Windows code page 936 is GBK; glibc knows it as CP936, other iconv implementations as GBK.
+const char* const kGbkNames[] = {"CP936", "GBK"};
+
+Iconv* openGbk(bool toGbk, std::unique_ptr<Iconv>& holder) {
+    for (const char* name : kGbkNames) {
+        holder = toGbk ? std::make_unique<Iconv>(name, "WCHAR_T")
+                       : std::make_unique<Iconv>("WCHAR_T", name);
+        if (holder->valid()) {
+            return holder.get();
+        }
+    }
+    return nullptr;
+}
+
+// Runs iconv over `in`, growing the output as needed. An input unit that cannot be converted is
+// skipped (`skip` bytes) and `replacement` is written in its place; a truncated sequence at the
+// end is replaced the same way.
+std::string runIconv(iconv_t cd, const char* inData, std::size_t inSize, std::size_t skip,
+                     const std::string& replacement, bool& ok) {
+    std::string out;
+    std::size_t used = 0;
+    out.resize(inSize * 2 + 16);
+    char* in = const_cast<char*>(inData);
+    std::size_t inLeft = inSize;
+    auto append = [&](const std::string& bytes) {
+        if (out.size() - used < bytes.size()) {
+            out.resize(out.size() * 2 + bytes.size());
+        }
+        std::memcpy(out.data() + used, bytes.data(), bytes.size());
+        used += bytes.size();
+    };
+    while (inLeft > 0) {
+        char* outPtr = out.data() + used;
+        std::size_t outLeft = out.size() - used;
+        const std::size_t r = iconv(cd, &in, &inLeft, &outPtr, &outLeft);
+        used = static_cast<std::size_t>(outPtr - out.data());
+        if (r != static_cast<std::size_t>(-1)) {
+            break;
+        }
+        if (errno == E2BIG) {
+            out.resize(out.size() * 2);
+        } else if (errno == EILSEQ) {
+            ok = false;
+            append(replacement);
+            const std::size_t step = std::min(skip, inLeft);
+            in += step;
+            inLeft -= step;
+        } else {  // EINVAL: incomplete sequence at the end of the input
+            ok = false;
+            append(replacement);
+            break;
+        }
+    }
+    // Flush any shift state (none for GBK, but harmless).
+    for (;;) {
+        char* outPtr = out.data() + used;
+        std::size_t outLeft = out.size() - used;
+        const std::size_t r = iconv(cd, nullptr, nullptr, &outPtr, &outLeft);
+        used = static_cast<std::size_t>(outPtr - out.data());
+        if (r == static_cast<std::size_t>(-1) && errno == E2BIG) {
+            out.resize(out.size() * 2 + 16);
+            continue;
+        }
+        break;
+    }
+    out.resize(used);
+    return out;
+}
+
+std::wstring gbkToWide(const std::string& text, bool& ok) {
+    std::unique_ptr<Iconv> holder;
+    Iconv* cd = openGbk(false, holder);
+    if (cd == nullptr) {
+        ok = false;
+        return {};
+    }
+    const wchar_t replacementChar = static_cast<wchar_t>(0xFFFD);
+    const std::string replacement(reinterpret_cast<const char*>(&replacementChar),
+                                  sizeof replacementChar);
+    const std::string bytes = runIconv(cd->get(), text.data(), text.size(), 1, replacement, ok);
+    std::wstring out(bytes.size() / sizeof(wchar_t), L'\0');
+    std::memcpy(out.data(), bytes.data(), out.size() * sizeof(wchar_t));
+    return out;
+}
+
+std::string wideToGbk(const std::wstring& text, bool& ok) {
+    std::unique_ptr<Iconv> holder;
+    Iconv* cd = openGbk(true, holder);
+    if (cd == nullptr) {
+        ok = false;
+        return {};
+    }
+    return runIconv(cd->get(), reinterpret_cast<const char*>(text.data()),
+                    text.size() * sizeof(wchar_t), sizeof(wchar_t), "?", ok);
+}
+
+}  // namespace
+
+std::wstring toWide(const std::string& text, int codePage, bool* ok) {
+    bool valid = true;
+    std::wstring out = guarded(std::wstring(), [&]() -> std::wstring {
+        switch (codePage) {
+            case kCodePageUtf8:
+                return detail::utf8ToWide(text, valid);
+            case kCodePageGbk:
+                return gbkToWide(text, valid);
+            case kCodePageSystem:
+                return asciiToWide(text, valid);
+            default:
+                valid = false;
+                return {};
+        }
+    });
+    if (ok != nullptr) {
+        *ok = valid;
+    }
+    return out;
+}
+
+std::string toNarrow(const std::wstring& text, int codePage, bool* ok) {
+    bool valid = true;
+    std::string out = guarded(std::string(), [&]() -> std::string {
+        switch (codePage) {
+            case kCodePageUtf8:
+                return detail::wideToUtf8(text, valid);
+            case kCodePageGbk:
+                return wideToGbk(text, valid);
+            case kCodePageSystem:
+                return wideToAscii(text, valid);
+            default:
+                valid = false;
+                return {};
+        }
+    });
+    if (ok != nullptr) {
+        *ok = valid;
+    }
+    return out;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Files
+// ---------------------------------------------------------------------------------------------
+
+bool createFileExclusive(const std::string& path) {
+    if (path.empty()) {
+        return false;
+    }
+    const int fd = ::open(path.c_str(), O_CREAT | O_EXCL | O_RDWR | O_CLOEXEC, 0666);
+    if (fd < 0) {
+        return false;
+    }
+    ::close(fd);
+    return true;
+}
+
+bool fileTimes(const std::string& path, FileTimes& out) {
+    struct stat st {};
+    if (path.empty() || ::stat(path.c_str(), &st) != 0) {
+        return false;
+    }
+    out.created = st.st_ctime;
+    out.modified = st.st_mtime;
+    out.accessed = st.st_atime;
+    out.size = static_cast<int64_t>(st.st_size);
+    return true;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Environment and sockets
+// ---------------------------------------------------------------------------------------------
+
+bool getEnvironment(const char* name, std::string& value) {
+    if (name == nullptr || *name == '\0') {
+        return false;
+    }
+    const char* text = std::getenv(name);
+    if (text == nullptr) {
+        return false;
+    }
+    return guarded(false, [&] {
+        value = text;
+        return true;
+    });
+}
+
+bool socketStartup() {
+    // A handler the host installed itself is left alone.
+    struct sigaction current {};
+    if (::sigaction(SIGPIPE, nullptr, &current) != 0) {
+        return false;
+    }
+    if (current.sa_handler == SIG_DFL && (current.sa_flags & SA_SIGINFO) == 0) {
+        struct sigaction ignore {};
+        ignore.sa_handler = SIG_IGN;
+        sigemptyset(&ignore.sa_mask);
+        return ::sigaction(SIGPIPE, &ignore, nullptr) == 0;
+    }
+    return true;
+}
+
+}  // namespace platform

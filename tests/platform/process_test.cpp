@@ -1,0 +1,221 @@
+#include <dlfcn.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "platform/Platform.h"
+#include "temp_dir.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// Polls `condition` with unscaled sleeps for at most `limitMs`.
+template <typename Condition>
+bool waitFor(Condition condition, int64_t limitMs = 3000) {
+    const int64_t end = platform::steadyMs() + limitMs;
+    while (platform::steadyMs() < end) {
+        if (condition()) {
+            return true;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return condition();
+}
+
+// Ends a started child whatever the test's outcome.
+struct ChildGuard {
+    int pid = -1;
+    ~ChildGuard() {
+        if (pid > 0 && platform::processAlive(pid)) {
+            ::kill(pid, SIGKILL);
+            waitFor([&] { return !platform::processAlive(pid); });
+        }
+    }
+};
+
+std::vector<std::string> readLines(const std::string& path) {
+    std::vector<std::string> lines;
+    std::ifstream in(path);
+    for (std::string line; std::getline(in, line);) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+bool contains(const std::vector<int>& v, int x) {
+    return std::find(v.begin(), v.end(), x) != v.end();
+}
+
+TEST(PlatformProcesses, StartedChildIsFoundByNameThenTerminated) {
+    // A copy under a name of its own, so that parallel tests and other programs are not hit.
+    TempDir dir;
+    ASSERT_FALSE(dir.path().empty());
+    const std::string name = "platform_child_" + std::to_string(::getpid());
+    const std::string exe = dir.file(name);
+    fs::copy_file(PLATFORM_TEST_CHILD, exe);
+
+    ChildGuard child;
+    child.pid = platform::startProcess(exe, {"sleep", "30"});
+    ASSERT_GT(child.pid, 0);
+    EXPECT_TRUE(platform::processAlive(child.pid));
+
+    // The name is longer than the kernel's 15-character command name; ".exe" is ignored.
+    EXPECT_TRUE(waitFor([&] { return contains(platform::findProcessesByName(name), child.pid); }));
+    EXPECT_TRUE(contains(platform::findProcessesByName(name + ".exe"), child.pid));
+    EXPECT_TRUE(contains(platform::findProcessesByName(exe), child.pid));
+    EXPECT_FALSE(contains(platform::findProcessesByName(name.substr(0, 15)), child.pid));
+
+    EXPECT_EQ(platform::terminateProcessesByName(name), 1);
+    EXPECT_TRUE(waitFor([&] { return !platform::processAlive(child.pid); }));
+    EXPECT_TRUE(platform::findProcessesByName(name).empty());
+    EXPECT_EQ(platform::terminateProcessesByName(name), 0);
+}
+
+TEST(PlatformProcesses, ChildGetsArgumentsAndWorkingDirectory) {
+    TempDir dir;
+    ASSERT_FALSE(dir.path().empty());
+    const std::string report = dir.file("report.txt");
+    ChildGuard child;
+    child.pid = platform::startProcess(PLATFORM_TEST_CHILD, {"report", report, "two words", ""},
+                                       dir.path());
+    ASSERT_GT(child.pid, 0);
+    ASSERT_TRUE(waitFor([&] { return !platform::processAlive(child.pid); }));
+
+    const std::vector<std::string> lines = readLines(report);
+    ASSERT_EQ(lines.size(), 4u);
+    EXPECT_EQ(fs::canonical(lines[0]), fs::canonical(dir.path()));
+    EXPECT_EQ(lines[2], "two words");
+    EXPECT_EQ(lines[3], "");
+}
+
+TEST(PlatformProcesses, DefaultWorkingDirectoryIsTheProgramsFolder) {
+    TempDir dir;
+    ASSERT_FALSE(dir.path().empty());
+    const std::string report = dir.file("report.txt");
+    ChildGuard child;
+    child.pid = platform::startProcess(PLATFORM_TEST_CHILD, {"report", report});
+    ASSERT_GT(child.pid, 0);
+    ASSERT_TRUE(waitFor([&] { return !platform::processAlive(child.pid); }));
+    const std::vector<std::string> lines = readLines(report);
+    ASSERT_GE(lines.size(), 1u);
+    EXPECT_EQ(fs::canonical(lines[0]), fs::canonical(fs::path(PLATFORM_TEST_CHILD).parent_path()));
+}
+
+TEST(PlatformProcesses, ChildReadsTheTimeScaleFromTheEnvironment) {
+    TempDir dir;
+    ASSERT_FALSE(dir.path().empty());
+    struct Case {
+        const char* value;
+        double expected;
+    };
+    const Case cases[] = {{"0.01", 0.01}, {" 2.5 ", 2.5}, {"fast", 1.0}, {"-1", 1.0},
+                          {"0", 1.0},     {"inf", 1.0},   {"1e-3x", 1.0}};
+    for (const Case& c : cases) {
+        const std::string report = dir.file("scale.txt");
+        ::setenv(platform::kTimeScaleEnv, c.value, 1);
+        ChildGuard child;
+        child.pid = platform::startProcess(PLATFORM_TEST_CHILD, {"report", report});
+        ::unsetenv(platform::kTimeScaleEnv);
+        ASSERT_GT(child.pid, 0);
+        ASSERT_TRUE(waitFor([&] { return !platform::processAlive(child.pid); }));
+        const std::vector<std::string> lines = readLines(report);
+        ASSERT_GE(lines.size(), 2u) << c.value;
+        EXPECT_DOUBLE_EQ(std::stod(lines[1]), c.expected) << "for \"" << c.value << "\"";
+    }
+}
+
+TEST(PlatformProcesses, MissingProgramIsNotStarted) {
+    EXPECT_EQ(platform::startProcess("/nonexistent/platform_no_such_program"), -1);
+    EXPECT_EQ(platform::startProcess("platform_no_such_program_in_path"), -1);
+    EXPECT_EQ(platform::startProcess(""), -1);
+    TempDir dir;
+    EXPECT_EQ(platform::startProcess(PLATFORM_TEST_CHILD, {}, dir.file("missing_folder")), -1);
+}
+
+TEST(PlatformProcesses, ReapingLeavesForeignChildrenAlone) {
+    const pid_t own = ::fork();
+    if (own == 0) {
+        ::_exit(7);
+    }
+    ASSERT_GT(own, 0);
+    ASSERT_TRUE(waitFor([&] { return !platform::processAlive(own); }));
+    platform::reapChildren();
+    int status = 0;
+    ASSERT_EQ(::waitpid(own, &status, 0), own);
+    EXPECT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 7);
+}
+
+TEST(PlatformProcesses, QueriesOfNothingFindNothing) {
+    EXPECT_FALSE(platform::processAlive(-1));
+    EXPECT_FALSE(platform::processAlive(0));
+    EXPECT_TRUE(platform::processAlive(platform::currentProcessId()));
+    EXPECT_EQ(platform::currentProcessId(), static_cast<int>(::getpid()));
+    EXPECT_TRUE(platform::findProcessesByName("").empty());
+    EXPECT_EQ(platform::terminateProcessesByName("platform_no_such_process_name"), 0);
+}
+
+TEST(PlatformModules, PathOfAnAddressInTheTestProgram) {
+    const std::string path = platform::modulePathOf(reinterpret_cast<const void*>(&readLines));
+    const std::string name = "/platform_tests";
+    ASSERT_GE(path.size(), name.size());
+    EXPECT_EQ(path.substr(path.size() - name.size()), name);
+    EXPECT_EQ(fs::path(path), fs::canonical("/proc/self/exe"));
+    EXPECT_EQ(platform::moduleDirOf(reinterpret_cast<const void*>(&readLines)),
+              path.substr(0, path.size() - name.size()));
+}
+
+TEST(PlatformModules, PathOfAnAddressInASharedLibrary) {
+    // ::iconv_open lives in the C library, a module of its own.
+    void* symbol = ::dlsym(RTLD_DEFAULT, "iconv_open");
+    ASSERT_NE(symbol, nullptr);
+    const std::string path = platform::modulePathOf(symbol);
+    EXPECT_NE(path.find("libc"), std::string::npos) << path;
+    EXPECT_EQ(path.front(), '/');
+    EXPECT_EQ(platform::modulePathOf(nullptr), "");
+    EXPECT_EQ(platform::moduleDirOf(nullptr), "");
+}
+
+TEST(PlatformModules, VersionTextComesFromTheBuild) {
+    EXPECT_STREQ(platform::versionText(), PLATFORM_EXPECTED_VERSION);
+}
+
+TEST(PlatformSockets, StartupIgnoresBrokenPipes) {
+    EXPECT_TRUE(platform::socketStartup());
+    EXPECT_TRUE(platform::socketStartup());
+    struct sigaction current {};
+    ASSERT_EQ(::sigaction(SIGPIPE, nullptr, &current), 0);
+    EXPECT_EQ(current.sa_handler, SIG_IGN);
+
+    int fds[2];
+    ASSERT_EQ(::pipe(fds), 0);
+    ::close(fds[0]);
+    EXPECT_LT(::write(fds[1], "x", 1), 0);  // would have ended the process without the startup
+    ::close(fds[1]);
+}
+
+TEST(PlatformEnvironment, ReadsSetVariablesOnly) {
+    ::setenv("PLATFORM_TEST_VARIABLE", "value 1", 1);
+    std::string value = "untouched";
+    EXPECT_TRUE(platform::getEnvironment("PLATFORM_TEST_VARIABLE", value));
+    EXPECT_EQ(value, "value 1");
+    ::unsetenv("PLATFORM_TEST_VARIABLE");
+    value = "untouched";
+    EXPECT_FALSE(platform::getEnvironment("PLATFORM_TEST_VARIABLE", value));
+    EXPECT_FALSE(platform::getEnvironment(nullptr, value));
+    EXPECT_EQ(value, "untouched");
+}
+
+}  // namespace
