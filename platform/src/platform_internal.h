@@ -19,4 +19,15 @@ int64_t scaledNanoseconds(int64_t ms);
 std::wstring utf8ToWide(const std::string& text, bool& ok);
 std::string wideToUtf8(const std::wstring& text, bool& ok);
 
+// Runs `body` and turns any exception (in practice std::bad_alloc) into `fallback`, so that no
+// exception leaves the layer.
+template <typename Result, typename Body>
+Result guarded(Result fallback, Body&& body) noexcept {
+    try {
+        return body();
+    } catch (...) {
+        return fallback;
+    }
+}
+
 }  // namespace platform::detail

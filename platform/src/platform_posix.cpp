@@ -30,20 +30,7 @@ extern char** environ;
 
 namespace platform {
 
-namespace {
-
-// Runs `body` and turns any exception (in practice std::bad_alloc) into `fallback`, so that no
-// exception leaves the layer.
-template <typename Result, typename Body>
-Result guarded(Result fallback, Body&& body) noexcept {
-    try {
-        return body();
-    } catch (...) {
-        return fallback;
-    }
-}
-
-}  // namespace
+using detail::guarded;
 
 // ---------------------------------------------------------------------------------------------
 // Time
@@ -179,6 +166,38 @@ bool processMatches(const std::string& dir, const std::string& name) {
     return baseName(std::string(cmdline.c_str())) == name;
 }
 
+// Full path of a program name found in PATH (the shell's default when PATH is unset), the way
+// execvp would look it up; empty when there is none. Done before fork, as execvp is no
+// async-signal-safe call.
+std::string searchPath(const std::string& name) {
+    const char* pathList = std::getenv("PATH");
+    const std::string dirs = pathList != nullptr ? pathList : "/usr/local/bin:/usr/bin:/bin";
+    std::size_t start = 0;
+    while (start <= dirs.size()) {
+        std::size_t end = dirs.find(':', start);
+        if (end == std::string::npos) {
+            end = dirs.size();
+        }
+        // An empty entry means the working directory.
+        const std::string dir = end > start ? dirs.substr(start, end - start) : ".";
+        std::string candidate = joinPath(dir, name);
+        struct stat st {};
+        if (::stat(candidate.c_str(), &st) == 0 && S_ISREG(st.st_mode) &&
+            ::access(candidate.c_str(), X_OK) == 0) {
+            if (candidate.front() != '/') {
+                char resolved[PATH_MAX];
+                if (::realpath(candidate.c_str(), resolved) == nullptr) {
+                    return {};
+                }
+                candidate = resolved;
+            }
+            return candidate;
+        }
+        start = end + 1;
+    }
+    return {};
+}
+
 void reapStartedChildren() {
     std::lock_guard<std::mutex> lock(childrenMutex());
     auto& children = startedChildren();
@@ -242,9 +261,13 @@ int startProcess(const std::string& path, const std::vector<std::string>& args,
         reapStartedChildren();
         // Everything the child needs is prepared here: between fork and exec only
         // async-signal-safe calls are allowed.
-        const bool searchPath = path.find('/') == std::string::npos;
         std::string program = path;
-        if (!searchPath && program.front() != '/') {
+        if (path.find('/') == std::string::npos) {
+            program = searchPath(path);
+            if (program.empty()) {
+                return -1;
+            }
+        } else if (program.front() != '/') {
             char cwd[PATH_MAX];
             if (::getcwd(cwd, sizeof cwd) == nullptr) {
                 return -1;
@@ -252,7 +275,7 @@ int startProcess(const std::string& path, const std::vector<std::string>& args,
             program = joinPath(cwd, program);
         }
         std::string dir = workDir;
-        if (dir.empty() && !searchPath) {
+        if (dir.empty()) {
             dir = program.substr(0, program.rfind('/'));
             if (dir.empty()) {
                 dir = "/";
@@ -307,11 +330,7 @@ int startProcess(const std::string& path, const std::vector<std::string>& args,
             if (!dir.empty() && ::chdir(dir.c_str()) != 0) {
                 error = errno;
             } else {
-                if (searchPath) {
-                    ::execvp(argv[0], argv.data());
-                } else {
-                    ::execve(program.c_str(), argv.data(), environ);
-                }
+                ::execve(program.c_str(), argv.data(), environ);
                 error = errno;
             }
             ssize_t ignored = ::write(report[1], &error, sizeof error);

@@ -113,6 +113,25 @@ TEST(PlatformProcesses, DefaultWorkingDirectoryIsTheProgramsFolder) {
     EXPECT_EQ(fs::canonical(lines[0]), fs::canonical(fs::path(PLATFORM_TEST_CHILD).parent_path()));
 }
 
+TEST(PlatformProcesses, BareProgramNameIsLookedUpInPath) {
+    TempDir dir;
+    ASSERT_FALSE(dir.path().empty());
+    const std::string report = dir.file("report.txt");
+    const fs::path child(PLATFORM_TEST_CHILD);
+    const char* oldPath = std::getenv("PATH");
+    const std::string saved = oldPath != nullptr ? oldPath : "";
+    ::setenv("PATH", (dir.path() + ":" + child.parent_path().string() + ":" + saved).c_str(), 1);
+    ChildGuard guard;
+    guard.pid = platform::startProcess(child.filename().string(), {"report", report, "x"});
+    ::setenv("PATH", saved.c_str(), 1);
+    ASSERT_GT(guard.pid, 0);
+    ASSERT_TRUE(waitFor([&] { return !platform::processAlive(guard.pid); }));
+    const std::vector<std::string> lines = readLines(report);
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_EQ(fs::canonical(lines[0]), fs::canonical(child.parent_path()));
+    EXPECT_EQ(lines[2], "x");
+}
+
 TEST(PlatformProcesses, ChildReadsTheTimeScaleFromTheEnvironment) {
     TempDir dir;
     ASSERT_FALSE(dir.path().empty());

@@ -65,8 +65,9 @@ int terminateProcessesByName(const std::string& exeName);
 // Starts `path` detached from the caller with `args` and working directory `workDir` (empty:
 // the program's folder). Returns the process id, or -1 when it could not be started.
 // POSIX: the child runs in a session of its own with standard input from /dev/null and the
-// caller's standard output and error; a `path` without '/' is looked up in PATH, a relative
-// one is taken from the caller's working directory. Windows: the shell's "open" verb.
+// caller's standard output and error; a `path` without '/' is looked up in PATH (its folder is
+// then the program's folder), a relative one is taken from the caller's working directory.
+// Windows: the shell's "open" verb.
 int startProcess(const std::string& path, const std::vector<std::string>& args = {},
                  const std::string& workDir = {});
 

@@ -1,0 +1,505 @@
+// Windows implementation of platform/Platform.h.
+//
+// Narrow paths are in the ANSI code page, as the C runtime's narrow file functions take them;
+// every file system call converts them and uses the wide API.
+#ifndef NOMINMAX
+#define NOMINMAX
+#endif
+#ifndef WIN32_LEAN_AND_MEAN
+#define WIN32_LEAN_AND_MEAN
+#endif
+// winsock2.h must precede windows.h.
+#include <shellapi.h>
+#include <tlhelp32.h>
+#include <windows.h>
+#include <winsock2.h>
+
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <wchar.h>
+
+#include <chrono>
+#include <climits>
+#include <ctime>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/Platform.h"
+#include "platform_internal.h"
+
+namespace platform {
+
+using detail::guarded;
+
+namespace {
+
+// With the "use UTF-8 for worldwide language support" option the ANSI code page is 65001, for
+// which WideCharToMultiByte refuses a default character; the own codec handles that case.
+bool ansiIsUtf8() {
+    return GetACP() == CP_UTF8;
+}
+
+std::wstring apiToWide(UINT codePage, const std::string& text, bool& ok) {
+    if (text.empty()) {
+        return {};
+    }
+    if (text.size() > static_cast<std::size_t>(INT_MAX)) {
+        ok = false;
+        return {};
+    }
+    const int inLength = static_cast<int>(text.size());
+    DWORD flags = MB_ERR_INVALID_CHARS;
+    int n = MultiByteToWideChar(codePage, flags, text.data(), inLength, nullptr, 0);
+    if (n == 0) {
+        // Invalid bytes: convert again, now with the system's replacement characters.
+        ok = false;
+        flags = 0;
+        n = MultiByteToWideChar(codePage, flags, text.data(), inLength, nullptr, 0);
+        if (n == 0) {
+            return {};
+        }
+    }
+    std::wstring out(static_cast<std::size_t>(n), L'\0');
+    n = MultiByteToWideChar(codePage, flags, text.data(), inLength, &out[0], n);
+    out.resize(n > 0 ? static_cast<std::size_t>(n) : 0);
+    return out;
+}
+
+std::string apiToNarrow(UINT codePage, const std::wstring& text, bool& ok) {
+    if (text.empty()) {
+        return {};
+    }
+    if (text.size() > static_cast<std::size_t>(INT_MAX)) {
+        ok = false;
+        return {};
+    }
+    const int inLength = static_cast<int>(text.size());
+    // No best-fit mapping: a character the code page lacks becomes '?' and is reported, instead
+    // of silently turning into a look-alike.
+    const DWORD flags = WC_NO_BEST_FIT_CHARS;
+    BOOL usedDefault = FALSE;
+    int n =
+        WideCharToMultiByte(codePage, flags, text.data(), inLength, nullptr, 0, "?", &usedDefault);
+    if (n == 0) {
+        ok = false;
+        return {};
+    }
+    std::string out(static_cast<std::size_t>(n), '\0');
+    usedDefault = FALSE;
+    n = WideCharToMultiByte(codePage, flags, text.data(), inLength, &out[0], n, "?", &usedDefault);
+    if (usedDefault) {
+        ok = false;
+    }
+    out.resize(n > 0 ? static_cast<std::size_t>(n) : 0);
+    return out;
+}
+
+std::wstring ansiToWide(const std::string& text, bool& ok) {
+    return ansiIsUtf8() ? detail::utf8ToWide(text, ok) : apiToWide(CP_ACP, text, ok);
+}
+
+std::string wideToAnsi(const std::wstring& text, bool& ok) {
+    return ansiIsUtf8() ? detail::wideToUtf8(text, ok) : apiToNarrow(CP_ACP, text, ok);
+}
+
+std::wstring wide(const std::string& path) {
+    return widePath(path);
+}
+
+bool isSeparator(wchar_t c) {
+    return c == L'\\' || c == L'/';
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+// Time
+// ---------------------------------------------------------------------------------------------
+
+void sleepMs(int64_t ms) {
+    if (ms < 0) {
+        return;
+    }
+    const int64_t ns = detail::scaledNanoseconds(ms);
+    if (ns <= 0) {
+        std::this_thread::yield();
+        return;
+    }
+    // The system timer limits the resolution (about 1 ms with a raised timer rate, 15.6 ms
+    // otherwise); scaled waits below that end after one timer tick.
+    std::this_thread::sleep_for(std::chrono::nanoseconds(ns));
+}
+
+bool localTime(std::time_t t, std::tm& out) {
+    return localtime_s(&out, &t) == 0;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Processes
+// ---------------------------------------------------------------------------------------------
+
+namespace {
+
+std::wstring exeNameOf(const std::string& exeName) {
+    std::wstring name = wide(exeName);
+    std::size_t cut = std::wstring::npos;
+    for (std::size_t i = name.size(); i > 0; --i) {
+        if (isSeparator(name[i - 1])) {
+            cut = i;
+            break;
+        }
+    }
+    if (cut != std::wstring::npos) {
+        name.erase(0, cut);
+    }
+    return name;
+}
+
+// The snapshot names carry ".exe"; a name given without it matches too.
+bool nameMatches(const wchar_t* exe, const std::wstring& name) {
+    if (_wcsicmp(exe, name.c_str()) == 0) {
+        return true;
+    }
+    const std::wstring withSuffix = name + L".exe";
+    return _wcsicmp(exe, withSuffix.c_str()) == 0;
+}
+
+// Quotes one argument so that the C runtime's command-line parsing gives it back unchanged:
+// backslashes are literal except before a quote, where they are doubled.
+std::wstring quoteArgument(const std::wstring& arg) {
+    if (!arg.empty() && arg.find_first_of(L" \t\n\v\"") == std::wstring::npos) {
+        return arg;
+    }
+    std::wstring out = L"\"";
+    std::size_t backslashes = 0;
+    for (const wchar_t c : arg) {
+        if (c == L'\\') {
+            ++backslashes;
+            continue;
+        }
+        if (c == L'"') {
+            out.append(backslashes * 2 + 1, L'\\');
+        } else {
+            out.append(backslashes, L'\\');
+        }
+        out.push_back(c);
+        backslashes = 0;
+    }
+    out.append(backslashes * 2, L'\\');
+    out.push_back(L'"');
+    return out;
+}
+
+}  // namespace
+
+std::vector<int> findProcessesByName(const std::string& exeName) {
+    return guarded(std::vector<int>{}, [&] {
+        std::vector<int> found;
+        const std::wstring name = exeNameOf(exeName);
+        if (name.empty()) {
+            return found;
+        }
+        HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
+        if (snapshot == INVALID_HANDLE_VALUE) {
+            return found;
+        }
+        PROCESSENTRY32W entry{};
+        entry.dwSize = sizeof entry;
+        for (BOOL more = Process32FirstW(snapshot, &entry); more;
+             more = Process32NextW(snapshot, &entry)) {
+            if (nameMatches(entry.szExeFile, name)) {
+                found.push_back(static_cast<int>(entry.th32ProcessID));
+            }
+        }
+        CloseHandle(snapshot);
+        return found;
+    });
+}
+
+int terminateProcessesByName(const std::string& exeName) {
+    const std::vector<int> pids = findProcessesByName(exeName);
+    for (const int pid : pids) {
+        HANDLE process = OpenProcess(PROCESS_TERMINATE, FALSE, static_cast<DWORD>(pid));
+        if (process != nullptr) {
+            TerminateProcess(process, 0);
+            CloseHandle(process);
+        }
+    }
+    return static_cast<int>(pids.size());
+}
+
+int startProcess(const std::string& path, const std::vector<std::string>& args,
+                 const std::string& workDir) {
+    return guarded(-1, [&]() -> int {
+        if (path.empty()) {
+            return -1;
+        }
+        const std::wstring file = wide(path);
+        std::wstring dir = wide(workDir);
+        if (dir.empty()) {
+            for (std::size_t i = file.size(); i > 0; --i) {
+                if (isSeparator(file[i - 1])) {
+                    dir = file.substr(0, i - 1);
+                    break;
+                }
+            }
+        } else if (!directoryExists(workDir)) {
+            return -1;
+        }
+        std::wstring parameters;
+        for (const std::string& arg : args) {
+            if (!parameters.empty()) {
+                parameters.push_back(L' ');
+            }
+            parameters += quoteArgument(wide(arg));
+        }
+
+        SHELLEXECUTEINFOW info{};
+        info.cbSize = sizeof info;
+        info.fMask = SEE_MASK_NOCLOSEPROCESS | SEE_MASK_FLAG_NO_UI | SEE_MASK_NOASYNC;
+        info.lpVerb = L"open";
+        info.lpFile = file.c_str();
+        info.lpParameters = parameters.empty() ? nullptr : parameters.c_str();
+        info.lpDirectory = dir.empty() ? nullptr : dir.c_str();
+        info.nShow = SW_SHOWNORMAL;
+        if (!ShellExecuteExW(&info) || info.hProcess == nullptr) {
+            return -1;
+        }
+        const DWORD pid = GetProcessId(info.hProcess);
+        CloseHandle(info.hProcess);
+        return pid == 0 ? -1 : static_cast<int>(pid);
+    });
+}
+
+bool processAlive(int pid) {
+    if (pid <= 0) {
+        return false;
+    }
+    HANDLE process = OpenProcess(SYNCHRONIZE | PROCESS_QUERY_LIMITED_INFORMATION, FALSE,
+                                 static_cast<DWORD>(pid));
+    if (process == nullptr) {
+        // A process of another user that may not be opened still exists.
+        return GetLastError() == ERROR_ACCESS_DENIED;
+    }
+    const bool alive = WaitForSingleObject(process, 0) == WAIT_TIMEOUT;
+    CloseHandle(process);
+    return alive;
+}
+
+// Windows keeps no zombies: nothing to reap.
+void reapChildren() {}
+
+int currentProcessId() {
+    return static_cast<int>(GetCurrentProcessId());
+}
+
+// ---------------------------------------------------------------------------------------------
+// Modules and paths
+// ---------------------------------------------------------------------------------------------
+
+std::string modulePathOf(const void* address) {
+    return guarded(std::string(), [&]() -> std::string {
+        if (address == nullptr) {
+            return {};
+        }
+        HMODULE module = nullptr;
+        const DWORD flags =
+            GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT;
+        if (!GetModuleHandleExW(flags, static_cast<LPCWSTR>(address), &module)) {
+            return {};
+        }
+        // Long paths may exceed MAX_PATH: grow until the name fits.
+        std::wstring buffer(MAX_PATH, L'\0');
+        for (int attempt = 0; attempt < 8; ++attempt) {
+            const DWORD n =
+                GetModuleFileNameW(module, &buffer[0], static_cast<DWORD>(buffer.size()));
+            if (n == 0) {
+                return {};
+            }
+            if (n < buffer.size()) {
+                buffer.resize(n);
+                return nativePath(buffer);
+            }
+            buffer.resize(buffer.size() * 2);
+        }
+        return {};
+    });
+}
+
+bool fileExists(const std::string& path) {
+    if (path.empty()) {
+        return false;
+    }
+    const DWORD attributes = GetFileAttributesW(wide(path).c_str());
+    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) == 0;
+}
+
+bool directoryExists(const std::string& path) {
+    if (path.empty()) {
+        return false;
+    }
+    const DWORD attributes = GetFileAttributesW(wide(path).c_str());
+    return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+}
+
+bool makeDirectories(const std::string& path) {
+    return guarded(false, [&] {
+        if (path.empty()) {
+            return false;
+        }
+        const std::wstring target = wide(path);
+        // Every prefix that ends before a separator, then the whole path. Prefixes that cannot
+        // be created (a drive "C:", a server "\\host") are passed over; the final check decides.
+        for (std::size_t i = 1; i <= target.size(); ++i) {
+            if (i < target.size() && !isSeparator(target[i])) {
+                continue;
+            }
+            const std::wstring prefix = target.substr(0, i);
+            const DWORD attributes = GetFileAttributesW(prefix.c_str());
+            if (attributes == INVALID_FILE_ATTRIBUTES) {
+                CreateDirectoryW(prefix.c_str(), nullptr);
+            }
+        }
+        return directoryExists(path);
+    });
+}
+
+std::string nativePath(const std::wstring& path) {
+    return guarded(std::string(), [&] {
+        bool ok = true;
+        return wideToAnsi(path, ok);
+    });
+}
+
+std::wstring widePath(const std::string& path) {
+    return guarded(std::wstring(), [&] {
+        bool ok = true;
+        return ansiToWide(path, ok);
+    });
+}
+
+// ---------------------------------------------------------------------------------------------
+// Code pages
+// ---------------------------------------------------------------------------------------------
+
+// UTF-8 goes through the own codec on both systems, so that invalid input is replaced the same
+// way everywhere; 936 and the ANSI code page use the system's tables.
+std::wstring toWide(const std::string& text, int codePage, bool* ok) {
+    bool valid = true;
+    std::wstring out = guarded(std::wstring(), [&]() -> std::wstring {
+        switch (codePage) {
+            case kCodePageUtf8:
+                return detail::utf8ToWide(text, valid);
+            case kCodePageGbk:
+                return apiToWide(936, text, valid);
+            case kCodePageSystem:
+                return ansiToWide(text, valid);
+            default:
+                valid = false;
+                return {};
+        }
+    });
+    if (ok != nullptr) {
+        *ok = valid;
+    }
+    return out;
+}
+
+std::string toNarrow(const std::wstring& text, int codePage, bool* ok) {
+    bool valid = true;
+    std::string out = guarded(std::string(), [&]() -> std::string {
+        switch (codePage) {
+            case kCodePageUtf8:
+                return detail::wideToUtf8(text, valid);
+            case kCodePageGbk:
+                return apiToNarrow(936, text, valid);
+            case kCodePageSystem:
+                return wideToAnsi(text, valid);
+            default:
+                valid = false;
+                return {};
+        }
+    });
+    if (ok != nullptr) {
+        *ok = valid;
+    }
+    return out;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Files
+// ---------------------------------------------------------------------------------------------
+
+bool createFileExclusive(const std::string& path) {
+    if (path.empty()) {
+        return false;
+    }
+    HANDLE file = CreateFileW(wide(path).c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ,
+                              nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (file == INVALID_HANDLE_VALUE) {
+        return false;
+    }
+    CloseHandle(file);
+    return true;
+}
+
+bool fileTimes(const std::string& path, FileTimes& out) {
+    if (path.empty()) {
+        return false;
+    }
+    struct _stat64 st {};
+    if (_wstat64(wide(path).c_str(), &st) != 0) {
+        return false;
+    }
+    out.created = static_cast<std::time_t>(st.st_ctime);  // the creation time on Windows
+    out.modified = static_cast<std::time_t>(st.st_mtime);
+    out.accessed = static_cast<std::time_t>(st.st_atime);
+    out.size = static_cast<int64_t>(st.st_size);
+    return true;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Environment and sockets
+// ---------------------------------------------------------------------------------------------
+
+bool getEnvironment(const char* name, std::string& value) {
+    if (name == nullptr || *name == '\0') {
+        return false;
+    }
+    return guarded(false, [&] {
+        std::string buffer(64, '\0');
+        // The value may change between the sizing call and the reading call: retry a few times.
+        for (int attempt = 0; attempt < 4; ++attempt) {
+            SetLastError(ERROR_SUCCESS);
+            const DWORD n =
+                GetEnvironmentVariableA(name, &buffer[0], static_cast<DWORD>(buffer.size()));
+            if (n == 0) {
+                if (GetLastError() == ERROR_ENVVAR_NOT_FOUND) {
+                    return false;
+                }
+                value.clear();  // set, but empty
+                return true;
+            }
+            if (n < buffer.size()) {
+                buffer.resize(n);
+                value = buffer;
+                return true;
+            }
+            buffer.assign(n, '\0');  // n counts the terminating NUL here
+        }
+        return false;
+    });
+}
+
+bool socketStartup() {
+    // Winsock keeps a count of start-ups; one per process is enough and is never undone, so
+    // that sockets stay usable until the process ends.
+    static const bool started = [] {
+        WSADATA data{};
+        return WSAStartup(MAKEWORD(1, 1), &data) == 0;
+    }();
+    return started;
+}
+
+}  // namespace platform
