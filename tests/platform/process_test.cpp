@@ -83,6 +83,28 @@ TEST(PlatformProcesses, StartedChildIsFoundByNameThenTerminated) {
     EXPECT_EQ(platform::terminateProcessesByName(name), 0);
 }
 
+TEST(PlatformProcesses, ZombiesAreNotFound) {
+    // A short name: the kernel's command name alone identifies the ended child.
+    TempDir dir;
+    ASSERT_FALSE(dir.path().empty());
+    const std::string name = "pfz" + std::to_string(::getpid() % 100000);
+    const std::string exe = dir.file(name);
+    fs::copy_file(PLATFORM_TEST_CHILD, exe);
+
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        ::execl(exe.c_str(), name.c_str(), "sleep", "0", static_cast<char*>(nullptr));
+        ::_exit(127);
+    }
+    ASSERT_GT(pid, 0);
+    // Not waited for: it stays a zombie of this process.
+    EXPECT_TRUE(waitFor([&] { return !platform::processAlive(pid); }));
+    EXPECT_FALSE(contains(platform::findProcessesByName(name), pid));
+    EXPECT_EQ(platform::terminateProcessesByName(name), 0);
+    int status = 0;
+    EXPECT_EQ(::waitpid(pid, &status, 0), pid);
+}
+
 TEST(PlatformProcesses, ChildGetsArgumentsAndWorkingDirectory) {
     TempDir dir;
     ASSERT_FALSE(dir.path().empty());
