@@ -139,8 +139,8 @@ std::string toNarrow(const std::wstring& text, int codePage, bool* ok = nullptr)
 // Files
 // ---------------------------------------------------------------------------------------------
 
-// Creates `path` only if it does not exist yet (read/write for the owner, read for others as the
-// umask allows; no handle stays open). True when this call created it.
+// Creates `path` only if it does not exist yet (POSIX mode 0666 less the umask; no handle stays
+// open). True when this call created it.
 bool createFileExclusive(const std::string& path);
 
 struct FileTimes {
