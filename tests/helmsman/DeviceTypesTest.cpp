@@ -60,8 +60,7 @@ TEST(DeviceInfoDefaults, SitAtTheHostsByteOffsets) {
 #if defined(__x86_64__) && defined(__linux__)
     EXPECT_EQ(readAt<double>(&info, 200 + 16), 0.0);
     EXPECT_TRUE(allZero(reinterpret_cast<const unsigned char*>(&info) + 248, 32));
-    EXPECT_EQ(readAt<int32_t>(&info, 280), 0);
-    EXPECT_EQ(readAt<double>(&info, 288), 0.0);
+    EXPECT_TRUE(allZero(reinterpret_cast<const unsigned char*>(&info) + 280, 32));
     EXPECT_EQ(readAt<int32_t>(&info, 312), 0);
     EXPECT_EQ(readAt<int32_t>(&info, 316), -1);
     EXPECT_EQ(readAt<int32_t>(&info, 320), 0);
@@ -201,26 +200,6 @@ TEST(DeviceData, ClearReturnsAFilledRecordToItsConstructedState) {
     fillEverything(d);
     d.clear();
     expectConstructedState(d);
-}
-
-TEST(DeviceData, ClearedRecordCanBeFilledAgain) {
-    tagDeviceData d;
-    fillEverything(d);
-    d.clear();
-    d.markerIds.push_back(9);
-    d.poseMode = 3;
-    EXPECT_EQ(d.markerIds.size(), 1u);
-    EXPECT_EQ(d.poseMode, 3);
-}
-
-TEST(DeviceData, CopiesAreIndependent) {
-    tagDeviceData original;
-    fillEverything(original);
-    tagDeviceData copy = original;
-    original.clear();
-    EXPECT_EQ(copy.poseMode, 3);
-    EXPECT_EQ(copy.markerPoints.size(), 3u);
-    EXPECT_EQ(copy.camera.essential.size(), 3u);
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -214,6 +214,7 @@ struct tagDeviceInfoRange {
 
 struct tagDeviceInfoSetting {
     int32_t key = 0;
+    int32_t padding = 0;  // explicit, so that every byte of a new record is defined
     double value = 0.0;
 };
 
@@ -372,6 +373,7 @@ struct tagEdgeSubpixel {
     float center[3] = {0.0f, 0.0f, 0.0f};
     float normal[3] = {0.0f, 0.0f, 0.0f};
     bool valid = false;
+    uint8_t padding[3] = {0, 0, 0};
 };
 
 // One cutting-edge point with its sub-pixel observations (96 bytes).
