@@ -153,7 +153,11 @@ KeyValue matchKeyValueScan(const std::wstring& text) {
 std::size_t tokenAt(const std::wstring& s, std::size_t p) {
     const Classes& cls = classes();
     if (isNameStart(s[p])) {
+        // A run of name characters, then a run of word characters.
         std::size_t e = p + 1;
+        while (e < s.size() && isNameStart(s[e])) {
+            ++e;
+        }
         while (e < s.size() && cls.isWord(s[e])) {
             ++e;
         }

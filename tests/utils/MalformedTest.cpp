@@ -1,0 +1,80 @@
+// Damaged files: a false result or skipped records, never a crash or a huge allocation.
+#include <gtest/gtest.h>
+
+#include "TempDir.h"
+#include "utils/ConfigEditor.h"
+
+using cfgtest::le32;
+using cfgtest::record;
+using zq::utils::CConfigEditor;
+
+namespace {
+
+class Malformed : public cfgtest::TempDirTest {
+protected:
+    bool loadBinary(const std::string& bytes) {
+        writeBytes(path("b.cfg"), bytes);
+        const bool ok = m_editor.load(wpath("b.cfg"), true, true);
+        EXPECT_EQ(ok, !m_editor.state());
+        return ok;
+    }
+    CConfigEditor m_editor;
+};
+
+}  // namespace
+
+TEST_F(Malformed, WrongMarksSkipTheRecord) {
+    ASSERT_TRUE(loadBinary(le32(3) + record("a = 1", 0x00) + record("b = 2") +
+                           record("c = 3", 0xBE, 0x00)));
+    EXPECT_EQ(m_editor.getConfigFile()->lines.size(), 1u);
+    EXPECT_FALSE(m_editor.contains("a"));
+    EXPECT_EQ(m_editor.getInteger("b"), 2);
+    EXPECT_FALSE(m_editor.contains("c"));
+    EXPECT_EQ(m_editor.getConfigFile()->keyIndex.at(L"b"), 0);
+}
+
+TEST_F(Malformed, AbsurdOrNegativeCountFails) {
+    EXPECT_FALSE(loadBinary(le32(0x7FFFFFFF) + record("a = 1")));
+    EXPECT_FALSE(loadBinary(le32(-1) + record("a = 1")));
+    EXPECT_FALSE(loadBinary(le32(2) + record("a = 1")));  // one record short
+}
+
+TEST_F(Malformed, AbsurdOrTruncatedRecordFails) {
+    const std::string good = record("key = value");
+    EXPECT_FALSE(loadBinary(le32(1) + good.substr(0, good.size() - 1)));
+    EXPECT_FALSE(loadBinary(le32(1) + le32(0x7FFFFFF0) + std::string(8, '\xBE')));
+    EXPECT_FALSE(loadBinary(le32(1) + le32(-5) + std::string(8, '\xBE')));
+    EXPECT_FALSE(loadBinary(le32(1) + le32(0) + std::string("\xBE\xED\x00", 3)));
+    EXPECT_FALSE(loadBinary(std::string("\x01\x00", 2)));
+}
+
+TEST_F(Malformed, EmptyBinaryFileHasNoRecords) {
+    ASSERT_TRUE(loadBinary(""));
+    EXPECT_TRUE(m_editor.getConfigFile()->lines.empty());
+    ASSERT_TRUE(loadBinary(le32(0)));
+    EXPECT_TRUE(m_editor.getConfigFile()->lines.empty());
+}
+
+TEST_F(Malformed, LineEndsAtFirstZeroByteInsideRecord) {
+    std::string r = record("k = abc");
+    r[4 + 1 + 4] = '\0';  // the inverted 'a' becomes a terminator
+    ASSERT_TRUE(loadBinary(le32(1) + r));
+    EXPECT_EQ(m_editor.getConfigFile()->lines.at(0).text, L"k = ");
+}
+
+TEST_F(Malformed, TextWithNulByteIsRefused) {
+    writeBytes(path("t.cfg"), std::string("a = 1\nb = \0x\n", 13));
+    EXPECT_FALSE(m_editor.load(wpath("t.cfg"), false, true));
+    EXPECT_TRUE(m_editor.state());
+}
+
+TEST_F(Malformed, TooLargeFileIsRefused) {
+    writeBytes(path("big.cfg"), std::string(zq::utils::kMaxFileBytes + 1, '\n'));
+    EXPECT_FALSE(m_editor.load(wpath("big.cfg"), false, true));
+    EXPECT_TRUE(m_editor.state());
+}
+
+TEST_F(Malformed, DirectoryIsNotAFile) {
+    EXPECT_FALSE(m_editor.load(m_dir.wstring(), false, true));
+    EXPECT_FALSE(m_editor.load(m_dir.wstring(), true, true));
+}

@@ -1,0 +1,295 @@
+// Loading and saving in both storage forms, save refusals, copies and moves, code pages,
+// long lines, the header note block and file attributes.
+#include <gtest/gtest.h>
+
+#include <regex>
+#include <utility>
+
+#include "TempDir.h"
+#include "platform/Platform.h"
+#include "utils/ConfigEditor.h"
+
+using zq::utils::CConfigEditor;
+using zq::utils::tagConfigFileLine;
+
+namespace {
+
+class Storage : public cfgtest::TempDirTest {
+protected:
+    static std::vector<tagConfigFileLine> lines(const CConfigEditor& e) {
+        return e.getConfigFile() != nullptr ? e.getConfigFile()->lines
+                                            : std::vector<tagConfigFileLine>{};
+    }
+};
+
+const std::string kSample =
+    "# header note\n"
+    "\n"
+    "speed = 12   # mm/s\n"
+    "name: a, b\n"
+    " indented = 1\n"
+    "flag # on\n"
+    "[section]\n"
+    "label = \xE4\xB8\xAD\xE6\x96\x87\n"
+    "trailing = 5   \n";
+
+}  // namespace
+
+TEST_F(Storage, LoadingMissingFileFailsAndLeavesEditorEmpty) {
+    CConfigEditor e(wpath("missing.cfg"));
+    EXPECT_TRUE(e.state());
+    EXPECT_FALSE(e.getBoolean("SaveScanFrame"));
+    EXPECT_FALSE(e.load(L"", false, true));
+    EXPECT_FALSE(e.setBinary(true));
+    EXPECT_FALSE(e.setCodePage(936));
+    EXPECT_FALSE(e.save(true));
+}
+
+TEST_F(Storage, TextLinesSplitAtLineFeeds) {
+    writeBytes(path("t.cfg"), "a = 1\r\n\r\nb = 2\n\nlast = 3");
+    CConfigEditor e(wpath("t.cfg"));
+    ASSERT_FALSE(e.state());
+    const auto l = lines(e);
+    ASSERT_EQ(l.size(), 5u);
+    EXPECT_EQ(l[0].text, L"a = 1");  // carriage return before the line feed dropped
+    EXPECT_EQ(l[1].text, L"");
+    EXPECT_EQ(l[3].text, L"");
+    EXPECT_EQ(l[4].text, L"last = 3");  // final line without line feed taken
+    EXPECT_EQ(e.getInteger("last"), 3);
+
+    writeBytes(path("u.cfg"), "x = 1\n");
+    ASSERT_TRUE(e.load(wpath("u.cfg")));
+    EXPECT_EQ(lines(e).size(), 1u);  // nothing after the final line feed
+}
+
+TEST_F(Storage, UnchangedTextFileIsRewrittenByteForByte) {
+    writeBytes(path("s.cfg"), kSample);
+    {
+        CConfigEditor e(wpath("s.cfg"));
+        ASSERT_FALSE(e.state());
+        EXPECT_EQ(lines(e).size(), 9u);
+        ASSERT_TRUE(e.save(true));
+        EXPECT_EQ(readBytes(path("s.cfg")), kSample);
+        writeBytes(path("s.cfg"), "changed\n");
+    }  // the destructor saves with force
+    EXPECT_EQ(readBytes(path("s.cfg")), kSample);
+}
+
+TEST_F(Storage, BinaryRoundTripGivesTheSameLines) {
+    writeBytes(path("s.cfg"), kSample);
+    CConfigEditor text(wpath("s.cfg"));
+    ASSERT_FALSE(text.state());
+    const auto before = lines(text);
+    ASSERT_TRUE(text.setBinary(true));
+    ASSERT_TRUE(text.save(true));
+    const std::string stored = readBytes(path("s.cfg"));
+    EXPECT_EQ(stored.substr(0, 4), cfgtest::le32(9));
+    EXPECT_EQ(stored.find("speed"), std::string::npos);  // inverted, not readable
+
+    CConfigEditor binary(wpath("s.cfg"), true, true);
+    ASSERT_FALSE(binary.state());
+    EXPECT_EQ(lines(binary), before);
+    EXPECT_EQ(binary.getInteger("speed"), 12);
+    EXPECT_EQ(binary.getWString("label"), L"\u4e2d\u6587");
+}
+
+TEST_F(Storage, BinaryRecordLayout) {
+    writeBytes(path("b.cfg"), "a=1\n");
+    CConfigEditor e(wpath("b.cfg"));
+    ASSERT_TRUE(e.setBinary(true));
+    ASSERT_TRUE(e.save(true));
+    const std::string expected =
+        cfgtest::le32(1) + cfgtest::le32(4) + std::string("\xBE\x9E\xC2\xCE\x00\xED", 6);
+    EXPECT_EQ(readBytes(path("b.cfg")), expected);
+    EXPECT_EQ(cfgtest::le32(1) + cfgtest::record("a=1"), expected);
+}
+
+TEST_F(Storage, ReadOnlyAndUnmodifiedSavesAreRefused) {
+    writeBytes(path("r.cfg"), "k = 1\n");
+    CConfigEditor ro(wpath("r.cfg"), false, true);
+    EXPECT_FALSE(ro.save(false));  // right after load
+    ASSERT_TRUE(ro.modifyi("k", 2));
+    EXPECT_FALSE(ro.save(false));  // read-only
+    EXPECT_EQ(readBytes(path("r.cfg")), "k = 1\n");
+    EXPECT_TRUE(ro.save(true));
+    EXPECT_EQ(readBytes(path("r.cfg")), "k = 2\n");
+
+    CConfigEditor rw(wpath("w.cfg"), false, false);  // created exclusively
+    ASSERT_FALSE(rw.state());
+    EXPECT_TRUE(lines(rw).empty());
+    EXPECT_FALSE(rw.save(false));  // not modified
+    ASSERT_TRUE(rw.modify("k", "v", true));
+    EXPECT_TRUE(rw.save(false));
+    EXPECT_EQ(readBytes(path("w.cfg")), "k = v\n");
+    EXPECT_TRUE(rw.getConfigFile()->modified);  // a save does not clear it
+}
+
+TEST_F(Storage, WritableLoadOfExistingFileFails) {
+    writeBytes(path("e.cfg"), "k = 1\n");
+    CConfigEditor e;
+    EXPECT_FALSE(e.load(wpath("e.cfg"), false, false));
+    EXPECT_TRUE(e.state());
+    EXPECT_EQ(readBytes(path("e.cfg")), "k = 1\n");
+}
+
+TEST_F(Storage, CopyAssignmentRewritesTheTargetFile) {
+    writeBytes(path("src.cfg"), "a = 1\n");
+    writeBytes(path("dst.cfg"), "b = 2\n");
+    CConfigEditor src(wpath("src.cfg"));
+    CConfigEditor dst(wpath("dst.cfg"));
+    ASSERT_TRUE(src.modifyi("a", 5));
+    dst = src;
+    EXPECT_EQ(readBytes(path("dst.cfg")), "a = 5\n");
+    EXPECT_EQ(dst.getConfigFile()->fileName, wpath("dst.cfg"));
+    EXPECT_EQ(dst.getInteger("a"), 5);
+    EXPECT_FALSE(dst.contains("b"));
+    // A deep copy: changing one does not change the other.
+    ASSERT_TRUE(dst.modifyi("a", 6));
+    EXPECT_EQ(src.getInteger("a"), 5);
+    EXPECT_EQ(readBytes(path("src.cfg")), "a = 1\n");
+
+    // Copy construction keeps the source's name and rewrites it at once.
+    CConfigEditor copy(src);
+    EXPECT_EQ(readBytes(path("src.cfg")), "a = 5\n");
+    EXPECT_EQ(copy.getConfigFile()->fileName, wpath("src.cfg"));
+
+    // Copying an empty editor empties the target without writing.
+    const CConfigEditor empty;
+    dst = empty;
+    EXPECT_TRUE(dst.state());
+    EXPECT_EQ(readBytes(path("dst.cfg")), "a = 5\n");
+}
+
+TEST_F(Storage, MoveTakesTheFileOver) {
+    writeBytes(path("m.cfg"), "a = 1\n");
+    CConfigEditor a(wpath("m.cfg"));
+    CConfigEditor b(std::move(a));
+    EXPECT_TRUE(a.state());  // NOLINT(bugprone-use-after-move): moved-from is empty
+    EXPECT_EQ(b.getInteger("a"), 1);
+    CConfigEditor c;
+    c = std::move(b);
+    EXPECT_TRUE(b.state());  // NOLINT(bugprone-use-after-move)
+    EXPECT_EQ(c.getInteger("a"), 1);
+}
+
+TEST_F(Storage, CloseSavesOnlyWhenAsked) {
+    writeBytes(path("c.cfg"), "a = 1\n");
+    CConfigEditor e(wpath("c.cfg"));
+    ASSERT_TRUE(e.modifyi("a", 2));
+    e.close(false);
+    EXPECT_TRUE(e.state());
+    EXPECT_EQ(readBytes(path("c.cfg")), "a = 1\n");
+    ASSERT_TRUE(e.load(wpath("c.cfg")));
+    ASSERT_TRUE(e.modifyi("a", 3));
+    e.close(true);
+    EXPECT_TRUE(e.state());
+    EXPECT_EQ(readBytes(path("c.cfg")), "a = 3\n");
+}
+
+TEST_F(Storage, CodePage936ConvertsValuesAndSavesWhileReloadDecodesUtf8) {
+    const std::string utf8 = "\xE4\xB8\xAD\xE6\x96\x87";  // two CJK characters
+    const std::string gbk = "\xD6\xD0\xCE\xC4";
+    writeBytes(path("g.cfg"), "name = " + utf8 + "\n");
+    CConfigEditor e(wpath("g.cfg"));
+    ASSERT_TRUE(e.setCodePage(936));
+    EXPECT_EQ(e.getString("name"), gbk);
+    EXPECT_EQ(e.getWString("name"), L"\u4e2d\u6587");
+    EXPECT_EQ(e.toWString(gbk), L"\u4e2d\u6587");
+    ASSERT_TRUE(e.save(true));
+    EXPECT_EQ(readBytes(path("g.cfg")), "name = " + gbk + "\n");
+
+    ASSERT_TRUE(e.load(wpath("g.cfg")));
+    EXPECT_EQ(e.getConfigFile()->codePage, 65001);
+    EXPECT_NE(e.getWString("name"), L"\u4e2d\u6587");
+    EXPECT_EQ(e.getWString("name"), platform::toWide(gbk, 65001));
+}
+
+TEST_F(Storage, InvalidUtf8IsReplacedNotFatal) {
+    writeBytes(path("i.cfg"), "k = \xFF\xFE\xC3\n");
+    CConfigEditor e(wpath("i.cfg"));
+    ASSERT_FALSE(e.state());
+    EXPECT_TRUE(e.contains("k"));
+    EXPECT_FALSE(e.getWString("k").empty());
+}
+
+TEST_F(Storage, LongTextLinesAreKeptWhole) {
+    const std::string longValue(5000, 'x');
+    const std::string huge(200000, 'y');
+    const std::string content =
+        "before = 1\nlong = " + longValue + "  # n\nhuge = " + huge + "\nafter = 2\n";
+    writeBytes(path("l.cfg"), content);
+    CConfigEditor e(wpath("l.cfg"));
+    ASSERT_FALSE(e.state());
+    EXPECT_EQ(lines(e).size(), 4u);
+    EXPECT_EQ(e.getString("long"), longValue);
+    EXPECT_EQ(e.getString("huge"), huge);
+    EXPECT_EQ(e.getInteger("after"), 2);
+    EXPECT_EQ(e.getVecString("huge").size(), 1u);
+    ASSERT_TRUE(e.save(true));
+    EXPECT_EQ(readBytes(path("l.cfg")), content);
+
+    ASSERT_TRUE(e.setBinary(true));
+    ASSERT_TRUE(e.save(true));
+    CConfigEditor b(wpath("l.cfg"), true, true);
+    EXPECT_EQ(b.getString("huge"), huge);
+}
+
+TEST_F(Storage, HeaderNoteBlock) {
+    writeBytes(path("cfg.ini"), "a = 1\n");
+    CConfigEditor e(wpath("cfg.ini"));
+    ASSERT_NE(e.getConfigFile(), nullptr);
+    const std::wstring title = zq::utils::getConfigEditTitle(*e.getConfigFile());
+    const std::wregex pattern(
+        L"# File Name: cfg\\.ini\n# File Ext: ini\n# Code Page: UTF8\n# Version: 3\\.2\\.0\\.6\n"
+        L"# Create Time: \\d{4}\x04\\d{2}\x14\\d{2}\x08, \\d{2}:\\d{2}:\\d{2}\n"
+        L"# Modify Time: \\d{4}\x04\\d{2}\x14\\d{2}\x08, \\d{2}:\\d{2}:\\d{2}\n");
+    EXPECT_TRUE(std::regex_match(title, pattern));
+
+    // As note lines the block carries no keys.
+    std::size_t start = 0;
+    for (std::size_t nl = title.find(L'\n'); nl != std::wstring::npos;
+         start = nl + 1, nl = title.find(L'\n', start)) {
+        EXPECT_TRUE(tagConfigFileLine(title.substr(start, nl - start)).key.empty());
+    }
+
+    zq::utils::tagConfigFile plain;
+    plain.fileName = L"dir\\sub/noext";
+    plain.codePage = 936;
+    const std::wstring other = zq::utils::getConfigEditTitle(plain);
+    EXPECT_EQ(other.find(L"# File Name: noext\n# File Ext: noext\n# Code Page: GB2312\n"), 0u);
+    plain.codePage = 1252;
+    EXPECT_NE(zq::utils::getConfigEditTitle(plain).find(L"# Code Page: 1252\n"),
+              std::wstring::npos);
+}
+
+TEST_F(Storage, FileAttributes) {
+    zq::utils::FileAttribute attribute;
+    attribute.size = -7;
+    EXPECT_FALSE(zq::utils::getFileAttribute(wpath("missing"), attribute));
+    EXPECT_EQ(attribute.size, -7);
+    writeBytes(path("f.cfg"), "12345");
+    ASSERT_TRUE(zq::utils::getFileAttribute(wpath("f.cfg"), attribute));
+    EXPECT_EQ(attribute.size, 5);
+    EXPECT_EQ(attribute.modifyTime.size(), 21u);  // YYYY?MM?DD?, hh:mm:ss
+    EXPECT_EQ(attribute.modifyTime[4], L'\x04');
+}
+
+TEST(Encryption, InvertsEveryByte) {
+    EXPECT_EQ(zq::utils::encryption(""), "");
+    EXPECT_EQ(zq::utils::encryption(std::string(1, '\0')), "\xFF");
+    EXPECT_EQ(zq::utils::encryption("\x0F\xF0"), "\xF0\x0F");
+    const std::string text = "key = value";
+    EXPECT_EQ(zq::utils::encryption(zq::utils::encryption(text)), text);
+}
+
+TEST_F(Storage, ModuleWideDebugEditor) {
+    CConfigEditor& editor = zq::utils::debugConfig();
+    EXPECT_EQ(&editor, &zq::utils::debugConfig());
+    EXPECT_TRUE(editor.state());  // constructed empty
+    writeBytes(path("Debug.dbg"), "SaveScanFrame = 1\n");
+    ASSERT_TRUE(editor.load(platform::joinPath(m_dir.wstring(), zq::utils::kDebugConfigFileName),
+                            false, true));
+    EXPECT_TRUE(editor.getBoolean(zq::utils::kSaveScanFrameKey));
+    editor.close(false);
+    EXPECT_TRUE(editor.state());
+}

@@ -1,0 +1,63 @@
+// A fresh temporary directory per test, removed afterwards, with small file helpers.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+
+namespace cfgtest {
+
+class TempDirTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        std::string pattern = (std::filesystem::temp_directory_path() / "cfgedit-XXXXXX").string();
+        ASSERT_NE(mkdtemp(&pattern[0]), nullptr);
+        m_dir = pattern;
+    }
+    void TearDown() override {
+        std::error_code ec;
+        std::filesystem::remove_all(m_dir, ec);
+    }
+
+    std::string path(const std::string& name) const { return (m_dir / name).string(); }
+    std::wstring wpath(const std::string& name) const { return (m_dir / name).wstring(); }
+
+    static void writeBytes(const std::string& file, const std::string& bytes) {
+        std::ofstream out(file, std::ios::binary | std::ios::trunc);
+        out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    }
+    static std::string readBytes(const std::string& file) {
+        std::ifstream in(file, std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    }
+
+    std::filesystem::path m_dir;
+};
+
+// Little-endian int32 as the binary form stores it.
+inline std::string le32(int32_t v) {
+    std::string out;
+    for (int i = 0; i < 4; ++i) {
+        out.push_back(static_cast<char>((static_cast<uint32_t>(v) >> (8 * i)) & 0xFFu));
+    }
+    return out;
+}
+
+// One binary record of `line` (bytes in the file's code page) with the given marks.
+inline std::string record(const std::string& line, unsigned char start = 0xBE,
+                          unsigned char end = 0xED) {
+    std::string out = le32(static_cast<int32_t>(line.size() + 1));
+    out.push_back(static_cast<char>(start));
+    for (char c : line) {
+        out.push_back(static_cast<char>(~static_cast<unsigned char>(c)));
+    }
+    out.push_back('\0');
+    out.push_back(static_cast<char>(end));
+    return out;
+}
+
+}  // namespace cfgtest
