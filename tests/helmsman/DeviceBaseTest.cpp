@@ -1,8 +1,6 @@
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <atomic>
-#include <climits>
 #include <functional>
 #include <stdexcept>
 #include <string>
@@ -307,17 +305,6 @@ TEST(DeviceCallbacks, RegistrationIsSafeWhileAnotherThreadCallsBack) {
 // Host folders
 // ---------------------------------------------------------------------------------------------
 
-std::wstring executableFolder() {
-    char buffer[PATH_MAX] = {};
-    const ssize_t n = ::readlink("/proc/self/exe", buffer, sizeof(buffer) - 1);
-    if (n <= 0) {
-        return std::wstring();
-    }
-    std::string path(buffer, static_cast<size_t>(n));
-    path.erase(path.rfind('/'));
-    return platform::widePath(path);
-}
-
 class HostFolders : public testing::Test {
 protected:
     void TearDown() override {
@@ -328,8 +315,8 @@ protected:
 };
 
 TEST_F(HostFolders, AnnexDefaultsToTheFolderOfTheModuleHoldingTheLibrary) {
-    // helmsman is linked statically into this test program.
-    const std::wstring expected = executableFolder();
+    // libHelmsman.so is built into the annex folder, beside the device module.
+    const std::wstring expected = platform::widePath(PATHFINDER_TEST_ANNEX_DIR);
     ASSERT_FALSE(expected.empty());
     EXPECT_EQ(CDeviceBase::getAnnexPath(), expected);
 }
