@@ -1,0 +1,336 @@
+#include "MarkerLibrary.h"
+
+#include <algorithm>
+#include <cmath>
+#include <utility>
+
+#include "Geometry.h"
+
+namespace Quill::detail {
+
+void MarkerLibrary::reset(double linkRadius, double minSide) {
+    linkRadius_ = linkRadius > 1e-3 ? linkRadius : 1e-3;
+    minSide_ = minSide > 0.0 ? minSide : 0.0;
+    live_ = 0;
+    pos.clear();
+    nrm.clear();
+    value.clear();
+    label.clear();
+    weight.clear();
+    hasNormal.clear();
+    alive.clear();
+    linked.clear();
+    fine_.reset(kFineCell);
+    coarse_.reset(linkRadius_);
+    nbrId_.clear();
+    nbrDist_.clear();
+    nbrCount_.clear();
+    tris_.clear();
+    triKeys_.assign(1024, kEmpty);
+    triHeads_.assign(1024, -1);
+    triUsed_ = 0;
+}
+
+double MarkerLibrary::suggestLinkRadius(const std::vector<Eigen::Vector3d>& pts, double minSide) {
+    const std::size_t n = pts.size();
+    std::vector<double> nn;
+    nn.reserve(n);
+    // Small sets only (a frame, or a sample of a large set): quadratic is fine.
+    const std::size_t step = n > 64 ? n / 64 : 1;
+    for (std::size_t i = 0; i < n; i += step) {
+        double best = 1e300;
+        for (std::size_t j = 0; j < n; ++j) {
+            if (j == i)
+                continue;
+            const double d = (pts[i] - pts[j]).norm();
+            if (d > minSide && d < best)
+                best = d;
+        }
+        if (best < 1e299)
+            nn.push_back(best);
+    }
+    if (nn.empty()) {
+        return 100.0;
+    }
+    std::nth_element(nn.begin(), nn.begin() + static_cast<std::ptrdiff_t>(nn.size() / 2), nn.end());
+    const double median = nn[nn.size() / 2];
+    return std::max(6.0 * median, 5.0 * std::max(minSide, 1.0));
+}
+
+void MarkerLibrary::reserve(int n) {
+    if (n <= 0)
+        return;
+    const auto un = static_cast<std::size_t>(n);
+    pos.reserve(un);
+    nrm.reserve(un);
+    value.reserve(un);
+    label.reserve(un);
+    weight.reserve(un);
+    hasNormal.reserve(un);
+    alive.reserve(un);
+    linked.reserve(un);
+    nbrId_.reserve(un * kNeighbours);
+    nbrDist_.reserve(un * kNeighbours);
+    nbrCount_.reserve(un);
+}
+
+int MarkerLibrary::add(const Eigen::Vector3d& p, const Eigen::Vector3d& n, bool hasN, double v,
+                       int lab, bool doLink) {
+    const int id = static_cast<int>(pos.size());
+    pos.push_back(p);
+    nrm.push_back(hasN ? n : Eigen::Vector3d::Zero());
+    value.push_back(v);
+    label.push_back(lab);
+    weight.push_back(1);
+    hasNormal.push_back(hasN ? 1 : 0);
+    alive.push_back(1);
+    linked.push_back(0);
+    nbrId_.resize(nbrId_.size() + kNeighbours, -1);
+    nbrDist_.resize(nbrDist_.size() + kNeighbours, 0.0f);
+    nbrCount_.push_back(0);
+    ++live_;
+    fine_.insert(id, p);
+    if (doLink) {
+        link(id);
+    }
+    return id;
+}
+
+void MarkerLibrary::offerNeighbour(int x, int y, double d) {
+    const std::size_t base = static_cast<std::size_t>(x) * kNeighbours;
+    int cnt = nbrCount_[static_cast<std::size_t>(x)];
+    if (cnt == kNeighbours && d >= nbrDist_[base + kNeighbours - 1]) {
+        return;
+    }
+    // Insert y in distance order, dropping the farthest when the list is full.
+    int at = cnt < kNeighbours ? cnt : kNeighbours - 1;
+    while (at > 0 && nbrDist_[base + static_cast<std::size_t>(at) - 1] > d) {
+        nbrId_[base + static_cast<std::size_t>(at)] =
+            nbrId_[base + static_cast<std::size_t>(at) - 1];
+        nbrDist_[base + static_cast<std::size_t>(at)] =
+            nbrDist_[base + static_cast<std::size_t>(at) - 1];
+        --at;
+    }
+    nbrId_[base + static_cast<std::size_t>(at)] = y;
+    nbrDist_[base + static_cast<std::size_t>(at)] = static_cast<float>(d);
+    if (cnt < kNeighbours) {
+        ++cnt;
+        nbrCount_[static_cast<std::size_t>(x)] = static_cast<unsigned char>(cnt);
+    }
+    for (int k = 0; k < cnt; ++k) {
+        const int c = nbrId_[base + static_cast<std::size_t>(k)];
+        if (c != y) {
+            fileTriangle(x, y, c);
+        }
+    }
+}
+
+void MarkerLibrary::link(int id) {
+    if (id < 0 || id >= slots() || linked[static_cast<std::size_t>(id)] ||
+        !alive[static_cast<std::size_t>(id)]) {
+        return;
+    }
+    const Eigen::Vector3d p = pos[static_cast<std::size_t>(id)];
+    const double r2 = linkRadius_ * linkRadius_;
+    const double min2 = minSide_ * minSide_;
+    std::vector<std::pair<double, int>> cand;
+    coarse_.forEachNear(p, linkRadius_, [&](int y) {
+        const double d2 = (pos[static_cast<std::size_t>(y)] - p).squaredNorm();
+        if (d2 <= r2 && d2 >= min2 && alive[static_cast<std::size_t>(y)]) {
+            cand.emplace_back(std::sqrt(d2), y);
+        }
+    });
+    // The new marker's own list: its nearest markers, with their triangles filed once.
+    const std::size_t k = std::min<std::size_t>(cand.size(), kNeighbours);
+    std::partial_sort(cand.begin(), cand.begin() + static_cast<std::ptrdiff_t>(k), cand.end());
+    const std::size_t base = static_cast<std::size_t>(id) * kNeighbours;
+    for (std::size_t j = 0; j < k; ++j) {
+        nbrId_[base + j] = cand[j].second;
+        nbrDist_[base + j] = static_cast<float>(cand[j].first);
+    }
+    nbrCount_[static_cast<std::size_t>(id)] = static_cast<unsigned char>(k);
+    for (std::size_t a = 0; a < k; ++a) {
+        for (std::size_t b = a + 1; b < k; ++b) {
+            fileTriangle(id, nbrId_[base + a], nbrId_[base + b]);
+        }
+    }
+    // Then the markers that now have it among their nearest.
+    for (const auto& c : cand) {
+        offerNeighbour(c.second, id, c.first);
+    }
+    linked[static_cast<std::size_t>(id)] = 1;
+    coarse_.insert(id, p);
+}
+
+void MarkerLibrary::linkAll() {
+    // Batch path: every unlinked marker goes into the coarse grid first, then each takes
+    // its nearest neighbours once, and each anchor files its triangles once.
+    std::vector<int> fresh;
+    for (int i = 0; i < slots(); ++i) {
+        if (!linked[static_cast<std::size_t>(i)] && alive[static_cast<std::size_t>(i)]) {
+            fresh.push_back(i);
+        }
+    }
+    if (fresh.empty())
+        return;
+    bool wasEmpty = true;
+    for (unsigned char l : linked) {
+        if (l) {
+            wasEmpty = false;
+            break;
+        }
+    }
+    if (!wasEmpty) {
+        for (int i : fresh)
+            link(i);
+        return;
+    }
+    for (int i : fresh) {
+        coarse_.insert(i, pos[static_cast<std::size_t>(i)]);
+        linked[static_cast<std::size_t>(i)] = 1;
+    }
+    const double r2 = linkRadius_ * linkRadius_;
+    const double min2 = minSide_ * minSide_;
+    std::vector<std::pair<double, int>> cand;
+    for (int i : fresh) {
+        const Eigen::Vector3d p = pos[static_cast<std::size_t>(i)];
+        cand.clear();
+        coarse_.forEachNear(p, linkRadius_, [&](int y) {
+            if (y == i)
+                return;
+            const double d2 = (pos[static_cast<std::size_t>(y)] - p).squaredNorm();
+            if (d2 <= r2 && d2 >= min2)
+                cand.emplace_back(d2, y);
+        });
+        const std::size_t k = std::min<std::size_t>(cand.size(), kNeighbours);
+        std::partial_sort(cand.begin(), cand.begin() + static_cast<std::ptrdiff_t>(k), cand.end());
+        const std::size_t base = static_cast<std::size_t>(i) * kNeighbours;
+        for (std::size_t j = 0; j < k; ++j) {
+            nbrId_[base + j] = cand[j].second;
+            nbrDist_[base + j] = static_cast<float>(std::sqrt(cand[j].first));
+        }
+        nbrCount_[static_cast<std::size_t>(i)] = static_cast<unsigned char>(k);
+        for (std::size_t a = 0; a < k; ++a) {
+            for (std::size_t b = a + 1; b < k; ++b) {
+                fileTriangle(i, nbrId_[base + a], nbrId_[base + b]);
+            }
+        }
+    }
+}
+
+void MarkerLibrary::relinkAll() {
+    coarse_.reset(linkRadius_);
+    std::fill(nbrId_.begin(), nbrId_.end(), -1);
+    std::fill(nbrCount_.begin(), nbrCount_.end(), static_cast<unsigned char>(0));
+    std::fill(linked.begin(), linked.end(), static_cast<unsigned char>(0));
+    tris_.clear();
+    std::fill(triKeys_.begin(), triKeys_.end(), kEmpty);
+    std::fill(triHeads_.begin(), triHeads_.end(), -1);
+    triUsed_ = 0;
+    linkAll();
+}
+
+void MarkerLibrary::movePoint(int id, const Eigen::Vector3d& p) {
+    const auto u = static_cast<std::size_t>(id);
+    fine_.move(id, pos[u], p);
+    if (linked[u]) {
+        coarse_.move(id, pos[u], p);
+    }
+    pos[u] = p;
+}
+
+void MarkerLibrary::retire(int id) {
+    const auto u = static_cast<std::size_t>(id);
+    if (id < 0 || id >= slots() || !alive[u])
+        return;
+    fine_.remove(id, pos[u]);
+    if (linked[u])
+        coarse_.remove(id, pos[u]);
+    alive[u] = 0;
+    --live_;
+}
+
+void MarkerLibrary::fileTriangle(int a, int b, int c) {
+    const Eigen::Vector3d& pa = pos[static_cast<std::size_t>(a)];
+    const Eigen::Vector3d& pb = pos[static_cast<std::size_t>(b)];
+    const Eigen::Vector3d& pc = pos[static_cast<std::size_t>(c)];
+    double dab = (pb - pa).norm();
+    double dac = (pc - pa).norm();
+    const double dbc = (pc - pb).norm();
+    if (dab < minSide_ || dac < minSide_ || dbc < minSide_)
+        return;
+    if (triangleShape(pa, pb, pc) < kMinShape)
+        return;
+    if (dab > dac) {
+        std::swap(b, c);
+        std::swap(dab, dac);
+    }
+    const std::size_t s = triFindOrAdd(triKey(qlo(dab), qlo(dac), qlo(dbc)));
+    tris_.push_back(Tri{a, b, c, triHeads_[s]});
+    triHeads_[s] = static_cast<int>(tris_.size() - 1);
+}
+
+std::size_t MarkerLibrary::triFind(std::uint64_t key) const {
+    const std::size_t mask = triKeys_.size() - 1;
+    std::uint64_t h = key * 0x9E3779B97F4A7C15ULL;
+    h ^= h >> 29;
+    for (std::size_t s = static_cast<std::size_t>(h) & mask;; s = (s + 1) & mask) {
+        if (triKeys_[s] == key)
+            return s;
+        if (triKeys_[s] == kEmpty)
+            return kNone;
+    }
+}
+
+std::size_t MarkerLibrary::triFindOrAdd(std::uint64_t key) {
+    if ((triUsed_ + 1) * 2 > triKeys_.size())
+        triGrow();
+    const std::size_t mask = triKeys_.size() - 1;
+    std::uint64_t h = key * 0x9E3779B97F4A7C15ULL;
+    h ^= h >> 29;
+    for (std::size_t s = static_cast<std::size_t>(h) & mask;; s = (s + 1) & mask) {
+        if (triKeys_[s] == key)
+            return s;
+        if (triKeys_[s] == kEmpty) {
+            triKeys_[s] = key;
+            triHeads_[s] = -1;
+            ++triUsed_;
+            return s;
+        }
+    }
+}
+
+void MarkerLibrary::triGrow() {
+    std::vector<std::uint64_t> oldKeys(triKeys_.size() * 2, kEmpty);
+    std::vector<int> oldHeads(triKeys_.size() * 2, -1);
+    oldKeys.swap(triKeys_);
+    oldHeads.swap(triHeads_);
+    const std::size_t mask = triKeys_.size() - 1;
+    for (std::size_t i = 0; i < oldKeys.size(); ++i) {
+        if (oldKeys[i] == kEmpty)
+            continue;
+        std::uint64_t h = oldKeys[i] * 0x9E3779B97F4A7C15ULL;
+        h ^= h >> 29;
+        std::size_t s = static_cast<std::size_t>(h) & mask;
+        while (triKeys_[s] != kEmpty)
+            s = (s + 1) & mask;
+        triKeys_[s] = oldKeys[i];
+        triHeads_[s] = oldHeads[i];
+    }
+}
+
+std::size_t MarkerLibrary::memoryBytes() const {
+    std::size_t b = 0;
+    b += pos.capacity() * sizeof(Eigen::Vector3d) + nrm.capacity() * sizeof(Eigen::Vector3d);
+    b += value.capacity() * sizeof(double) + label.capacity() * sizeof(int) +
+         weight.capacity() * sizeof(int);
+    b += hasNormal.capacity() + alive.capacity() + linked.capacity();
+    b += fine_.memoryBytes() + coarse_.memoryBytes();
+    b += nbrId_.capacity() * sizeof(int) + nbrDist_.capacity() * sizeof(float) +
+         nbrCount_.capacity();
+    b += tris_.capacity() * sizeof(Tri) + triKeys_.capacity() * sizeof(std::uint64_t) +
+         triHeads_.capacity() * sizeof(int);
+    return b;
+}
+
+}  // namespace Quill::detail

@@ -1,0 +1,271 @@
+#include "quill/MyMatchMarkClass_update.h"
+
+#include <algorithm>
+#include <cmath>
+#include <exception>
+#include <new>
+
+#include "MatcherState.h"
+#include "Registration.h"
+
+namespace Quill {
+
+using detail::MarkerLibrary;
+using detail::MatcherState;
+using detail::MovingSet;
+
+namespace detail {
+
+void MatcherState::storeResult(const RegistrationResult& r, const MovingSet& mv,
+                               const std::vector<int>* toCaller) {
+    status = r.status;
+    flags.assign(static_cast<std::size_t>(mv.callerCount), -1);
+    if (r.status != kMatchOk) {
+        transform.setIdentity();
+        matchN = 0;
+        err = 0.0f;
+        return;
+    }
+    transform.setIdentity();
+    transform.topLeftCorner<3, 3>() = r.R;
+    transform.topRightCorner<3, 1>() = r.t;
+    matchN = r.matched;
+    err = static_cast<float>(r.rms);
+    for (std::size_t i = 0; i < r.match.size(); ++i) {
+        const int id = r.match[i];
+        if (id >= 0) {
+            flags[static_cast<std::size_t>(mv.src[i])] =
+                toCaller != nullptr ? (*toCaller)[static_cast<std::size_t>(id)] : id;
+        }
+    }
+}
+
+}  // namespace detail
+
+MyMatchMarkClass_update::MyMatchMarkClass_update() : d_(new MatcherState()) {}
+MyMatchMarkClass_update::~MyMatchMarkClass_update() = default;
+
+void MyMatchMarkClass_update::set_use_nor(int on) {
+    d_->settings.use_nor = on != 0 ? 1 : 0;
+}
+void MyMatchMarkClass_update::set_diff_nor_cos(float v) {
+    d_->settings.diff_nor_cos = v;
+}
+void MyMatchMarkClass_update::set_max_final_err(float v) {
+    d_->settings.max_final_err = v;
+}
+void MyMatchMarkClass_update::set_max_inline_mark_dis(float v) {
+    d_->settings.max_inline_mark_dis = v;
+}
+void MyMatchMarkClass_update::set_max_mark2mark_dis(float v) {
+    d_->settings.max_mark2mark_dis = v;
+}
+void MyMatchMarkClass_update::set_max_nor_cos(float v) {
+    d_->settings.max_nor_cos = v;
+}
+void MyMatchMarkClass_update::set_min_final_match_n(int v) {
+    d_->settings.min_final_match_n = v;
+}
+void MyMatchMarkClass_update::set_max_near_same_mark_dis(float v) {
+    d_->settings.max_near_same_mark_dis = v;
+}
+void MyMatchMarkClass_update::set_max_err_for_three_mark(float v) {
+    d_->settings.max_err_for_three_mark = v;
+}
+void MyMatchMarkClass_update::set_max_second_final_err(float v) {
+    d_->settings.max_second_final_err = v;
+}
+void MyMatchMarkClass_update::set_su_point_percentage(float v) {
+    d_->settings.su_point_percentage = v;
+}
+const MatchSettings& MyMatchMarkClass_update::get_settings() const {
+    return d_->settings;
+}
+
+int MyMatchMarkClass_update::MarkRegistration(mark_data* moving, int n, mark_data* fixed, int m,
+                                              int maxTries, int seed) {
+    MatcherState& st = *d_;
+    st.clearResult();
+    try {
+        MovingSet mv;
+        MovingSet fx;
+        const double same = std::max(0.0f, st.settings.max_near_same_mark_dis);
+        if (!detail::prepareMoving(moving, n, same, mv) ||
+            !detail::prepareMoving(fixed, m, same, fx)) {
+            st.status = kMatchBadInput;
+            return -1;
+        }
+        st.flags.assign(static_cast<std::size_t>(n), -1);
+        const int minN = std::max(3, st.settings.min_final_match_n);
+        if (static_cast<int>(mv.p.size()) < minN || static_cast<int>(fx.p.size()) < minN) {
+            st.status = kMatchTooFewMarkers;
+            return 0;
+        }
+        // The fixed set's own index, built for this call.
+        MarkerLibrary lib;
+        const double radius = std::max(MarkerLibrary::suggestLinkRadius(fx.p, same),
+                                       MarkerLibrary::suggestLinkRadius(mv.p, same));
+        lib.reset(radius, same);
+        lib.reserve(static_cast<int>(fx.p.size()));
+        for (std::size_t i = 0; i < fx.p.size(); ++i) {
+            lib.add(fx.p[i], fx.n[i], fx.hasN[i] != 0, 0.0, 0, false);
+        }
+        lib.linkAll();
+        detail::RegistrationOptions opt;
+        opt.maxTries = maxTries;
+        opt.seed = static_cast<std::uint64_t>(static_cast<std::uint32_t>(seed));
+        const detail::RegistrationResult r = detail::registerMoving(mv, lib, st.settings, opt);
+        st.storeResult(r, mv, &fx.src);
+        return r.status == kMatchOk ? 1 : 0;
+    } catch (const std::bad_alloc&) {
+        st.clearResult();
+        st.status = kMatchNoMemory;
+        return 0;
+    } catch (...) {
+        st.clearResult();
+        st.status = kMatchBadInput;
+        return -1;
+    }
+}
+
+Eigen::Matrix4d MyMatchMarkClass_update::get_final_transform() const {
+    return d_->transform;
+}
+int MyMatchMarkClass_update::get_final_match_n() const {
+    return d_->matchN;
+}
+float MyMatchMarkClass_update::get_final_err() const {
+    return d_->err;
+}
+std::vector<int> MyMatchMarkClass_update::get_final_match_flag() const {
+    try {
+        return d_->flags;
+    } catch (...) {
+        return {};
+    }
+}
+int MyMatchMarkClass_update::get_final_status() const {
+    return d_->status;
+}
+
+void MyMatchMarkClass_update::set_glo_mark(pcl::PointCloud<pcl::PointNormal>& cloud, int count) {
+    MatcherState& st = *d_;
+    try {
+        const int n = std::max(0, std::min(count, static_cast<int>(cloud.size())));
+        const double same = std::max(0.0f, st.settings.max_near_same_mark_dis);
+        std::vector<Eigen::Vector3d> pts;
+        pts.reserve(static_cast<std::size_t>(n));
+        for (int i = 0; i < n; ++i) {
+            const auto& q = cloud[static_cast<std::size_t>(i)];
+            const Eigen::Vector3d p(q.x, q.y, q.z);
+            if (p.allFinite())
+                pts.push_back(p);
+        }
+        st.lib.reset(MarkerLibrary::suggestLinkRadius(pts, same), same);
+        st.lib.reserve(n);
+        st.obs.clear();
+        st.clearResult();
+        for (int i = 0; i < n; ++i) {
+            const auto& q = cloud[static_cast<std::size_t>(i)];
+            Eigen::Vector3d p(q.x, q.y, q.z);
+            Eigen::Vector3d nn;
+            const bool hasN = detail::readNormal(q.normal_x, q.normal_y, q.normal_z, nn);
+            const bool ok = p.allFinite();
+            if (!ok)
+                p.setZero();
+            const int id =
+                st.lib.add(p, nn, hasN, std::isfinite(q.curvature) ? q.curvature : 0.0, i, false);
+            if (!ok)
+                st.lib.retire(id);
+        }
+        st.lib.linkAll();
+    } catch (...) {
+        st.lib.reset(100.0, 1.0);
+        st.obs.clear();
+    }
+}
+
+void MyMatchMarkClass_update::MergeSameTgt(int weightCap) {
+    MatcherState& st = *d_;
+    try {
+        MarkerLibrary& lib = st.lib;
+        const double same = st.settings.max_near_same_mark_dis;
+        if (!(same > 0.0) || lib.live() < 2)
+            return;
+        const int cap = std::max(1, weightCap);
+        std::vector<int> target(static_cast<std::size_t>(lib.slots()));
+        for (int i = 0; i < lib.slots(); ++i)
+            target[static_cast<std::size_t>(i)] = i;
+        bool merged = false;
+        for (int a = 0; a < lib.slots(); ++a) {
+            if (!lib.alive[static_cast<std::size_t>(a)])
+                continue;
+            // Gather the later markers within reach first: the grid must not change while
+            // it is being walked.
+            std::vector<int> close;
+            lib.forEachNear(lib.pos[static_cast<std::size_t>(a)], same, [&](int b) {
+                if (b > a && lib.alive[static_cast<std::size_t>(b)] &&
+                    (lib.pos[static_cast<std::size_t>(b)] - lib.pos[static_cast<std::size_t>(a)])
+                            .norm() < same) {
+                    close.push_back(b);
+                }
+            });
+            std::sort(close.begin(), close.end());
+            for (int b : close) {
+                const auto ua = static_cast<std::size_t>(a), ub = static_cast<std::size_t>(b);
+                const double wa = std::min(lib.weight[ua], cap);
+                const double wb = std::min(lib.weight[ub], cap);
+                const Eigen::Vector3d p = (wa * lib.pos[ua] + wb * lib.pos[ub]) / (wa + wb);
+                if (lib.hasNormal[ub]) {
+                    Eigen::Vector3d nn = wa * lib.nrm[ua] + wb * lib.nrm[ub];
+                    if (nn.norm() > 1e-9) {
+                        lib.nrm[ua] = nn.normalized();
+                        lib.hasNormal[ua] = 1;
+                    }
+                }
+                lib.weight[ua] += lib.weight[ub];
+                lib.retire(b);
+                lib.movePoint(a, p);
+                target[ub] = a;
+                merged = true;
+            }
+        }
+        if (!merged)
+            return;
+        for (auto& o : st.obs) {
+            o.marker = target[static_cast<std::size_t>(o.marker)];
+        }
+        lib.relinkAll();
+    } catch (...) {
+        // Out of memory while merging: the library keeps what was merged so far.
+    }
+}
+
+int MyMatchMarkClass_update::get_glo_mark_n() const {
+    return d_->lib.live();
+}
+
+bool MyMatchMarkClass_update::get_glo_mark(int index, mark_data& out) const {
+    const MarkerLibrary& lib = d_->lib;
+    if (index < 0 || index >= lib.slots() || !lib.alive[static_cast<std::size_t>(index)]) {
+        return false;
+    }
+    const auto u = static_cast<std::size_t>(index);
+    out = mark_data();
+    out.x = static_cast<float>(lib.pos[u].x());
+    out.y = static_cast<float>(lib.pos[u].y());
+    out.z = static_cast<float>(lib.pos[u].z());
+    out.nx = static_cast<float>(lib.nrm[u].x());
+    out.ny = static_cast<float>(lib.nrm[u].y());
+    out.nz = static_cast<float>(lib.nrm[u].z());
+    out.label = lib.label[u];
+    out.value = lib.value[u];
+    return true;
+}
+
+std::size_t MyMatchMarkClass_update::get_memory_bytes() const {
+    return sizeof(MatcherState) + d_->lib.memoryBytes() +
+           d_->obs.capacity() * sizeof(detail::Observation) + d_->flags.capacity() * sizeof(int);
+}
+
+}  // namespace Quill

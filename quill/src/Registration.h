@@ -1,0 +1,69 @@
+// Registration of a moving marker set onto a MarkerLibrary without known correspondences.
+//
+//  1. Base triangles: each moving marker with pairs of its nearest moving markers, tried
+//     anchors first (one pair per anchor per round), in a seeded order.
+//  2. Each base triangle is looked up in the library's triangle index with the side
+//     tolerance; candidates are screened by their current side lengths, by rigid-invariant
+//     normal cosines and by the residual of the three-marker fit.
+//  3. A surviving hypothesis is verified against every moving marker with the spatial grid
+//     (inlier within max_inline_mark_dis, normals agreeing), refined by least squares over
+//     its inliers and re-verified until its inlier set is stable.
+//  4. Hypotheses that agree on at least three correspondences and disagree on none are the
+//     same; different ones are kept side by side.
+//  5. The search stops once two base triangles lying wholly inside the best hypothesis'
+//     inliers have been examined (every library triangle congruent to them has then been
+//     tried, so any rival explanation of those markers is known), or after maxTries.
+//  6. The best hypothesis (lowest truncated mean squared residual over all moving markers)
+//     is accepted if it has enough inliers, spans more than a line, fits within
+//     max_final_err, and no different hypothesis comes within max_second_final_err of it.
+#pragma once
+
+#include <Eigen/Core>
+#include <cstdint>
+#include <vector>
+
+#include "MarkerLibrary.h"
+#include "quill/MarkTypes.h"
+#include "quill/MyMatchMarkClass_update.h"
+
+namespace Quill::detail {
+
+// The usable markers of a caller's array: finite positions, near-duplicates (nearer than
+// the same-target distance) folded into the first one.
+struct MovingSet {
+    std::vector<Eigen::Vector3d> p;
+    std::vector<Eigen::Vector3d> n;
+    std::vector<unsigned char> hasN;
+    std::vector<int> src;  // index in the caller's array
+    int callerCount = 0;
+};
+
+// Fills `out`; returns false when the array itself is unusable (null with a positive count,
+// a negative or absurd count).
+bool prepareMoving(const mark_data* marks, int count, double sameDist, MovingSet& out);
+
+// A normal counts as known when it has a length of at least 0.5 (it is then normalised).
+bool readNormal(float x, float y, float z, Eigen::Vector3d& n);
+
+struct RegistrationResult {
+    int status = kMatchNotRun;
+    Eigen::Matrix3d R = Eigen::Matrix3d::Identity();
+    Eigen::Vector3d t = Eigen::Vector3d::Zero();
+    std::vector<int> match;  // per usable moving marker: library index or -1
+    int matched = 0;
+    double rms = 0.0;
+    double cost = 0.0;
+    int hypotheses = 0;
+    int tries = 0;
+};
+
+struct RegistrationOptions {
+    int maxTries = -1;          // base triangles; -1: automatic
+    std::uint64_t seed = 0;     // order in which base triangles are tried
+    bool matchUnlinked = true;  // markers outside the triangle index may still be inliers
+};
+
+RegistrationResult registerMoving(const MovingSet& mv, const MarkerLibrary& lib,
+                                  const MatchSettings& s, const RegistrationOptions& opt);
+
+}  // namespace Quill::detail
