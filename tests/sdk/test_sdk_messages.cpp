@@ -1,0 +1,430 @@
+// Message classes: copy semantics, pack/unpack round trips, refusal of inconsistent bodies.
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "sdk/Messages.h"
+#include "sdk_link.pb.h"
+
+using namespace SDK_NV;
+
+namespace {
+
+std::shared_ptr<tagScanData> makeFrame(int points, int markers) {
+    auto f = std::make_shared<tagScanData>();
+    for (int i = 0; i < 9; ++i) {
+        f->m_dRotation[i] = 0.1 * (i + 1);
+    }
+    f->m_dTranslation[0] = 10;
+    f->m_dTranslation[1] = -20;
+    f->m_dTranslation[2] = 300.5;
+    f->m_nFrameValue = 77;
+    f->m_nFrameCount = 15;
+    f->m_fValue = 412.5f;
+    f->m_nAcquisitionKind = 1;
+    f->m_vecLaserLineCounts = {points};
+    for (int i = 0; i < points; ++i) {
+        f->m_vecLaserPoints.insert(f->m_vecLaserPoints.end(), {float(i), float(2 * i), 3.5f});
+        f->m_vecLaserNormals.insert(f->m_vecLaserNormals.end(), {0, 0, 1});
+        f->m_vecLaserQuality.push_back(0.5f);
+    }
+    tagLaserLineData line;
+    line.nPointCount = points;
+    line.dPlane[3] = -7;
+    line.dRms = 0.02;
+    f->m_vecLaserLines.push_back(line);
+    for (int i = 0; i < markers; ++i) {
+        f->m_vecMarkerIds.push_back(100 + i);
+        f->m_vecMarkerCenters.insert(f->m_vecMarkerCenters.end(), {1.0 * i, 2.0, 3.0});
+        f->m_vecMarkerNormals.insert(f->m_vecMarkerNormals.end(), {0, 1, 0});
+        f->m_vecMarkerDiameters.push_back(6.0);
+        f->m_vecMarkerValid.push_back(i % 2);
+    }
+    f->m_strTrackerId = "TRK-1";
+    f->m_camParam.add_i_m_l(1234.5);
+    f->m_mkImage.add_left_rt(0.25);
+    tagHoleData hole;
+    hole.nState = 7;
+    hole.fRadius = 4;
+    hole.vecEdgePoints = {1, 2, 3, 4, 5, 6};
+    f->m_vecHoles.push_back(hole);
+    f->m_vecEdgeIndex.push_back({3, 0.75f, 1});
+    tagEdgePoint edge;
+    edge.dOutward[2] = 1;
+    edge.nIndex = 3;
+    f->m_vecEdgePoints.push_back(edge);
+    return f;
+}
+
+template <typename M>
+M roundTrip(M& in) {
+    std::vector<char> body;
+    const int n = in.pack(&body);
+    EXPECT_EQ(n, static_cast<int>(body.size()));
+    M out;
+    EXPECT_EQ(out.unpack(body.data(), static_cast<int>(body.size())), 0);
+    return out;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+// Copy semantics
+// ---------------------------------------------------------------------------------------------
+
+TEST(MessageCopy, CopyConstructorCopiesBaseFieldsAndOwnsDeviceIds) {
+    CMessage_Button a;
+    a.setID(42);
+    deviceids ids{"TRK-1", "SCN-1"};
+    a.setDeviceIds(&ids);
+    a.setButtonCode(51);
+    a.setButtonAction(2);
+
+    CMessage_Button b(a);
+    EXPECT_EQ(b.getType(), MSG_BUTTON);
+    EXPECT_EQ(b.getID(), 42);
+    ASSERT_NE(b.getDeviceIds(), nullptr);
+    EXPECT_NE(b.getDeviceIds(), a.getDeviceIds());  // its own copy
+    EXPECT_EQ(*b.getDeviceIds(), ids);
+    EXPECT_EQ(b.getButtonCode(), 51);
+    EXPECT_EQ(b.getButtonAction(), 2);
+
+    // Changing the original afterwards does not reach the copy.
+    ids.push_back("X");
+    a.setDeviceIds(&ids);
+    EXPECT_EQ(b.getDeviceIds()->size(), 2u);
+}
+
+TEST(MessageCopy, AssignmentReplacesEverythingIncludingClearedDeviceIds) {
+    CMessage_Device a;
+    a.setID(7);
+    a.setConnect(true);
+    a.setDeviceType(DEVICE_TRACKER);
+    lumora::DeviceInfo info;
+    info.set_id("TRK-9");
+    info.set_trackertype(3);
+    a.setDeviceInfo(info);
+    a.setDeviceSN("TRK-9");
+
+    CMessage_Device b;
+    deviceids ids{"old"};
+    b.setDeviceIds(&ids);
+    b = a;
+    EXPECT_EQ(b.getID(), 7);
+    EXPECT_EQ(b.getDeviceIds(), nullptr);
+    EXPECT_TRUE(b.getConnect());
+    EXPECT_EQ(b.getDeviceType(), DEVICE_TRACKER);
+    EXPECT_EQ(b.getDeviceInfo().trackertype(), 3);
+    EXPECT_EQ(b.getDeviceSN(), "TRK-9");
+
+    const CMessage_Device& same = b;
+    b = same;  // self-assignment keeps the state
+    EXPECT_EQ(b.getDeviceSN(), "TRK-9");
+}
+
+TEST(MessageCopy, SettingOwnDeviceIdsPointerIsHarmless) {
+    CMessage_Connect a;
+    deviceids ids{"A"};
+    a.setDeviceIds(&ids);
+    a.setDeviceIds(a.getDeviceIds());
+    ASSERT_NE(a.getDeviceIds(), nullptr);
+    EXPECT_EQ(a.getDeviceIds()->front(), "A");
+    a.setDeviceIds(nullptr);
+    EXPECT_EQ(a.getDeviceIds(), nullptr);
+}
+
+TEST(MessageCopy, ScanDataCopiesShareTheFrameAndCopyTheMatrixBlock) {
+    CMessage_ScanData a;
+    a.setScanData(makeFrame(4, 2));
+    a.setFrameID(12);
+    double m[16];
+    for (int i = 0; i < 16; ++i) {
+        m[i] = i;
+    }
+    a.setTrackerMatrix(m);
+
+    CMessage_ScanData b(a);
+    EXPECT_EQ(b.getScanData(), a.getScanData());
+    EXPECT_EQ(b.getScanData_Shared().use_count(), 3);  // a, b and the temporary
+    EXPECT_EQ(b.getFrameID(), 12);
+    EXPECT_EQ(std::memcmp(b.getTrackerMatrix(), m, sizeof(m)), 0);
+
+    CMessage_ScanData c;
+    c = a;
+    EXPECT_EQ(c.getScanData(), a.getScanData());
+    EXPECT_EQ(c.getTrackerMatrix()[15], 15.0);
+}
+
+TEST(MessageCopy, ReceiptCopiesEveryMember) {
+    CMessage_Receipt a;
+    a.setReceiptKind(RECEIPT_WIFI_CONNECT);
+    a.setWorkResponsInfo({1, 5, "late", "SCN"});
+    a.setHeartData({{0, "TRK", {60}, {30.5f, 31.f, 32.f}}});
+    a.setCalibraResult(0.125);
+    tagWIFIConnectInfo wifi{1, 2, "SCN", "wpa_state=COMPLETED"};
+    a.setWIFIConnectInfo(wifi);
+    a.setFirmwareVersion("2.1.0");
+    lumora::DiagnosticInfo diag;
+    diag.set_strbarid("BAR");
+    a.setDiagnosisInfo(diag);
+
+    CMessage_Receipt b;
+    b = a;
+    CMessage_Receipt c(a);
+    for (const CMessage_Receipt* r : {&b, &c}) {
+        EXPECT_EQ(r->getReceiptKind(), RECEIPT_WIFI_CONNECT);
+        tagWorkRespons w;
+        ASSERT_TRUE(r->getWorkResponsInfo(&w));
+        EXPECT_EQ(w.state, 5);
+        std::vector<tagHeartData> hearts;
+        ASSERT_TRUE(r->getHeartData(&hearts));
+        ASSERT_EQ(hearts.size(), 1u);
+        EXPECT_FLOAT_EQ(hearts[0].temp[2], 32.f);
+        EXPECT_DOUBLE_EQ(r->getCalibraResult(), 0.125);
+        EXPECT_EQ(r->getWIFIConnectInfo().strEventMessage, "wpa_state=COMPLETED");
+        EXPECT_EQ(r->getFirmwareVersion(), "2.1.0");
+        EXPECT_EQ(r->getDiagnosisInfo().strbarid(), "BAR");
+    }
+    EXPECT_FALSE(a.getWorkResponsInfo(nullptr));
+}
+
+// ---------------------------------------------------------------------------------------------
+// pack / unpack
+// ---------------------------------------------------------------------------------------------
+
+TEST(MessagePacking, ScanDataRoundTripKeepsEveryMember) {
+    CMessage_ScanData a;
+    a.setScanData(makeFrame(5, 3));
+    a.setFrameID(99);
+    CMessage_ScanData b = roundTrip(a);
+    ASSERT_NE(b.getScanData(), nullptr);
+    const tagScanData& x = *a.getScanData();
+    const tagScanData& y = *b.getScanData();
+    EXPECT_EQ(b.getFrameID(), 99);
+    EXPECT_EQ(std::memcmp(x.m_dRotation, y.m_dRotation, sizeof(x.m_dRotation)), 0);
+    EXPECT_EQ(std::memcmp(x.m_dTranslation, y.m_dTranslation, sizeof(x.m_dTranslation)), 0);
+    EXPECT_EQ(y.m_nFrameValue, 77);
+    EXPECT_EQ(y.m_nFrameCount, 15);
+    EXPECT_FLOAT_EQ(y.m_fValue, 412.5f);
+    EXPECT_EQ(y.m_nAcquisitionKind, 1);
+    EXPECT_EQ(y.m_vecLaserLineCounts, x.m_vecLaserLineCounts);
+    EXPECT_EQ(y.m_vecLaserPoints, x.m_vecLaserPoints);
+    EXPECT_EQ(y.m_vecLaserNormals, x.m_vecLaserNormals);
+    EXPECT_EQ(y.m_vecLaserQuality, x.m_vecLaserQuality);
+    ASSERT_EQ(y.m_vecLaserLines.size(), 1u);
+    EXPECT_EQ(y.m_vecLaserLines[0].dPlane[3], -7);
+    EXPECT_EQ(y.m_vecMarkerIds, x.m_vecMarkerIds);
+    EXPECT_EQ(y.m_vecMarkerCenters, x.m_vecMarkerCenters);
+    EXPECT_EQ(y.m_vecMarkerNormals, x.m_vecMarkerNormals);
+    EXPECT_EQ(y.m_vecMarkerDiameters, x.m_vecMarkerDiameters);
+    EXPECT_EQ(y.m_vecMarkerValid, x.m_vecMarkerValid);
+    EXPECT_EQ(y.m_strTrackerId, "TRK-1");
+    EXPECT_EQ(y.m_camParam.i_m_l(0), 1234.5);
+    EXPECT_EQ(y.m_mkImage.left_rt(0), 0.25);
+    ASSERT_EQ(y.m_vecHoles.size(), 1u);
+    EXPECT_EQ(y.m_vecHoles[0].nState, 7);
+    EXPECT_EQ(y.m_vecHoles[0].vecEdgePoints, x.m_vecHoles[0].vecEdgePoints);
+    ASSERT_EQ(y.m_vecEdgeIndex.size(), 1u);
+    EXPECT_FLOAT_EQ(y.m_vecEdgeIndex[0].fQuality, 0.75f);
+    ASSERT_EQ(y.m_vecEdgePoints.size(), 1u);
+    EXPECT_EQ(y.m_vecEdgePoints[0].dOutward[2], 1);
+}
+
+TEST(MessagePacking, InconsistentScanFrameIsRefusedBothWays) {
+    CMessage_ScanData a;
+    auto frame = makeFrame(3, 2);
+    frame->m_vecMarkerDiameters.pop_back();  // one diameter short
+    a.setScanData(frame);
+    std::vector<char> body;
+    EXPECT_EQ(a.pack(&body), -1);
+
+    // The same inconsistency built directly on the wire is refused by unpack, and the
+    // message keeps its previous frame.
+    sdk_link::ScanFrameBody w;
+    for (int i = 0; i < 9; ++i) {
+        w.add_rotation(0);
+    }
+    for (int i = 0; i < 3; ++i) {
+        w.add_translation(0);
+    }
+    w.add_marker_ids(1);
+    w.add_marker_centers(1);  // should be three values
+    const std::string bytes = w.SerializeAsString();
+    CMessage_ScanData b;
+    b.setScanData(makeFrame(1, 1));
+    auto before = b.getScanData_Shared();
+    EXPECT_EQ(b.unpack(bytes.data(), static_cast<int>(bytes.size())), -1);
+    EXPECT_EQ(b.getScanData(), before.get());
+}
+
+TEST(MessagePacking, LaserCountsMustAddUp) {
+    auto frame = makeFrame(4, 0);
+    frame->m_vecLaserLineCounts = {3};  // four points on the lines of three
+    CMessage_ScanData a;
+    a.setScanData(frame);
+    std::vector<char> body;
+    EXPECT_EQ(a.pack(&body), -1);
+    frame->m_vecLaserLineCounts = {1, 3};
+    EXPECT_GT(a.pack(&body), 0);
+    frame->m_vecLaserNormals.pop_back();
+    EXPECT_EQ(a.pack(&body), -1);
+}
+
+TEST(MessagePacking, ReceiptRoundTripCarriesTheKindSpecificMembers) {
+    CMessage_Receipt a;
+    a.setReceiptKind(RECEIPT_LOWPART_CONFIG);
+    tagLowPartConfig cfg;
+    cfg.nSysId = 4;
+    cfg.nUsePriplad = 2;
+    cfg.vecPripladIds = {"AIR-1", "AIR-2"};
+    a.setLowPartConfig(cfg);
+    a.setPripladDevices({{"pad", "AIR-1", "10.0.0.2", "1.0", 80, 90, 1, 2}});
+    tagRemainingRGFs rgf;
+    rgf.vecRGF = {{3, "laser", 0}, {5, "led", 0}};
+    a.setRemainingRGF(rgf);
+    a.setHeartData({{1, "SCN", {120, 60}, {35.f, 36.f, 37.f}}});
+    tagCameraImageList images;
+    images.vecImages.push_back({"left", 640, 480, 0, {1, 2, 3}});
+    a.setCameraImages(images);
+    a.setViewPoints({1, 2, 3});
+
+    CMessage_Receipt b = roundTrip(a);
+    tagLowPartConfig c2;
+    ASSERT_TRUE(b.getLowPartConfig(&c2));
+    EXPECT_EQ(c2.nSysId, 4);
+    EXPECT_EQ(c2.nUsePriplad, 2);
+    EXPECT_EQ(c2.vecPripladIds, cfg.vecPripladIds);
+    std::vector<tagPripladDeviceData> pads;
+    ASSERT_TRUE(b.getPripladDevices(&pads));
+    ASSERT_EQ(pads.size(), 1u);
+    EXPECT_EQ(pads[0].strDeviceId, "AIR-1");
+    EXPECT_EQ(pads[0].nCurElectric, 90);
+    tagRemainingRGFs r2;
+    b.getRemainingRGF(r2);
+    ASSERT_EQ(r2.vecRGF.size(), 2u);
+    EXPECT_EQ(r2.vecRGF[1].strName, "led");
+    EXPECT_EQ(r2.vecRGF[1].nCount, 5);
+    std::vector<tagHeartData> hearts;
+    b.getHeartData(&hearts);
+    ASSERT_EQ(hearts.size(), 1u);
+    EXPECT_EQ(hearts[0].kind, 1);
+    EXPECT_EQ(hearts[0].name, "SCN");
+    EXPECT_EQ(hearts[0].framerate, (std::vector<int32_t>{120, 60}));
+    EXPECT_EQ(hearts[0].temp, (std::vector<float>{35.f, 36.f, 37.f}));
+    tagCameraImageList i2;
+    b.getCameraImages(i2);
+    ASSERT_EQ(i2.vecImages.size(), 1u);
+    EXPECT_EQ(i2.vecImages[0].nHeight, 480);
+    EXPECT_EQ(i2.vecImages[0].vecData, (std::vector<uint8_t>{1, 2, 3}));
+}
+
+TEST(MessagePacking, SmallMessagesRoundTrip) {
+    CMessage_Connect c;
+    c.setConnect(true);
+    EXPECT_TRUE(roundTrip(c).getConnect());
+
+    CMessage_Button btn;
+    btn.setButtonCode(55);
+    btn.setButtonAction(1);
+    CMessage_Button btn2 = roundTrip(btn);
+    EXPECT_EQ(btn2.getButtonCode(), 55);
+    EXPECT_EQ(btn2.getButtonAction(), 1);
+
+    CMessage_FrameData fd;
+    fd.setEnableWrite(true);
+    EXPECT_TRUE(roundTrip(fd).getEnableWrite());
+
+    CMessage_Device dev;
+    dev.setConnect(false);
+    dev.setDeviceType(DEVICE_TRACKER);
+    dev.setDeviceSN("TRK-2");
+    CMessage_Device dev2 = roundTrip(dev);
+    EXPECT_FALSE(dev2.getConnect());
+    EXPECT_EQ(dev2.getDeviceType(), DEVICE_TRACKER);
+    EXPECT_EQ(dev2.getDeviceSN(), "TRK-2");
+}
+
+TEST(MessagePacking, CalibDataRoundTrip) {
+    CMessage_CalibData a;
+    a.setTrackerGrabIndex(CALIB_STEP_SCANNER_CALIB);
+    a.setLocationNumber(6);
+    const double rot[9] = {0, 1, 0, -1, 0, 0, 0, 0, 1};
+    const double tr[3] = {5, 6, 7};
+    a.setTrackerPose(rot, tr, CLBBAR_VERTICAL_POSE);
+    a.setBoardLattice(9, 11);
+    a.setScannerBoard({1.5, 2.5});
+    tagCalibData cd;
+    cd.nResult = 1;
+    cd.nRows = 2;
+    cd.nCols = 3;
+    cd.camera[1].dMatrix[2][3] = 8.5;
+    cd.vecLattice = {1, 0, 1, 1, 0, 1};
+    a.setScannerCalib(cd);
+
+    CMessage_CalibData b = roundTrip(a);
+    EXPECT_EQ(b.getTrackerGrabIndex(), CALIB_STEP_SCANNER_CALIB);
+    EXPECT_EQ(b.getLocationNumber(), 6);
+    double r2[9], t2[3];
+    CLBBARPOSE pose;
+    b.getTrackerPose(r2, t2, &pose);
+    EXPECT_EQ(std::memcmp(r2, rot, sizeof(rot)), 0);
+    EXPECT_EQ(t2[2], 7);
+    EXPECT_EQ(pose, CLBBAR_VERTICAL_POSE);
+    int rows = 0, cols = 0;
+    b.getBoardLattice(rows, cols);
+    EXPECT_EQ(rows, 9);
+    EXPECT_EQ(cols, 11);
+    tagCalibData cd2;
+    b.getScannerCalib(cd2);
+    EXPECT_EQ(cd2.camera[1].dMatrix[2][3], 8.5);
+    EXPECT_EQ(cd2.vecLattice, cd.vecLattice);
+}
+
+TEST(MessagePacking, LightpenAndOptimizationRoundTrip) {
+    CMessage_LightpenData lp;
+    lp.setDeviceInfo({"TRK", "LP-1", 70, 50});
+    lp.setProbePoints({1, 2, 3}, {0.5});
+    CMessage_LightpenData lp2 = roundTrip(lp);
+    EXPECT_EQ(lp2.getDeviceInfo().strLightPenSN, "LP-1");
+    EXPECT_EQ(lp2.getProbeRadii(), std::vector<double>{0.5});
+
+    lp.setProbePoints({1, 2}, {0.5});  // not three values per radius
+    std::vector<char> body;
+    EXPECT_EQ(lp.pack(&body), -1);
+
+    CMessage_OptimizationData opt;
+    opt.setOptType(2);
+    tagOptMarkPoint p;
+    p.nIndex = 4;
+    p.dPosition[1] = 9;
+    opt.setMarkPoints({p});
+    CMessage_OptimizationData opt2 = roundTrip(opt);
+    EXPECT_EQ(opt2.getOptType(), 2);
+    ASSERT_EQ(opt2.getMarkPoints().size(), 1u);
+    EXPECT_EQ(opt2.getMarkPoints()[0].dPosition[1], 9);
+}
+
+TEST(MessagePacking, GarbageAndBadArgumentsAreRefused) {
+    const char junk[] = {'\xff', '\xff', '\xff', '\xff', '\x0f'};
+    CMessage_Receipt r;
+    r.setReceiptKind(9);
+    EXPECT_EQ(r.unpack(junk, sizeof(junk)), -1);
+    EXPECT_EQ(r.getReceiptKind(), 9);
+    EXPECT_EQ(r.unpack(nullptr, 4), -1);
+    EXPECT_EQ(r.unpack(junk, -1), -1);
+    EXPECT_EQ(r.pack(nullptr), -1);
+    // An empty body is a valid message with every member at its default.
+    EXPECT_EQ(r.unpack(nullptr, 0), 0);
+    EXPECT_EQ(r.getReceiptKind(), 0);
+}
+
+TEST(MessageFactory, KnownTypesMakeTheirClassesOthersNothing) {
+    for (int t = MSG_CONNECT; t <= MSG_OPTIMIZATION; ++t) {
+        auto m = CreateMessage(t);
+        ASSERT_NE(m, nullptr) << t;
+        EXPECT_EQ(m->getType(), t);
+    }
+    EXPECT_EQ(CreateMessage(-1), nullptr);
+    EXPECT_EQ(CreateMessage(9), nullptr);
+    EXPECT_EQ(CreateMessage(100), nullptr);
+}
