@@ -293,3 +293,15 @@ TEST_F(Storage, ModuleWideDebugEditor) {
     editor.close(false);
     EXPECT_TRUE(editor.state());
 }
+
+TEST_F(Storage, LinesEndingInCarriageReturnSurviveARewrite) {
+    writeBytes(path("cr.cfg"), "a = 1\r\r\nb = 2\r");
+    CConfigEditor e(wpath("cr.cfg"));
+    const auto before = lines(e);
+    ASSERT_EQ(before.size(), 2u);
+    EXPECT_EQ(before[0].text, L"a = 1\r");
+    EXPECT_EQ(before[1].text, L"b = 2\r");
+    ASSERT_TRUE(e.save(true));
+    ASSERT_TRUE(e.load(wpath("cr.cfg")));
+    EXPECT_EQ(lines(e), before);
+}

@@ -747,7 +747,16 @@ bool CConfigEditor::save(bool force) {
             return false;
         }
         for (const tagConfigFileLine& line : file.lines) {
-            stream << toString(untilNul(line.text)) << '\n';
+            const std::string bytes = toString(untilNul(line.text));
+            stream << bytes;
+#ifndef _WIN32
+            // Loading drops one carriage return before a line feed; a line that itself ends
+            // in one gets a second, so that it reads back the same.
+            if (!bytes.empty() && bytes.back() == '\r') {
+                stream << '\r';
+            }
+#endif
+            stream << '\n';
             stream.flush();
         }
         stream.close();

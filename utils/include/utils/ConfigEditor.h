@@ -10,7 +10,8 @@
 //   text    lines separated by line feeds; a carriage return before a line feed is not part
 //           of the line. Lines are taken whole at any length (there is no 1023-byte line
 //           limit): nothing of a long line is dropped. A text file with a NUL byte is not a
-//           text file: loading it fails. Saving writes line-feed endings.
+//           text file: loading it fails. Saving writes line-feed endings (a line that
+//           ends in a carriage return gets CR LF, so that it reads back unchanged).
 //   binary  int32 record count N, then N records: int32 L (line bytes + 1), 0xBE, the line's
 //           bytes each inverted, 0x00, 0xED (all integers little-endian). A record with wrong
 //           marks is skipped. A count or a length that the rest of the file cannot hold makes
