@@ -1,0 +1,119 @@
+// Command line of lumora_console.
+#include <cstdlib>
+#include <sstream>
+
+#include "console/Console.h"
+
+namespace console {
+
+std::string usageText() {
+    return "usage: lumora_console [options]\n"
+           "  --endpoint HOST:PORT   where to listen (default: $LUMORA_ENDPOINT or "
+           "127.0.0.1:47310;\n"
+           "                         port 0 picks a free port, printed on the first line)\n"
+           "  --fps N                scan frames per second while triggered (0: as fast as the\n"
+           "                         link takes them; default 30)\n"
+           "  --seed N               seed of the simulated noise (default 1)\n"
+           "  --points N             laser points per frame (default 2000)\n"
+           "  --lines N              laser lines per frame (default 7)\n"
+           "  --markers N            markers in the field (default 12)\n"
+           "  --heartbeat-ms N       heartbeat period (default 1000, scaled by the time scale)\n"
+           "  --tracker-model N      tracker model number announced (default 0)\n"
+           "  --tracker-id ID        (default TRK0001)\n"
+           "  --scanner-id ID        (default SCN0001)\n"
+           "  --lowpart-version V    (default 1.4.2)\n"
+           "  --script FILE          control lines to run once the first client connected\n"
+           "  --no-stdin             do not read control lines from standard input\n"
+           "  --verbose              one line per command received\n"
+           "  --help\n";
+}
+
+namespace {
+
+bool toInt(const std::string& s, long lo, long hi, long& out) {
+    char* end = nullptr;
+    const long v = std::strtol(s.c_str(), &end, 10);
+    if (s.empty() || end == nullptr || *end != '\0' || v < lo || v > hi) {
+        return false;
+    }
+    out = v;
+    return true;
+}
+
+// Options that take a value, each followed by a blank.
+const std::string kValueOptions =
+    "--endpoint --fps --seed --points --lines --markers --heartbeat-ms --tracker-model "
+    "--tracker-id --scanner-id --lowpart-version --script ";
+
+}  // namespace
+
+bool parseOptions(int argc, const char* const* argv, ConsoleOptions& out, bool& help,
+                  std::string& error) {
+    help = false;
+    out.endpoint = SDK_NV::wire::endpointFromEnvironment();
+    for (int i = 1; i < argc; ++i) {
+        const std::string a = argv[i];
+        auto value = [&](std::string& v) {
+            if (i + 1 >= argc) {
+                error = a + " needs a value";
+                return false;
+            }
+            v = argv[++i];
+            return true;
+        };
+        std::string v;
+        long n = 0;
+        if (a == "--help" || a == "-h") {
+            help = true;
+            return true;
+        } else if (a == "--no-stdin") {
+            out.readStdin = false;
+        } else if (a == "--verbose") {
+            out.verbose = true;
+        } else if (kValueOptions.find(a + " ") == std::string::npos || a.size() < 3) {
+            error = "unknown option " + a;
+            return false;
+        } else if (!value(v)) {
+            return false;
+        } else if (a == "--endpoint") {
+            if (!SDK_NV::wire::parseEndpoint(v, out.endpoint)) {
+                error = "bad endpoint " + v;
+                return false;
+            }
+        } else if (a == "--fps") {
+            char* end = nullptr;
+            const double fps = std::strtod(v.c_str(), &end);
+            if (end == nullptr || *end != '\0' || !(fps >= 0.0) || fps > 10000.0) {
+                error = "bad frame rate " + v;
+                return false;
+            }
+            out.fps = fps;
+        } else if (a == "--seed" && toInt(v, 0, 0x7fffffffL, n)) {
+            out.seed = static_cast<uint32_t>(n);
+        } else if (a == "--points" && toInt(v, 0, 5000000, n)) {
+            out.laserPoints = static_cast<int>(n);
+        } else if (a == "--lines" && toInt(v, 1, 1000, n)) {
+            out.laserLines = static_cast<int>(n);
+        } else if (a == "--markers" && toInt(v, 0, 100000, n)) {
+            out.markers = static_cast<int>(n);
+        } else if (a == "--heartbeat-ms" && toInt(v, 1, 3600000, n)) {
+            out.heartbeatMs = static_cast<int>(n);
+        } else if (a == "--tracker-model" && toInt(v, 0, 1000, n)) {
+            out.trackerModel = static_cast<int>(n);
+        } else if (a == "--tracker-id" && !v.empty()) {
+            out.trackerId = v;
+        } else if (a == "--scanner-id" && !v.empty()) {
+            out.scannerId = v;
+        } else if (a == "--lowpart-version") {
+            out.lowpartVersion = v;
+        } else if (a == "--script") {
+            out.scriptPath = v;
+        } else {
+            error = "bad option " + a + " " + v;
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace console

@@ -1,0 +1,282 @@
+// Helpers of the SDK and console tests: a recorder of delivered messages, a plain TCP peer
+// that plays the device side, and a wrapper of a lumora_console child process.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "sdk/Messages.h"
+#include "sdk/Socket.h"
+#include "sdk/TPWrapper.h"
+#include "sdk/Wire.h"
+#include "sdk_link.pb.h"
+
+namespace sdktest {
+
+using namespace std::chrono_literals;
+
+inline std::unique_ptr<SDK_NV::CMessage_Base> cloneMessage(const SDK_NV::CMessage_Base* m) {
+    using namespace SDK_NV;
+    switch (m->getType()) {
+        case MSG_CONNECT:
+            return std::make_unique<CMessage_Connect>(*static_cast<const CMessage_Connect*>(m));
+        case MSG_RECEIPT:
+            return std::make_unique<CMessage_Receipt>(*static_cast<const CMessage_Receipt*>(m));
+        case MSG_DEVICE:
+            return std::make_unique<CMessage_Device>(*static_cast<const CMessage_Device*>(m));
+        case MSG_BUTTON:
+            return std::make_unique<CMessage_Button>(*static_cast<const CMessage_Button*>(m));
+        case MSG_FRAMEDATA:
+            return std::make_unique<CMessage_FrameData>(*static_cast<const CMessage_FrameData*>(m));
+        case MSG_SCANDATA:
+            return std::make_unique<CMessage_ScanData>(*static_cast<const CMessage_ScanData*>(m));
+        case MSG_CALIBDATA:
+            return std::make_unique<CMessage_CalibData>(*static_cast<const CMessage_CalibData*>(m));
+        case MSG_LIGHTPEN:
+            return std::make_unique<CMessage_LightpenData>(
+                *static_cast<const CMessage_LightpenData*>(m));
+        case MSG_OPTIMIZATION:
+            return std::make_unique<CMessage_OptimizationData>(
+                *static_cast<const CMessage_OptimizationData*>(m));
+        default:
+            return nullptr;
+    }
+}
+
+// Keeps a copy of every delivered message, in order.
+class Recorder {
+public:
+    SDK_NV::CTPWrapper::MessageCallBack callback() {
+        return [this](SDK_NV::CMessage_Base* m) {
+            auto copy = cloneMessage(m);
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_messages.push_back(std::move(copy));
+            m_cv.notify_all();
+        };
+    }
+
+    // Waits until pred(messages) holds; false on timeout.
+    bool waitFor(const std::function<bool(const std::vector<const SDK_NV::CMessage_Base*>&)>& pred,
+                 std::chrono::milliseconds timeout = 10s) {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        return m_cv.wait_for(lock, timeout, [&] { return pred(viewLocked()); });
+    }
+
+    // Index of the first message at or after `from` that matches, or -1 after the timeout.
+    int waitIndex(size_t from, const std::function<bool(const SDK_NV::CMessage_Base&)>& match,
+                  std::chrono::milliseconds timeout = 10s) {
+        int found = -1;
+        waitFor(
+            [&](const std::vector<const SDK_NV::CMessage_Base*>& v) {
+                for (size_t i = from; i < v.size(); ++i) {
+                    if (match(*v[i])) {
+                        found = static_cast<int>(i);
+                        return true;
+                    }
+                }
+                return false;
+            },
+            timeout);
+        return found;
+    }
+
+    std::vector<const SDK_NV::CMessage_Base*> snapshot() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return viewLocked();
+    }
+    size_t size() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_messages.size();
+    }
+
+private:
+    std::vector<const SDK_NV::CMessage_Base*> viewLocked() const {
+        std::vector<const SDK_NV::CMessage_Base*> v;
+        for (const auto& m : m_messages) {
+            v.push_back(m.get());
+        }
+        return v;
+    }
+
+    std::mutex m_mutex;
+    std::condition_variable m_cv;
+    std::vector<std::unique_ptr<SDK_NV::CMessage_Base>> m_messages;  // never shrinks
+};
+
+// Matchers
+inline std::function<bool(const SDK_NV::CMessage_Base&)> isConnect(bool up) {
+    return [up](const SDK_NV::CMessage_Base& m) {
+        return m.getType() == SDK_NV::MSG_CONNECT &&
+               static_cast<const SDK_NV::CMessage_Connect&>(m).getConnect() == up;
+    };
+}
+
+inline std::function<bool(const SDK_NV::CMessage_Base&)> isResponse(int code) {
+    return [code](const SDK_NV::CMessage_Base& m) {
+        if (m.getType() != SDK_NV::MSG_RECEIPT) {
+            return false;
+        }
+        const auto& r = static_cast<const SDK_NV::CMessage_Receipt&>(m);
+        SDK_NV::tagWorkRespons w;
+        r.getWorkResponsInfo(&w);
+        return r.getReceiptKind() == SDK_NV::RECEIPT_WORK_RESPONSE && w.code == code;
+    };
+}
+
+inline std::function<bool(const SDK_NV::CMessage_Base&)> isReceipt(int kind) {
+    return [kind](const SDK_NV::CMessage_Base& m) {
+        return m.getType() == SDK_NV::MSG_RECEIPT &&
+               static_cast<const SDK_NV::CMessage_Receipt&>(m).getReceiptKind() == kind;
+    };
+}
+
+inline std::function<bool(const SDK_NV::CMessage_Base&)> isType(int type) {
+    return [type](const SDK_NV::CMessage_Base& m) { return m.getType() == type; };
+}
+
+inline int responseState(const SDK_NV::CMessage_Base& m) {
+    SDK_NV::tagWorkRespons w;
+    static_cast<const SDK_NV::CMessage_Receipt&>(m).getWorkResponsInfo(&w);
+    return w.state;
+}
+
+// ---------------------------------------------------------------------------------------------
+// A device-side peer: one listening socket, one client at a time, raw bytes.
+// ---------------------------------------------------------------------------------------------
+
+class TestPeer {
+public:
+    // Listens on `port` (0: a free one).
+    explicit TestPeer(uint16_t port = 0) {
+        SDK_NV::wire::Endpoint ep;
+        ep.port = port;
+        m_listener = SDK_NV::net::listenTcp(ep, 4, &m_port);
+    }
+    ~TestPeer() {
+        SDK_NV::net::closeSocket(m_client);
+        SDK_NV::net::closeSocket(m_listener);
+    }
+    std::string endpoint() const { return "127.0.0.1:" + std::to_string(m_port); }
+    bool valid() const { return m_listener != SDK_NV::net::kInvalidSocket; }
+
+    bool accept(std::chrono::milliseconds timeout = 10s) {
+        if (SDK_NV::net::waitReadable(m_listener, static_cast<int>(timeout.count())) != 1) {
+            return false;
+        }
+        SDK_NV::net::closeSocket(m_client);
+        m_client = SDK_NV::net::acceptClient(m_listener);
+        m_decoder.reset();
+        m_commands.clear();
+        return m_client != SDK_NV::net::kInvalidSocket;
+    }
+    void close() { SDK_NV::net::closeSocket(m_client); }
+
+    bool sendRaw(const std::string& bytes) {
+        return SDK_NV::net::sendAll(m_client, bytes.data(), bytes.size());
+    }
+    bool sendMessage(SDK_NV::CMessage_Base& m, uint32_t typeOverride = 0xFFFFFFFFu) {
+        std::vector<char> body;
+        if (m.pack(&body) < 0) {
+            return false;
+        }
+        return sendBody(
+            typeOverride == 0xFFFFFFFFu ? static_cast<uint32_t>(m.getType()) : typeOverride,
+            std::string(body.begin(), body.end()), m.getID());
+    }
+    bool sendBody(uint32_t type, const std::string& body, int id = 0) {
+        std::string frame;
+        if (!SDK_NV::wire::encodeFrame(type, id, nullptr, ++m_seq, body.data(), body.size(),
+                                       frame)) {
+            return false;
+        }
+        return sendRaw(frame);
+    }
+
+    // Reads commands until one named `name` arrived (or the timeout); nullptr on timeout.
+    const sdk_link::Command* waitCommand(const std::string& name,
+                                         std::chrono::milliseconds timeout = 5s) {
+        return waitCommandWhere([&](const sdk_link::Command& c) { return c.name() == name; },
+                                timeout);
+    }
+
+    const sdk_link::Command* waitCommandWhere(
+        const std::function<bool(const sdk_link::Command&)>& match,
+        std::chrono::milliseconds timeout = 5s) {
+        const auto deadline = std::chrono::steady_clock::now() + timeout;
+        size_t checked = 0;
+        for (;;) {
+            for (; checked < m_commands.size(); ++checked) {
+                if (match(m_commands[checked])) {
+                    return &m_commands[checked];
+                }
+            }
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                deadline - std::chrono::steady_clock::now());
+            if (left.count() <= 0 || !pump(static_cast<int>(left.count()))) {
+                return nullptr;
+            }
+        }
+    }
+
+    // True when the client has closed its end (reads until EOF or the timeout).
+    bool waitClosed(std::chrono::milliseconds timeout = 5s) {
+        const auto deadline = std::chrono::steady_clock::now() + timeout;
+        while (std::chrono::steady_clock::now() < deadline) {
+            if (SDK_NV::net::waitReadable(m_client, 50) == 1) {
+                char buf[4096];
+                if (SDK_NV::net::recvSome(m_client, buf, sizeof(buf)) <= 0) {
+                    return true;
+                }
+            }
+        }
+        return false;
+    }
+
+private:
+    struct Sink : SDK_NV::wire::FrameDecoder::Sink {
+        std::vector<sdk_link::Command>* out;
+        void onFrame(const SDK_NV::wire::Frame& f) override {
+            sdk_link::Command c;
+            if (f.type == static_cast<uint32_t>(SDK_NV::wire::kCommandType) &&
+                c.ParseFromArray(f.body, static_cast<int>(f.bodySize))) {
+                out->push_back(c);
+            }
+        }
+        void onDrop(SDK_NV::wire::DropReason, const std::string&) override {}
+    };
+
+    bool pump(int timeoutMs) {
+        if (SDK_NV::net::waitReadable(m_client, timeoutMs) != 1) {
+            return false;
+        }
+        size_t cap = 0;
+        char* p = m_decoder.writable(&cap);
+        const long n = SDK_NV::net::recvSome(m_client, p, cap);
+        if (n <= 0) {
+            return false;
+        }
+        Sink sink;
+        sink.out = &m_commands;
+        m_decoder.commit(static_cast<size_t>(n), sink);
+        return true;
+    }
+
+    SDK_NV::net::socket_t m_listener = SDK_NV::net::kInvalidSocket;
+    SDK_NV::net::socket_t m_client = SDK_NV::net::kInvalidSocket;
+    uint16_t m_port = 0;
+    uint64_t m_seq = 0;
+    SDK_NV::wire::FrameDecoder m_decoder;
+    std::vector<sdk_link::Command> m_commands;
+};
+
+}  // namespace sdktest
