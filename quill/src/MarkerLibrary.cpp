@@ -8,7 +8,8 @@
 
 namespace Quill::detail {
 
-void MarkerLibrary::reset(double linkRadius, double minSide) {
+void MarkerLibrary::reset(double linkRadius, double minSide, bool fileTriangles) {
+    fileTriangles_ = fileTriangles;
     linkRadius_ = linkRadius > 1e-3 ? linkRadius : 1e-3;
     minSide_ = minSide > 0.0 ? minSide : 0.0;
     live_ = 0;
@@ -54,7 +55,22 @@ double MarkerLibrary::suggestLinkRadius(const std::vector<Eigen::Vector3d>& pts,
     }
     std::nth_element(nn.begin(), nn.begin() + static_cast<std::ptrdiff_t>(nn.size() / 2), nn.end());
     const double median = nn[nn.size() / 2];
-    return std::max(6.0 * median, 5.0 * std::max(minSide, 1.0));
+    return std::max(3.0 * median, 5.0 * std::max(minSide, 1.0));
+}
+
+std::size_t MarkerLibrary::nearestFirst(std::vector<std::pair<double, int>>& cand) {
+    const std::size_t k = std::min<std::size_t>(cand.size(), kNeighbours);
+    if (cand.size() > k) {
+        std::nth_element(cand.begin(), cand.begin() + static_cast<std::ptrdiff_t>(k), cand.end());
+    }
+    std::sort(cand.begin(), cand.begin() + static_cast<std::ptrdiff_t>(k));
+    return k;
+}
+
+void MarkerLibrary::reserveTriangles(std::size_t n) {
+    tris_.reserve(tris_.size() + n);
+    while ((triUsed_ + n / 2) * 2 > triKeys_.size())
+        triGrow();
 }
 
 void MarkerLibrary::reserve(int n) {
@@ -141,8 +157,7 @@ void MarkerLibrary::link(int id) {
         }
     });
     // The new marker's own list: its nearest markers, with their triangles filed once.
-    const std::size_t k = std::min<std::size_t>(cand.size(), kNeighbours);
-    std::partial_sort(cand.begin(), cand.begin() + static_cast<std::ptrdiff_t>(k), cand.end());
+    const std::size_t k = nearestFirst(cand);
     const std::size_t base = static_cast<std::size_t>(id) * kNeighbours;
     for (std::size_t j = 0; j < k; ++j) {
         nbrId_[base + j] = cand[j].second;
@@ -189,21 +204,29 @@ void MarkerLibrary::linkAll() {
         coarse_.insert(i, pos[static_cast<std::size_t>(i)]);
         linked[static_cast<std::size_t>(i)] = 1;
     }
+    if (fileTriangles_)
+        reserveTriangles(fresh.size() * (kNeighbours * (kNeighbours - 1) / 2));
     const double r2 = linkRadius_ * linkRadius_;
     const double min2 = minSide_ * minSide_;
     std::vector<std::pair<double, int>> cand;
     for (int i : fresh) {
         const Eigen::Vector3d p = pos[static_cast<std::size_t>(i)];
-        cand.clear();
-        coarse_.forEachNear(p, linkRadius_, [&](int y) {
-            if (y == i)
-                return;
-            const double d2 = (pos[static_cast<std::size_t>(y)] - p).squaredNorm();
-            if (d2 <= r2 && d2 >= min2)
-                cand.emplace_back(d2, y);
-        });
-        const std::size_t k = std::min<std::size_t>(cand.size(), kNeighbours);
-        std::partial_sort(cand.begin(), cand.begin() + static_cast<std::ptrdiff_t>(k), cand.end());
+        // Nearest markers usually lie well inside the linking radius: look there first and
+        // widen to the full radius only when that does not settle the list.
+        for (const double r : {0.6 * linkRadius_, linkRadius_}) {
+            const double rr = r * r;
+            cand.clear();
+            coarse_.forEachNear(p, r, [&](int y) {
+                if (y == i)
+                    return;
+                const double d2 = (pos[static_cast<std::size_t>(y)] - p).squaredNorm();
+                if (d2 <= rr && d2 <= r2 && d2 >= min2)
+                    cand.emplace_back(d2, y);
+            });
+            if (cand.size() >= kNeighbours)
+                break;
+        }
+        const std::size_t k = nearestFirst(cand);
         const std::size_t base = static_cast<std::size_t>(i) * kNeighbours;
         for (std::size_t j = 0; j < k; ++j) {
             nbrId_[base + j] = cand[j].second;
@@ -250,7 +273,21 @@ void MarkerLibrary::retire(int id) {
     --live_;
 }
 
+bool MarkerLibrary::goodTriangle(int a, int b, int c) const {
+    const Eigen::Vector3d& pa = pos[static_cast<std::size_t>(a)];
+    const Eigen::Vector3d& pb = pos[static_cast<std::size_t>(b)];
+    const Eigen::Vector3d& pc = pos[static_cast<std::size_t>(c)];
+    const double m2 = minSide_ * minSide_;
+    if ((pb - pa).squaredNorm() < m2 || (pc - pa).squaredNorm() < m2 ||
+        (pc - pb).squaredNorm() < m2) {
+        return false;
+    }
+    return triangleShape(pa, pb, pc) >= kMinShape;
+}
+
 void MarkerLibrary::fileTriangle(int a, int b, int c) {
+    if (!fileTriangles_)
+        return;
     const Eigen::Vector3d& pa = pos[static_cast<std::size_t>(a)];
     const Eigen::Vector3d& pb = pos[static_cast<std::size_t>(b)];
     const Eigen::Vector3d& pc = pos[static_cast<std::size_t>(c)];

@@ -105,7 +105,7 @@ int MyMatchMarkClass_update::MarkRegistration(mark_data* moving, int n, mark_dat
         MarkerLibrary lib;
         const double radius = std::max(MarkerLibrary::suggestLinkRadius(fx.p, same),
                                        MarkerLibrary::suggestLinkRadius(mv.p, same));
-        lib.reset(radius, same);
+        lib.reset(radius, same, false);
         lib.reserve(static_cast<int>(fx.p.size()));
         for (std::size_t i = 0; i < fx.p.size(); ++i) {
             lib.add(fx.p[i], fx.n[i], fx.hasN[i] != 0, 0.0, 0, false);

@@ -1,0 +1,286 @@
+// One-off registration (MyMatchMarkClass_update::MarkRegistration): recovers known motions,
+// names the right fixed markers, and refuses what it cannot vouch for.
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "QuillTestUtil.h"
+#include "quill/Quill.h"
+#include "sim/MarkerScene.h"
+
+using namespace quilltest;
+
+namespace {
+
+struct Fixture {
+    Quill::MyMatchMarkClass_update matcher;
+    Fixture() { applyTrackerSettings(matcher); }
+    int run(std::vector<Quill::mark_data>& moving, std::vector<Quill::mark_data>& fixed) {
+        return matcher.MarkRegistration(moving.data(), static_cast<int>(moving.size()),
+                                        fixed.data(), static_cast<int>(fixed.size()), -1, 0);
+    }
+};
+
+sim::FrameOptions frameOpts(int visible, double drop = 0.0, double spurious = 0.0) {
+    sim::FrameOptions o;
+    o.visible = visible;
+    o.noiseSigma = 0.05;
+    o.dropFraction = drop;
+    o.spuriousFraction = spurious;
+    return o;
+}
+
+}  // namespace
+
+TEST(MarkRegistration, RecoversAKnownRigidMotion) {
+    const auto scene = sim::MarkerScene::randomPart(300, 11);
+    sim::FrameGenerator gen(scene, 12);
+    auto fixed = sceneMarks(scene);
+    for (int trial = 0; trial < 5; ++trial) {
+        const sim::Frame f = gen.randomFrame(frameOpts(30));
+        auto moving = frameMarks(f);
+        Fixture fx;
+        ASSERT_EQ(fx.run(moving, fixed), 1) << "trial " << trial;
+        const Eigen::Matrix4d T = fx.matcher.get_final_transform();
+        EXPECT_LT(transformError(T, f), 0.1);
+        EXPECT_LT(sim::rotationAngleDeg(T.topLeftCorner<3, 3>(), f.pose.R), 0.1);
+        EXPECT_EQ(fx.matcher.get_final_match_n(), 30);
+        EXPECT_GT(fx.matcher.get_final_err(), 0.0f);
+        EXPECT_LE(fx.matcher.get_final_err(), 0.15f);
+        EXPECT_EQ(fx.matcher.get_final_status(), Quill::kMatchOk);
+    }
+}
+
+TEST(MarkRegistration, FlagsNameTheFixedMarkersDespiteDropsAndSpuriousPoints) {
+    const auto scene = sim::MarkerScene::randomPart(500, 21);
+    sim::FrameGenerator gen(scene, 22);
+    auto fixed = sceneMarks(scene);
+    const sim::Frame f = gen.randomFrame(frameOpts(40, 0.3, 0.3));
+    auto moving = frameMarks(f);
+    Fixture fx;
+    ASSERT_EQ(fx.run(moving, fixed), 1);
+    const std::vector<int> flags = fx.matcher.get_final_match_flag();
+    ASSERT_EQ(flags.size(), moving.size());
+    int matched = 0;
+    for (std::size_t i = 0; i < flags.size(); ++i) {
+        EXPECT_EQ(flags[i], f.markers[i].truth) << "marker " << i;
+        matched += flags[i] >= 0 ? 1 : 0;
+    }
+    EXPECT_EQ(matched, f.trueCount());
+    EXPECT_EQ(fx.matcher.get_final_match_n(), matched);
+}
+
+TEST(MarkRegistration, FlagsUseTheCallersIndexingWhenFixedMarkersAreSkipped) {
+    const auto scene = sim::MarkerScene::randomPart(200, 31);
+    sim::FrameGenerator gen(scene, 32);
+    auto fixed = sceneMarks(scene);
+    // A non-finite marker and a duplicate in front shift every index by two.
+    Quill::mark_data bad;
+    bad.x = std::nanf("");
+    fixed.insert(fixed.begin(), fixed[5]);
+    fixed.insert(fixed.begin(), bad);
+    const sim::Frame f = gen.randomFrame(frameOpts(25));
+    auto moving = frameMarks(f);
+    Fixture fx;
+    ASSERT_EQ(fx.run(moving, fixed), 1);
+    const auto flags = fx.matcher.get_final_match_flag();
+    for (std::size_t i = 0; i < flags.size(); ++i) {
+        ASSERT_GE(flags[i], 0);
+        // Scene marker 5 appears twice (indices 1 and 7); the first copy is the one kept.
+        const int truth = f.markers[i].truth;
+        EXPECT_EQ(flags[i], truth == 5 ? 1 : truth + 2);
+    }
+}
+
+TEST(MarkRegistration, FailsCleanlyBelowTheMinimumMatchCount) {
+    const auto scene = sim::MarkerScene::randomPart(200, 41);
+    sim::FrameGenerator gen(scene, 42);
+    auto fixed = sceneMarks(scene);
+    const sim::Frame f = gen.randomFrame(frameOpts(4));
+    auto moving = frameMarks(f);
+    Fixture fx;
+    EXPECT_EQ(fx.run(moving, fixed), 0);
+    EXPECT_EQ(fx.matcher.get_final_status(), Quill::kMatchTooFewMarkers);
+    EXPECT_EQ(fx.matcher.get_final_match_n(), 0);
+    EXPECT_TRUE(fx.matcher.get_final_transform().isIdentity());
+    const auto flags = fx.matcher.get_final_match_flag();
+    EXPECT_EQ(flags.size(), moving.size());
+    for (int v : flags)
+        EXPECT_EQ(v, -1);
+
+    // Six true markers: enough for the tracker's minimum of five, not for a minimum of seven.
+    const sim::Frame six = gen.randomFrame(frameOpts(6));
+    auto moving6 = frameMarks(six);
+    EXPECT_EQ(fx.run(moving6, fixed), 1);
+    fx.matcher.set_min_final_match_n(7);
+    EXPECT_EQ(fx.run(moving6, fixed), 0);
+}
+
+TEST(MarkRegistration, RequiresTheConfiguredMatchedFraction) {
+    const auto scene = sim::MarkerScene::randomPart(300, 51);
+    sim::FrameGenerator gen(scene, 52);
+    auto fixed = sceneMarks(scene);
+    // 20 true markers and 6 spurious points: 77 % of the frame can be matched.
+    const sim::Frame f = gen.randomFrame(frameOpts(20, 0.0, 0.3));
+    auto moving = frameMarks(f);
+    Fixture fx;
+    fx.matcher.set_su_point_percentage(0.7f);
+    EXPECT_EQ(fx.run(moving, fixed), 1);
+    fx.matcher.set_su_point_percentage(0.85f);
+    EXPECT_EQ(fx.run(moving, fixed), 0);
+}
+
+TEST(MarkRegistration, RejectsInvalidArguments) {
+    std::vector<Quill::mark_data> some(10);
+    Fixture fx;
+    EXPECT_EQ(fx.matcher.MarkRegistration(nullptr, 5, some.data(), 10, -1, 0), -1);
+    EXPECT_EQ(fx.matcher.MarkRegistration(some.data(), 10, nullptr, 5, -1, 0), -1);
+    EXPECT_EQ(fx.matcher.MarkRegistration(some.data(), -1, some.data(), 10, -1, 0), -1);
+    EXPECT_EQ(fx.matcher.get_final_status(), Quill::kMatchBadInput);
+    // Empty sets are valid input with nothing to match.
+    EXPECT_EQ(fx.matcher.MarkRegistration(nullptr, 0, some.data(), 10, -1, 0), 0);
+    EXPECT_EQ(fx.matcher.MarkRegistration(some.data(), 10, nullptr, 0, -1, 0), 0);
+    EXPECT_EQ(fx.matcher.get_final_status(), Quill::kMatchTooFewMarkers);
+}
+
+TEST(MarkRegistration, RefusesCollinearMarkers) {
+    // Markers along a line: the rotation about the line is undetermined.
+    std::vector<Quill::mark_data> fixed;
+    std::vector<Quill::mark_data> moving;
+    const double gaps[] = {0, 17, 41, 58, 90, 111, 140, 152, 181, 203};
+    for (int i = 0; i < 10; ++i) {
+        fixed.push_back(toMark(Eigen::Vector3d(gaps[i], 0, 0), Eigen::Vector3d::Zero(), i));
+        moving.push_back(
+            toMark(Eigen::Vector3d(0, gaps[i] + 5.0, 3.0), Eigen::Vector3d::Zero(), i));
+    }
+    Fixture fx;
+    EXPECT_EQ(fx.run(moving, fixed), 0);
+    EXPECT_NE(fx.matcher.get_final_status(), Quill::kMatchOk);
+}
+
+TEST(MarkRegistration, RefusesAmbiguousPatchesOfARegularGrid) {
+    const auto grid = sim::MarkerScene::grid(12, 12, 25.0);
+    sim::FrameGenerator gen(grid, 61);
+    auto fixed = sceneMarks(grid);
+    for (int trial = 0; trial < 10; ++trial) {
+        const sim::Frame f = gen.randomFrame(frameOpts(16, 0.1, 0.1));
+        auto moving = frameMarks(f);
+        Fixture fx;
+        EXPECT_EQ(fx.run(moving, fixed), 0) << "trial " << trial;
+        EXPECT_EQ(fx.matcher.get_final_status(), Quill::kMatchAmbiguous) << "trial " << trial;
+    }
+}
+
+TEST(MarkRegistration, RefusesAGridPatchThatOneMissingMarkerWouldExplainElsewhere) {
+    // A grid with one marker missing, seen around the hole: shifted by one pitch the patch
+    // still fits all but one marker, which a single dropped marker would explain.
+    const auto full = sim::MarkerScene::grid(8, 8, 25.0);
+    std::vector<sim::Marker> markers = full.markers();
+    markers.erase(markers.begin() + 3 * 8 + 4);
+    const sim::MarkerScene holed(markers);
+    auto fixed = sceneMarks(holed);
+    sim::FrameGenerator gen(holed, 71);
+    const sim::Frame f = gen.frameAt(Eigen::Vector3d(4 * 25.0, 3 * 25.0, 0.0),
+                                     sim::randomMotion(gen.rng(), 500), frameOpts(20));
+    auto moving = frameMarks(f);
+    Fixture fx;
+    EXPECT_EQ(fx.run(moving, fixed), 0);
+    EXPECT_EQ(fx.matcher.get_final_status(), Quill::kMatchAmbiguous);
+}
+
+TEST(MarkRegistration, AcceptsAGridWhenIrregularMarkersPinThePose) {
+    // A grid with a cluster of off-grid markers in the middle: a patch that contains the
+    // cluster fits one way only.
+    std::vector<sim::Marker> markers = sim::MarkerScene::grid(10, 10, 25.0).markers();
+    sim::Rng rng(72);
+    for (int k = 0; k < 8; ++k) {
+        const Eigen::Vector3d p(112.5 + rng.uniform(-40, 40), 112.5 + rng.uniform(-40, 40),
+                                rng.uniform(5, 15));
+        markers.push_back(sim::Marker{p, Eigen::Vector3d::UnitZ()});
+    }
+    const sim::MarkerScene scene(markers);
+    auto fixed = sceneMarks(scene);
+    sim::FrameGenerator gen(scene, 73);
+    const sim::Frame f = gen.frameAt(Eigen::Vector3d(112.5, 112.5, 0.0),
+                                     sim::randomMotion(gen.rng(), 500), frameOpts(30));
+    auto moving = frameMarks(f);
+    Fixture fx;
+    ASSERT_EQ(fx.run(moving, fixed), 1);
+    EXPECT_LT(transformError(fx.matcher.get_final_transform(), f), 0.2);
+    EXPECT_EQ(wrongFlags(fx.matcher.get_final_match_flag(), f), 0);
+}
+
+TEST(MarkRegistration, NormalsPruneWhenEnabled) {
+    const auto scene = sim::MarkerScene::randomPart(300, 81);
+    sim::FrameGenerator gen(scene, 82);
+    auto fixed = sceneMarks(scene);
+    sim::Frame f = gen.randomFrame(frameOpts(30));
+    for (auto& o : f.markers)
+        o.normal = -o.normal;  // every normal turned around
+    auto moving = frameMarks(f);
+    Fixture fx;
+    EXPECT_EQ(fx.run(moving, fixed), 0);
+    fx.matcher.set_use_nor(0);
+    EXPECT_EQ(fx.run(moving, fixed), 1);
+    EXPECT_LT(transformError(fx.matcher.get_final_transform(), f), 0.1);
+}
+
+TEST(MarkRegistration, WorksWithoutNormals) {
+    const auto scene = sim::MarkerScene::randomPart(1000, 91);
+    sim::FrameGenerator gen(scene, 92);
+    auto fixed = sceneMarks(scene, false);
+    const sim::Frame f = gen.randomFrame(frameOpts(30, 0.2, 0.2));
+    auto moving = frameMarks(f, false);
+    Fixture fx;
+    ASSERT_EQ(fx.run(moving, fixed), 1);
+    EXPECT_LT(transformError(fx.matcher.get_final_transform(), f), 0.2);
+    EXPECT_EQ(wrongFlags(fx.matcher.get_final_match_flag(), f), 0);
+}
+
+TEST(MarkRegistration, RefusesAFitWorseThanTheFinalErrorLimit) {
+    const auto scene = sim::MarkerScene::randomPart(300, 101);
+    sim::FrameGenerator gen(scene, 102);
+    auto fixed = sceneMarks(scene);
+    sim::FrameOptions o = frameOpts(30);
+    o.noiseSigma = 0.12;  // RMS residual about 0.2 mm
+    const sim::Frame f = gen.randomFrame(o);
+    auto moving = frameMarks(f);
+    Fixture fx;
+    fx.matcher.set_max_err_for_three_mark(0.2f);
+    EXPECT_EQ(fx.run(moving, fixed), 0);
+    EXPECT_EQ(fx.matcher.get_final_status(), Quill::kMatchErrorTooLarge);
+    fx.matcher.set_max_final_err(0.4f);
+    EXPECT_EQ(fx.run(moving, fixed), 1);
+}
+
+// A few hundred random trials across library sizes, frame sizes, drops and spurious points:
+// no wrong registration may be accepted, and nearly every frame with a unique answer matches.
+TEST(MarkRegistrationRobustness, RandomTrialsNeverAcceptAWrongMatch) {
+    sim::Rng rng(2024);
+    int unique = 0, succeeded = 0, wrong = 0;
+    const int trials = 300;
+    for (int trial = 0; trial < trials; ++trial) {
+        const int libSize = rng.uniformInt(50, 1500);
+        const auto scene = sim::MarkerScene::randomPart(libSize, rng.next());
+        sim::FrameGenerator gen(scene, rng.next());
+        sim::FrameOptions o = frameOpts(std::min(rng.uniformInt(6, 60), scene.size()),
+                                        rng.uniform(0.0, 0.3), rng.uniform(0.0, 0.3));
+        const sim::Frame f = gen.randomFrame(o);
+        auto moving = frameMarks(f);
+        auto fixed = sceneMarks(scene);
+        Fixture fx;
+        const int r = fx.run(moving, fixed);
+        const bool hasUnique = f.trueCount() >= 5;
+        unique += hasUnique ? 1 : 0;
+        if (r == 1) {
+            const bool ok = transformError(fx.matcher.get_final_transform(), f) <= 1.0 &&
+                            wrongFlags(fx.matcher.get_final_match_flag(), f) == 0;
+            wrong += ok ? 0 : 1;
+            succeeded += ok && hasUnique ? 1 : 0;
+        }
+    }
+    EXPECT_EQ(wrong, 0);
+    EXPECT_GE(succeeded, unique * 0.98)
+        << succeeded << " of " << unique << " unique frames matched";
+    EXPECT_GT(unique, trials / 2);
+}
