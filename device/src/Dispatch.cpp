@@ -1,0 +1,252 @@
+// RecvMessageFn: classification of the SDK's messages and what each one reports to the host.
+#include <cstring>
+#include <exception>
+#include <map>
+
+#include "ModuleState.h"
+#include "device/Pathfinder.h"
+#include "platform/Platform.h"
+#include "sdk/Messages.h"
+#include "sdk/TPWrapper.h"
+
+namespace device {
+
+namespace {
+
+constexpr int kDiagnosisRequests = 5;
+constexpr int kDiagnosisWaitMs = 500;
+constexpr int kCalibraResultSettleMs = 500;
+
+// Whether the first diagnostic entry (scanners first, then trackers) reports state 1. The
+// wire entries carry no state of their own; their camera-trigger switch is that state.
+bool firstDiagnosisEntry(const lumora::DiagnosticInfo& d, bool* state) {
+    if (d.scannerdiagnosticinfo_size() > 0) {
+        *state = d.scannerdiagnosticinfo(0).biscamtrigger();
+        return true;
+    }
+    if (d.trackerdiagnosticinfo_size() > 0) {
+        *state = d.trackerdiagnosticinfo(0).biscamtrigger();
+        return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+emDeviceResult CPathfinder::GetWifiConnectTransferInfo(std::string& text) {
+    static const std::map<std::string, std::string> kTexts = {
+        {"wpa_state=INTERFACE_DISABLED", "unavailable Network Card"},
+        {"wpa_state=SCANNING", "network card Scaning_Router"},
+        {"wpa_state=ASSOCIATING", "network card consulting with router"},
+        {"wpa_state=GROUP_HANDSHAKE", "network card shaking hands with router"},
+        {"wpa_state=4WAY_HANDSHAKE", "network card shaking hands with router"},
+        {"wpa_state=DISCONNECTING", "network card disconnecting"},
+        {"wpa_state=DISCONNECTED", "network card disconnected"},
+        {"wpa_state=ASSOCIATED", "network card consulted with router "},
+        {"wpa_state=COMPLETED", "complete connection"},
+    };
+    const auto it = kTexts.find(text);
+    if (it != kTexts.end()) {
+        text = it->second;
+    }
+    return RESULT_SUCCESS;
+}
+
+void CPathfinder::RecvMessageFn(void* message) {
+    try {
+        auto* base = static_cast<SDK_NV::CMessage_Base*>(message);
+        if (m_pScanWrapper == nullptr || base == nullptr) {
+            return;
+        }
+        const int type = base->getType();
+        if (type < 0 || type > SDK_NV::MSG_CALIBDATA) {
+            return;
+        }
+
+        switch (type) {
+            case SDK_NV::MSG_CONNECT: {
+                auto* m = dynamic_cast<SDK_NV::CMessage_Connect*>(base);
+                if (m == nullptr) {
+                    return;
+                }
+                if (m->getConnect()) {
+                    m_bConnected.store(true);
+                    callDeviceTReply("", REPLY_SDK_CONNECTED, nullptr);
+                    return;
+                }
+                m_bConnected.store(false);
+                SDK_NV::CTPDeviceManager* devices = m_pScanWrapper->getTPDeviceManager();
+                for (const std::string& id : devices->getTracker()) {
+                    tagDeviceInfo info;
+                    info.setSerial(id);
+                    info.kind = DEVICE_TYPE_TRACKER;
+                    info.state = STATE_DISCONNECTED;
+                    detail::writeLine("disconnect 1533");
+                    callDeviceState(STATE_DISCONNECTED, info, nullptr);
+                }
+                for (const std::string& id : devices->getScanner()) {
+                    tagDeviceInfo info;
+                    info.setSerial(id);
+                    info.kind = DEVICE_TYPE_SCANNER;
+                    info.state = STATE_DISCONNECTED;
+                    detail::writeLine("disconnect 1541");
+                    callDeviceState(STATE_DISCONNECTED, info, nullptr);
+                }
+                callDeviceTReply("", REPLY_SDK_DISCONNECTED, nullptr);
+                return;
+            }
+
+            case SDK_NV::MSG_RECEIPT: {
+                auto* m = dynamic_cast<SDK_NV::CMessage_Receipt*>(base);
+                if (m == nullptr) {
+                    return;
+                }
+                m_bReceiptSeen.store(true);
+                const int kind = m->getReceiptKind();
+                switch (kind) {
+                    case SDK_NV::RECEIPT_WORK_RESPONSE: {
+                        SDK_NV::tagWorkRespons response;
+                        response.state = -1;
+                        m->getWorkResponsInfo(&response);
+                        CallBack_Response(response);
+                        return;
+                    }
+                    case SDK_NV::RECEIPT_HEARTBEAT: {
+                        std::vector<SDK_NV::tagHeartData> beats;
+                        m->getHeartData(&beats);
+                        CallBack_HeartBeat(beats);
+                        return;
+                    }
+                    case SDK_NV::RECEIPT_CAMERA_IMAGES: {
+                        SDK_NV::tagCameraImageList images;
+                        m->getCameraImages(images);
+                        CallBack_CameraImage(&images);
+                        return;
+                    }
+                    case SDK_NV::RECEIPT_DIAGNOSIS: {
+                        const lumora::DiagnosticInfo diagnosis = m->getDiagnosisInfo();
+                        bool state = false;
+                        if (firstDiagnosisEntry(diagnosis, &state)) {
+                            detail::moduleFlags().diagnosisState.store(state);
+                        }
+                        detail::moduleFlags().diagnosisReceived.store(true);
+                        return;
+                    }
+                    case SDK_NV::RECEIPT_LOWPART_CONFIG: {
+                        // The record is in place before the waiting command sees the flag.
+                        {
+                            std::lock_guard<std::mutex> lock(m_mtxLowPart);
+                            if (m_pLowPartConfig != nullptr) {
+                                m->getLowPartConfig(m_pLowPartConfig);
+                            }
+                        }
+                        m_bConfigPending.store(false);
+                        return;
+                    }
+                    case SDK_NV::RECEIPT_PRIPLAD_LIST: {
+                        {
+                            std::lock_guard<std::mutex> lock(m_mtxLowPart);
+                            if (m_pPripladDevices != nullptr) {
+                                m->getPripladDevices(m_pPripladDevices);
+                            }
+                        }
+                        m_bConfigPending.store(false);
+                        return;
+                    }
+                    case SDK_NV::RECEIPT_REMAINING_RGF: {
+                        SDK_NV::tagRemainingRGFs list;
+                        m->getRemainingRGF(list);
+                        std::map<std::string, int> counts;
+                        for (const SDK_NV::tagRemainingRGF& entry : list.vecRGF) {
+                            counts[entry.strName] = entry.nCount;  // a later entry wins
+                        }
+                        callDeviceTReply("", REPLY_REMAINING_RESOURCES, &counts);
+                        return;
+                    }
+                    case SDK_NV::RECEIPT_FIRMWARE_CHECK:
+                        detail::writeLine("test");
+                        break;  // on to the Wi-Fi report
+                    case SDK_NV::RECEIPT_CALIB_RESULT:
+                        m_fCalibraResult.store(static_cast<float>(m->getCalibraResult()));
+                        platform::sleepMs(kCalibraResultSettleMs);
+                        detail::moduleFlags().calibraResultReady.store(true);
+                        detail::writeLine("test");
+                        break;  // on to the Wi-Fi report
+                    case SDK_NV::RECEIPT_WIFI_CONNECT:
+                        break;
+                    default:
+                        return;
+                }
+                // Wi-Fi report (kind 23, and the kinds 14 and 15 that end here too).
+                const SDK_NV::tagWIFIConnectInfo wifi = m->getWIFIConnectInfo();
+                std::string text = wifi.strEventMessage;
+                GetWifiConnectTransferInfo(text);
+                callDeviceTReply("", REPLY_WIFI_STATE, text.c_str());
+                return;
+            }
+
+            case SDK_NV::MSG_DEVICE: {
+                auto* m = dynamic_cast<SDK_NV::CMessage_Device*>(base);
+                if (m == nullptr) {
+                    return;
+                }
+                if (!m->getConnect()) {
+                    tagDeviceInfo info;
+                    info.state = STATE_DISCONNECTED;
+                    info.kind = static_cast<int32_t>(m->getDeviceType());
+                    info.setSerial(m->getDeviceSN());
+                    callDeviceState(STATE_DISCONNECTED, info, nullptr);
+                    return;
+                }
+                tagDeviceInfo info;
+                tpGetDeviceInfo(m->deviceInfo(), info);
+                if (info.model == 2) {
+                    setHighFrameRate(3);
+                } else if (info.model == 3) {
+                    setHighFrameRate(5);
+                }
+                callDeviceState(static_cast<emDeviceState>(info.state), info, nullptr);
+                {
+                    const lumora::DeviceInfo payload = m->getDeviceInfo();
+                    callDeviceTReply(info.serialText(), REPLY_DEVICE_INFO, &payload);
+                }
+                detail::ModuleFlags& flags = detail::moduleFlags();
+                for (int i = 0; i < kDiagnosisRequests && !flags.diagnosisReceived.load(); ++i) {
+                    m_pScanWrapper->getDiagnosisInfo();
+                    platform::sleepMs(kDiagnosisWaitMs);
+                }
+                flags.diagnosisReceived.store(false);
+                return;
+            }
+
+            case SDK_NV::MSG_BUTTON: {
+                auto* m = dynamic_cast<SDK_NV::CMessage_Button*>(base);
+                if (m != nullptr) {
+                    CallBack_ButtonTrigger(m->getButtonCode(), m->getButtonAction());
+                }
+                return;
+            }
+
+            case SDK_NV::MSG_SCANDATA: {
+                auto* m = dynamic_cast<SDK_NV::CMessage_ScanData*>(base);
+                if (m != nullptr && m->getScanData() != nullptr) {
+                    CallBack_ScanData(m->getScanData(), true);
+                }
+                return;
+            }
+
+            case SDK_NV::MSG_CALIBDATA:
+                CallBack_Calibrate(base);
+                return;
+
+            default:  // type 4: nothing
+                return;
+        }
+    } catch (const std::exception& e) {
+        detail::logLine(std::string("message dropped: ") + e.what());
+    } catch (...) {
+        detail::logLine("message dropped: unknown failure");
+    }
+}
+
+}  // namespace device

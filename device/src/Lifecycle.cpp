@@ -1,0 +1,264 @@
+// Construction, connection to the SDK, the companion console, shutdown, cache reset, the laser
+// trigger and the tracking preview.
+#include <exception>
+#include <functional>
+
+#include "ModuleState.h"
+#include "device/Pathfinder.h"
+#include "platform/Platform.h"
+#include "sdk/TPWrapper.h"
+#include "utils/ConfigEditor.h"
+
+#ifdef PATHFINDER_HAVE_MARKER_TRACKER
+#include "tracking/TPScan_Markpoint.h"
+#endif
+
+namespace device {
+
+namespace {
+
+// Waits of the connection protocol (milliseconds, scaled by the platform's time scale).
+constexpr int kFirstConnectWaitMs = 3000;  // for an SDK connection message after connecting
+constexpr int kConnectPollMs = 1000;       // poll step while the console starts
+constexpr int kConnectPolls = 30;          // at most 30 s
+constexpr int kSettleMs = 2000;            // after the connection came up
+constexpr int kStopPollMs = 500;           // while the console ends
+constexpr int kStopPolls = 10;
+constexpr int kTriggerPollMs = 100;  // laser verdict
+constexpr int kTriggerPolls = 300;   // at most 30 s
+constexpr int kPreviewSettleMs = 500;
+
+// The companion programs: the newer install first, the older one as fallback.
+#ifdef _WIN32
+constexpr const wchar_t* kConsoleNew = L"lumora_console.exe";
+constexpr const wchar_t* kGuiNew = L"lumora_gui.exe";
+constexpr const wchar_t* kConsoleOld = L"zqWaymarkConsole.exe";
+constexpr const wchar_t* kGuiOld = L"zqWaymarkGUI.exe";
+#else
+constexpr const wchar_t* kConsoleNew = L"lumora_console";
+constexpr const wchar_t* kGuiNew = L"lumora_gui";
+constexpr const wchar_t* kConsoleOld = L"zqWaymarkConsole";
+constexpr const wchar_t* kGuiOld = L"zqWaymarkGUI";
+#endif
+constexpr const wchar_t* kCompanionFolder = L"Lumora";
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+
+int FindProcessByName(const std::wstring& exeName, bool terminate) {
+    const std::string name = platform::toNarrow(exeName, platform::kCodePageUtf8);
+    if (name.empty()) {
+        return 0;
+    }
+    if (terminate) {
+        return platform::terminateProcessesByName(name);
+    }
+    return static_cast<int>(platform::findProcessesByName(name).size());
+}
+
+// ---------------------------------------------------------------------------------------------
+
+CPathfinder::CPathfinder() : CDeviceBase(NEW_TYPE_OPTICAL_TRACKING) {
+    try {
+        // Debug switches of the annex folder; a missing file reads as all switches off.
+        zq::utils::CConfigEditor& debug = zq::utils::debugConfig();
+        debug.load(platform::joinPath(CDeviceBase::getAnnexPath(),
+                                      std::wstring(zq::utils::kDebugConfigFileName)),
+                   false, true);
+        SDK_NV::CTPWrapper::setSaveFrame(debug.getBoolean(zq::utils::kSaveScanFrameKey));
+
+        m_pScanWrapper = new SDK_NV::CTPScanWrapper();
+        m_pScanWrapper->m_nHeartBeatInterval = 0;
+        m_pPripladDevices = new std::vector<SDK_NV::tagPripladDeviceData>();
+        m_pLowPartConfig = new SDK_NV::tagLowPartConfig();
+#ifdef PATHFINDER_HAVE_MARKER_TRACKER
+        m_pMarkpoint = new CTPScan_Markpoint();
+        m_pMarkpoint->initLibrary();
+#endif
+    } catch (const std::exception& e) {
+        detail::logLine(std::string("device object incomplete: ") + e.what());
+    }
+}
+
+CPathfinder::~CPathfinder() {
+    clear();
+    delete m_pScanWrapper;
+    m_pScanWrapper = nullptr;
+    delete m_pPripladDevices;
+    m_pPripladDevices = nullptr;
+    delete m_pLowPartConfig;
+    m_pLowPartConfig = nullptr;
+#ifdef PATHFINDER_HAVE_MARKER_TRACKER
+    if (m_pMarkpoint != nullptr) {
+        m_pMarkpoint->freeLibrary();
+        delete m_pMarkpoint;
+        m_pMarkpoint = nullptr;
+    }
+#endif
+    for (auto& entry : m_mapTransferMatrix) {
+        delete[] entry.second;
+    }
+    m_mapTransferMatrix.clear();
+}
+
+std::wstring CPathfinder::companionFolder() const {
+    return platform::joinPath(CDeviceBase::getAnnexPath(), std::wstring(kCompanionFolder));
+}
+
+std::vector<std::string> CPathfinder::workingDevices() const {
+    return m_vecWorkingDevices;
+}
+
+// ---------------------------------------------------------------------------------------------
+
+emDeviceResult CPathfinder::init() {
+    if (hasInit()) {
+        return RESULT_SUCCESS;
+    }
+    if (m_pScanWrapper == nullptr) {
+        return RESULT_FAILED;
+    }
+    try {
+        platform::socketStartup();
+        m_bConnected.store(false);
+        m_pScanWrapper->setCallBackMessage(
+            std::bind(&CPathfinder::RecvMessageFn, this, std::placeholders::_1));
+        m_pScanWrapper->setCloseWrapper(false);
+        SDK_NV::CTPWrapper::setOutput(false);
+        m_pScanWrapper->connectToLowPart();
+
+        platform::sleepMs(kFirstConnectWaitMs);
+
+        const std::wstring folder = companionFolder();
+        const std::wstring newer = platform::joinPath(folder, std::wstring(kConsoleNew));
+        const std::wstring older = platform::joinPath(folder, std::wstring(kConsoleOld));
+        const std::wstring program =
+            platform::fileExists(platform::nativePath(newer)) ? newer : older;
+
+        if (!m_bConnected.load()) {
+            const std::string path = platform::nativePath(program);
+            if (platform::startProcess(path, {}, platform::nativePath(folder)) < 0) {
+                detail::logLine("cannot start the console " + path);
+            }
+            for (int i = 0; i < kConnectPolls && !m_bConnected.load(); ++i) {
+                platform::sleepMs(kConnectPollMs);
+            }
+            if (!m_bConnected.load()) {
+                detail::logLine("no device connection");
+                return RESULT_FAILED;
+            }
+        }
+
+        platform::sleepMs(kSettleMs);
+        setInit(true);
+        return RESULT_SUCCESS;
+    } catch (const std::exception& e) {
+        detail::logLine(std::string("init failed: ") + e.what());
+        return RESULT_FAILED;
+    }
+}
+
+emDeviceResult CPathfinder::clear() {
+    try {
+        if (m_pScanWrapper != nullptr) {
+            m_pScanWrapper->setCloseWrapper(true);
+        }
+        setInit(false);
+
+        const std::wstring folder = companionFolder();
+        const bool newer =
+            platform::fileExists(platform::nativePath(platform::joinPath(folder, kConsoleNew)));
+        const std::wstring console = newer ? kConsoleNew : kConsoleOld;
+        const std::wstring gui = newer ? kGuiNew : kGuiOld;
+
+        FindProcessByName(console, true);
+        FindProcessByName(gui, true);
+        for (int i = 0; i < kStopPolls; ++i) {
+            if (FindProcessByName(console, false) == 0) {
+                break;
+            }
+            platform::sleepMs(kStopPollMs);
+        }
+    } catch (const std::exception& e) {
+        detail::logLine(std::string("clear: ") + e.what());
+    }
+    return RESULT_SUCCESS;
+}
+
+emDeviceResult CPathfinder::emptyCache() {
+    if (m_pScanWrapper != nullptr) {
+        m_pScanWrapper->clearMarkpointData(SDK_NV::DEVICE_TRACKER);
+    }
+    m_vecWorkingDevices.clear();
+    for (auto& entry : m_mapTransferMatrix) {
+        delete[] entry.second;
+    }
+    m_mapTransferMatrix.clear();
+#ifdef PATHFINDER_HAVE_MARKER_TRACKER
+    if (m_pMarkpoint != nullptr) {
+        m_pMarkpoint->clearLibrary();
+    }
+#endif
+    SendMatrix(true);
+    return RESULT_SUCCESS;
+}
+
+// ---------------------------------------------------------------------------------------------
+
+emDeviceResult CPathfinder::controlLaserOn() {
+    if (m_bTriggerActive.load()) {
+        return RESULT_BUSY_SCANNING;
+    }
+    if (m_pScanWrapper == nullptr) {
+        return RESULT_SEND_REFUSED;
+    }
+    // The pending verdict and the busy flag go in before the command, so that an answer that
+    // arrives at once is not overwritten by them.
+    const emDeviceResult previous = m_nLastResult.exchange(RESULT_NO_ANSWER);
+    m_bTriggerActive.store(true);
+    if (!m_pScanWrapper->setTrigger(true, m_vecWorkingDevices)) {
+        m_bTriggerActive.store(false);
+        m_nLastResult.store(previous);
+        return RESULT_SEND_REFUSED;
+    }
+    detail::writeLine("[" + platform::formatTimestamp(platform::localNow()) + "] Trigger");
+
+    for (int i = 0; i < kTriggerPolls; ++i) {
+        const emDeviceResult r = m_nLastResult.load();
+        if (r == RESULT_SUCCESS || r == RESULT_TRIGGER_TIMEOUT) {
+            break;
+        }
+        platform::sleepMs(kTriggerPollMs);
+    }
+    return m_nLastResult.load();
+}
+
+emDeviceResult CPathfinder::controlLaserOff() {
+    if (m_pScanWrapper != nullptr) {
+        m_pScanWrapper->setTrigger(false, {});
+    }
+    std::lock_guard<std::mutex> lock(detail::moduleMutex());
+    m_bTriggerActive.store(false);
+    return RESULT_SUCCESS;
+}
+
+emDeviceResult CPathfinder::EnterTrackPreviewer() {
+    if (m_pScanWrapper == nullptr) {
+        return RESULT_FAILED;
+    }
+    m_pScanWrapper->setTrigger(false, {});
+    m_pScanWrapper->setWorkBusiness(32);
+    m_pScanWrapper->setTrigger(true, {});
+    m_pScanWrapper->setImageMode(SDK_NV::IMAGE_MODE_TRACK_PREVIEW);
+    platform::sleepMs(kPreviewSettleMs);
+    return RESULT_SUCCESS;
+}
+
+void CPathfinder::triggerOff() {
+    if (m_pScanWrapper != nullptr) {
+        m_pScanWrapper->setTrigger(false, {});
+    }
+}
+
+}  // namespace device
