@@ -1,0 +1,144 @@
+// Shared helpers of the marker-tracking tests: synthetic scan frames and marker sets built
+// from the shared scene generator, and white-box access to the tracker.
+#pragma once
+
+#include <Eigen/Core>
+#include <algorithm>
+#include <vector>
+
+#include "helmsman/DeviceTypes.h"
+#include "quill/Quill.h"
+#include "sdk/Records.h"
+#include "sim/MarkerScene.h"
+#include "tracking/TPScan_Markpoint.h"
+
+// Reaches the tracker's private operations and members for the tests.
+struct CTPScan_MarkpointAccess {
+    static bool setTrackMarkpoint(CTPScan_Markpoint& t, bool track) {
+        return t.setTrackMarkpoint(track);
+    }
+    static Quill::MarkOpt_class* optimizer(CTPScan_Markpoint& t) { return t.optimizer.get(); }
+    static std::size_t queued(const CTPScan_Markpoint& t) { return t.frameQueue.size(); }
+    static bool Frame2MarkPoint(const SDK_NV::tagScanData& frame,
+                                std::vector<Quill::mark_data>& marks, int& frameValue,
+                                bool skipCameraBlock) {
+        return CTPScan_Markpoint::Frame2MarkPoint(frame, marks, frameValue, skipCameraBlock);
+    }
+};
+
+namespace tracking_test {
+
+constexpr double kMarkerDiameter = 6.0;
+
+// A scan frame carrying the observed markers of `frame` (labels 0.., all valid).
+inline SDK_NV::tagScanData toScanData(const sim::Frame& frame, int frameValue = 0) {
+    SDK_NV::tagScanData d;
+    d.m_nFrameValue = frameValue;
+    int label = 0;
+    for (const sim::ObservedMarker& m : frame.markers) {
+        d.m_vecMarkerIds.push_back(label++);
+        d.m_vecMarkerCenters.insert(d.m_vecMarkerCenters.end(),
+                                    {m.position.x(), m.position.y(), m.position.z()});
+        d.m_vecMarkerNormals.insert(d.m_vecMarkerNormals.end(),
+                                    {m.normal.x(), m.normal.y(), m.normal.z()});
+        d.m_vecMarkerDiameters.push_back(kMarkerDiameter);
+        d.m_vecMarkerValid.push_back(1);
+    }
+    return d;
+}
+
+// The scene markers `indices` seen from `pose` (frame -> scene), without noise.
+inline sim::Frame viewOf(const sim::MarkerScene& scene, const std::vector<int>& indices,
+                         const sim::RigidMotion& pose) {
+    sim::Frame f;
+    f.pose = pose;
+    const sim::RigidMotion toFrame = pose.inverse();
+    for (int i : indices) {
+        sim::ObservedMarker o;
+        o.truth = i;
+        o.position = toFrame.apply(scene[i].position);
+        o.normal = toFrame.rotate(scene[i].normal);
+        f.markers.push_back(o);
+    }
+    return f;
+}
+
+// The scene markers `indices` (all of them when empty) as a marker set labelled by position
+// in the set.
+inline device::tagRefMarkpointData markerSet(const sim::MarkerScene& scene,
+                                             std::vector<int> indices = {}) {
+    if (indices.empty()) {
+        for (int i = 0; i < scene.size(); ++i) {
+            indices.push_back(i);
+        }
+    }
+    device::tagRefMarkpointData set;
+    int label = 0;
+    for (int i : indices) {
+        const sim::Marker& m = scene[i];
+        set.positions.insert(set.positions.end(), {m.position.x(), m.position.y(), m.position.z()});
+        set.normals.insert(set.normals.end(), {m.normal.x(), m.normal.y(), m.normal.z()});
+        set.values.push_back(kMarkerDiameter);
+        set.labels.push_back(label++);
+    }
+    return set;
+}
+
+inline std::vector<int> range(int first, int last) {
+    std::vector<int> v;
+    for (int i = first; i <= last; ++i) {
+        v.push_back(i);
+    }
+    return v;
+}
+
+// A pose a tracker might stand in relative to the part: turned and a metre or two away.
+inline sim::RigidMotion trackerPose(std::uint64_t seed) {
+    sim::Rng rng(seed);
+    sim::RigidMotion pose;
+    pose.R = sim::randomSmallRotation(rng, 35.0);
+    pose.t =
+        Eigen::Vector3d(rng.uniform(-300, 300), rng.uniform(-300, 300), rng.uniform(-2000, -1200));
+    return pose;
+}
+
+// Row-major rotation and translation of a 16-double transform in the TranRT layout.
+inline Eigen::Matrix3d rotationOf(const double* rt16) {
+    Eigen::Matrix3d R;
+    for (int r = 0; r < 3; ++r) {
+        for (int c = 0; c < 3; ++c) {
+            R(r, c) = rt16[4 * r + c];
+        }
+    }
+    return R;
+}
+inline Eigen::Vector3d translationOf(const double* rt16) {
+    return Eigen::Vector3d(rt16[12], rt16[13], rt16[14]);
+}
+
+// Largest distance between a transform (rotation R, translation t on column vectors) applied
+// to `from` and the points `to`: how well it maps a region, unlike a bare translation that
+// depends on the lever arm.
+inline double worstMapping(const Eigen::Matrix3d& R, const Eigen::Vector3d& t,
+                           const std::vector<Eigen::Vector3d>& from,
+                           const std::vector<Eigen::Vector3d>& to) {
+    double worst = 0.0;
+    for (std::size_t i = 0; i < from.size() && i < to.size(); ++i) {
+        worst = std::max(worst, (R * from[i] + t - to[i]).norm());
+    }
+    return worst;
+}
+
+// The true markers of `frame`, exactly in the frame's coordinates and in the scene's.
+inline void truePoints(const sim::Frame& frame, const sim::MarkerScene& scene,
+                       std::vector<Eigen::Vector3d>& inFrame,
+                       std::vector<Eigen::Vector3d>& inScene) {
+    for (const sim::ObservedMarker& m : frame.markers) {
+        if (m.truth >= 0) {
+            inScene.push_back(scene[m.truth].position);
+            inFrame.push_back(frame.pose.inverse().apply(scene[m.truth].position));
+        }
+    }
+}
+
+}  // namespace tracking_test
