@@ -218,7 +218,7 @@ bool CConfigEditor::load(const std::wstring& path, bool binary, bool readOnly) {
             return false;
         }
         std::string bytes;
-        if (!readWholeFile(native, bytes)) {
+        if (platform::directoryExists(native) || !readWholeFile(native, bytes)) {
             m_pConfigFile.reset();
             return false;
         }
