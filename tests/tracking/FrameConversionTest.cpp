@@ -1,0 +1,121 @@
+// Conversion of a scan frame into matcher records, including the camera block that library
+// building and static tracking carry along.
+#include <gtest/gtest.h>
+
+#include <Eigen/Geometry>
+
+#include "TrackingFixtures.h"
+
+using namespace tracking_test;
+
+namespace {
+
+void setPose(google::protobuf::RepeatedField<double>* field, const Eigen::Matrix3d& R,
+             const Eigen::Vector3d& t) {
+    for (int r = 0; r < 3; ++r) {
+        for (int c = 0; c < 3; ++c) {
+            field->Add(R(r, c));
+        }
+    }
+    for (int k = 0; k < 3; ++k) {
+        field->Add(t[k]);
+    }
+}
+
+class FrameConversion : public ::testing::Test {
+protected:
+    FrameConversion() {
+        const sim::MarkerScene scene = sim::MarkerScene::randomPart(20, 3);
+        frame = toScanData(viewOf(scene, range(0, 5), trackerPose(2)), 77);
+        for (std::size_t i = 0; i < frame.m_vecMarkerValid.size(); ++i) {
+            frame.m_vecMarkerIds[i] = static_cast<int>(40 + i);
+            frame.m_vecMarkerDiameters[i] = 3.0 + static_cast<double>(i);
+            lumora::MKPointSolve* s = frame.m_mkImage.add_mksolve();
+            s->mutable_mkimageleft()->set_x(100.0 + static_cast<double>(i));
+            s->mutable_mkimageleft()->set_y(200.0);
+            s->mutable_mkimageright()->set_x(300.0);
+            s->mutable_mkimageright()->set_y(400.0 + static_cast<double>(i));
+        }
+        for (double v : {2400.0, 2401.0, 1224.0, 1024.0, 55.0}) {
+            frame.m_mkImage.add_left_im(v);
+            frame.m_mkImage.add_right_im(v + 1.0);
+        }
+        sim::Rng rng(8);
+        R1 = sim::randomRotation(rng);
+        R2 = sim::randomRotation(rng);
+        t1 = Eigen::Vector3d(10, -20, 5);
+        t2 = Eigen::Vector3d(-240, 3, 17);
+        setPose(frame.m_mkImage.mutable_left_rt(), R1, t1);
+        setPose(frame.m_mkImage.mutable_right_rt(), R2, t2);
+    }
+
+    SDK_NV::tagScanData frame;
+    Eigen::Matrix3d R1, R2;
+    Eigen::Vector3d t1, t2;
+    std::vector<Quill::mark_data> marks;
+    int frameValue = 0;
+};
+
+TEST_F(FrameConversion, MarkersTakeTheFramesPositionsNormalsValuesAndLabels) {
+    ASSERT_TRUE(CTPScan_MarkpointAccess::Frame2MarkPoint(frame, marks, frameValue, true));
+    EXPECT_EQ(frameValue, 77);
+    ASSERT_EQ(marks.size(), 6u);
+    for (std::size_t i = 0; i < marks.size(); ++i) {
+        EXPECT_EQ(marks[i].x, static_cast<float>(frame.m_vecMarkerCenters[3 * i]));
+        EXPECT_EQ(marks[i].z, static_cast<float>(frame.m_vecMarkerCenters[3 * i + 2]));
+        EXPECT_EQ(marks[i].ny, static_cast<float>(frame.m_vecMarkerNormals[3 * i + 1]));
+        EXPECT_EQ(marks[i].value, frame.m_vecMarkerDiameters[i]);
+        EXPECT_EQ(marks[i].label, frame.m_vecMarkerIds[i]);
+        // Dynamic tracking leaves the camera block at its defaults.
+        EXPECT_EQ(marks[i].img[0], 0.0f);
+        EXPECT_EQ(marks[i].cam_param[0], 0.0);
+        EXPECT_EQ(marks[i].cam_matrix[11], 0.0);
+    }
+}
+
+TEST_F(FrameConversion, TheCameraBlockCarriesImagePointsParametersAndTheCamerasRelativePose) {
+    ASSERT_TRUE(CTPScan_MarkpointAccess::Frame2MarkPoint(frame, marks, frameValue, false));
+    ASSERT_EQ(marks.size(), 6u);
+    const Quill::mark_data& m = marks[4];
+    EXPECT_EQ(m.img[0], 104.0f);
+    EXPECT_EQ(m.img[1], 200.0f);
+    EXPECT_EQ(m.img[2], 300.0f);
+    EXPECT_EQ(m.img[3], 404.0f);
+    EXPECT_EQ(m.cam_param[0], 2400.0);
+    EXPECT_EQ(m.cam_param[3], 1024.0);
+    EXPECT_EQ(m.cam_param[4], 2401.0);
+    EXPECT_EQ(m.cam_param[7], 1025.0);
+
+    // The twelve doubles carry a point from the first camera into the second.
+    Eigen::Matrix3d R;
+    for (int k = 0; k < 9; ++k) {
+        R(k / 3, k % 3) = m.cam_matrix[k];
+    }
+    const Eigen::Vector3d t(m.cam_matrix[9], m.cam_matrix[10], m.cam_matrix[11]);
+    for (const Eigen::Vector3d& X : {Eigen::Vector3d(0, 0, 0), Eigen::Vector3d(100, -50, 900)}) {
+        EXPECT_LT((R * (R1 * X + t1) + t - (R2 * X + t2)).norm(), 1e-9);
+    }
+}
+
+TEST_F(FrameConversion, ImagePointsNotOnePerMarkerAreLeftOut) {
+    frame.m_mkImage.mutable_mksolve()->RemoveLast();
+    ASSERT_TRUE(CTPScan_MarkpointAccess::Frame2MarkPoint(frame, marks, frameValue, false));
+    EXPECT_EQ(marks[0].img[0], 0.0f);
+    EXPECT_EQ(marks[0].cam_param[0], 2400.0);
+}
+
+TEST_F(FrameConversion, AFrameWithShortMarkerArraysIsRefused) {
+    CTPScan_Markpoint tracker;
+    tracker.initLibrary();
+    device::tagRefMarkpointData out;
+    double rt[4][3] = {};
+    frame.m_vecMarkerNormals.resize(frame.m_vecMarkerNormals.size() - 1);
+    EXPECT_FALSE(CTPScan_MarkpointAccess::Frame2MarkPoint(frame, marks, frameValue, false));
+    EXPECT_EQ(tracker.addOneFrameToLibrary(frame, out, rt, true), -1);
+    frame.m_vecMarkerNormals.push_back(0.0);
+    frame.m_vecMarkerValid.pop_back();
+    EXPECT_EQ(tracker.addOneFrameToLibrary(frame, out, rt, true), -1);
+    EXPECT_TRUE(out.labels.empty());
+}
+
+}  // namespace
