@@ -1,7 +1,10 @@
 #include "quill/MarkOpt_class.h"
 
+#include <Eigen/Cholesky>
+#include <Eigen/Geometry>
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <new>
 
 #include "Geometry.h"
@@ -10,11 +13,417 @@
 namespace Quill {
 
 namespace {
+
 // Observations farther than this many robust standard deviations from their marker are
 // left out of the next iteration (and may come back when the model moves).
 constexpr double kGateSigmas = 5.0;
 // ... but never gate below this residual (mm): tiny noise must not shed good observations.
 constexpr double kMinGate = 0.02;
+// Marquardt damping added to the pose system's diagonal (relative, and absolute).
+constexpr double kDampRel = 1e-9;
+constexpr double kDampAbs = 1e-12;
+// Conjugate-gradient limits of one Gauss-Newton step.
+constexpr int kMaxCgIterations = 400;
+constexpr double kCgTolerance = 1e-10;  // on the preconditioned residual, relative
+
+using Mat6 = Eigen::Matrix<double, 6, 6>;
+using Vec6 = Eigen::Matrix<double, 6, 1>;
+using Mat36 = Eigen::Matrix<double, 3, 6>;
+
+// Jacobian of a transformed point q under a small left perturbation (rotation w, shift u):
+// q -> q + w x q + u.
+Mat36 pointJacobian(const Eigen::Vector3d& q) {
+    Mat36 J;
+    J << 0.0, q.z(), -q.y(), 1.0, 0.0, 0.0,  //
+        -q.z(), 0.0, q.x(), 0.0, 1.0, 0.0,   //
+        q.y(), -q.x(), 0.0, 0.0, 0.0, 1.0;
+    return J;
+}
+
+// The joint problem: every marker j seen in frames f at local positions p_fj; unknowns are
+// the frame poses (R_f, t_f) and the marker positions X_j; the cost is
+//   sum over observations of |R_f p_fj + t_f - X_j|^2.
+// For given poses the best X_j is the mean of its transformed observations, so X is
+// eliminated and Gauss-Newton runs on the poses alone: the reduced normal matrix couples two
+// frames through every marker both see. That 6F x 6F system is solved by conjugate gradients
+// without ever forming it (each product costs one pass over the observations), with the
+// 6 x 6 diagonal blocks as preconditioner: the cost grows with the observations, not with
+// the square of the frames.
+class Bundle {
+public:
+    Bundle(const detail::MatcherState& g, int frameCount, std::vector<Eigen::Matrix4d>& frames)
+        : lib_(g.lib), F_(frameCount), M_(g.lib.slots()) {
+        for (const auto& o : g.obs) {
+            if (o.frame >= 0 && o.frame < F_ && o.marker >= 0 && o.marker < M_ &&
+                lib_.alive[static_cast<std::size_t>(o.marker)]) {
+                obs_.push_back(&o);
+            }
+        }
+        // Group by marker (counting sort keeps each marker's frames in order).
+        start_.assign(static_cast<std::size_t>(M_) + 1, 0);
+        for (const auto* o : obs_)
+            ++start_[static_cast<std::size_t>(o->marker) + 1];
+        for (int j = 0; j < M_; ++j)
+            start_[static_cast<std::size_t>(j) + 1] += start_[static_cast<std::size_t>(j)];
+        order_.resize(obs_.size());
+        std::vector<int> fill(start_.begin(), start_.end() - 1);
+        for (std::size_t k = 0; k < obs_.size(); ++k) {
+            order_[static_cast<std::size_t>(fill[static_cast<std::size_t>(obs_[k]->marker)]++)] =
+                static_cast<int>(k);
+        }
+        frames_.assign(static_cast<std::size_t>(M_), 0);
+        for (int j = 0; j < M_; ++j) {
+            int last = -1;
+            for (int a = start_[static_cast<std::size_t>(j)];
+                 a < start_[static_cast<std::size_t>(j) + 1]; ++a) {
+                const int f =
+                    obs_[static_cast<std::size_t>(order_[static_cast<std::size_t>(a)])]->frame;
+                if (f != last)
+                    ++frames_[static_cast<std::size_t>(j)];
+                last = f;
+            }
+        }
+        R_.resize(static_cast<std::size_t>(F_));
+        t_.resize(static_cast<std::size_t>(F_));
+        for (int f = 0; f < F_; ++f) {
+            R_[static_cast<std::size_t>(f)] =
+                frames[static_cast<std::size_t>(f)].topLeftCorner<3, 3>();
+            t_[static_cast<std::size_t>(f)] =
+                frames[static_cast<std::size_t>(f)].topRightCorner<3, 1>();
+        }
+        X_.assign(lib_.pos.begin(), lib_.pos.end());
+        use_.assign(obs_.size(), 1);
+        res_.assign(obs_.size(), 0.0);
+    }
+
+    bool solved(int j) const {
+        return lib_.alive[static_cast<std::size_t>(j)] && frames_[static_cast<std::size_t>(j)] >= 2;
+    }
+    int solvedCount() const {
+        int n = 0;
+        for (int j = 0; j < M_; ++j)
+            n += solved(j) ? 1 : 0;
+        return n;
+    }
+    int frames(int j) const { return frames_[static_cast<std::size_t>(j)]; }
+
+    // Marker positions from the poses, residuals, and the sum of squares of the used ones.
+    double updateMarkers() {
+        for (int j = 0; j < M_; ++j) {
+            Eigen::Vector3d sum = Eigen::Vector3d::Zero();
+            int cnt = 0;
+            for (int a = start_[static_cast<std::size_t>(j)];
+                 a < start_[static_cast<std::size_t>(j) + 1]; ++a) {
+                const auto k = static_cast<std::size_t>(order_[static_cast<std::size_t>(a)]);
+                if (!use_[k])
+                    continue;
+                sum += transformed(k);
+                ++cnt;
+            }
+            if (cnt > 0)
+                X_[static_cast<std::size_t>(j)] = sum / cnt;
+        }
+        double sse = 0.0;
+        for (std::size_t k = 0; k < obs_.size(); ++k) {
+            res_[k] = (transformed(k) - X_[static_cast<std::size_t>(obs_[k]->marker)]).norm();
+            if (use_[k] && solved(obs_[k]->marker))
+                sse += res_[k] * res_[k];
+        }
+        return sse;
+    }
+
+    // Re-decides which observations take part, from the robust scale of the residuals.
+    void updateGate() {
+        std::vector<double> r;
+        r.reserve(obs_.size());
+        for (std::size_t k = 0; k < obs_.size(); ++k) {
+            if (use_[k] && solved(obs_[k]->marker))
+                r.push_back(res_[k]);
+        }
+        if (r.empty())
+            return;
+        const auto mid = r.begin() + static_cast<std::ptrdiff_t>(r.size() / 2);
+        std::nth_element(r.begin(), mid, r.end());
+        // The median length of a 3D Gaussian residual is about 1.54 standard deviations.
+        const double gate = std::max(kMinGate, kGateSigmas * (*mid / 1.54));
+        for (std::size_t k = 0; k < obs_.size(); ++k)
+            use_[k] = res_[k] <= gate ? 1 : 0;
+    }
+
+    bool setupSystem();
+    bool gaussNewtonStep();
+    void refitLooseFrames();
+
+    void finish(std::vector<Eigen::Matrix4d>& frames, std::vector<mcXYZ_Nor_s>& out, double& rms);
+
+private:
+    Eigen::Vector3d transformed(std::size_t k) const {
+        const auto f = static_cast<std::size_t>(obs_[k]->frame);
+        return R_[f] * obs_[k]->local + t_[f];
+    }
+
+    const detail::MarkerLibrary& lib_;
+    const int F_;
+    const int M_;
+    std::vector<const detail::Observation*> obs_;
+    std::vector<int> start_;
+    std::vector<int> order_;
+    std::vector<int> frames_;
+    std::vector<Eigen::Matrix3d> R_;
+    std::vector<Eigen::Vector3d> t_;
+    std::vector<Eigen::Vector3d> X_;
+    std::vector<unsigned char> use_;
+    std::vector<double> res_;
+
+    // Pose system.
+    void multiply(const Eigen::VectorXd& x, Eigen::VectorXd& y) const;
+    std::vector<int> var_;  // frame -> variable block, or -1 (held fixed)
+    int nVar_ = 0;
+    // Per observation taking part in the current step: its Jacobian and variable block.
+    std::vector<Eigen::Vector3d> Q_;  // transformed point
+    mutable std::vector<Eigen::Vector3d> jx_;
+    std::vector<int> jVar_;
+    std::vector<int> jMarker_;
+    std::vector<double> invK_;  // per marker: 1 / used observations
+};
+
+bool Bundle::setupSystem() {
+    // Frames with fewer than three solved markers cannot hold a pose on their own; they and
+    // the first well-observed frame (which fixes the gauge) stay out of the system.
+    std::vector<int> solvedObs(static_cast<std::size_t>(F_), 0);
+    for (const auto* o : obs_) {
+        if (solved(o->marker))
+            ++solvedObs[static_cast<std::size_t>(o->frame)];
+    }
+    var_.assign(static_cast<std::size_t>(F_), -1);
+    bool gaugeFixed = false;
+    for (int f = 0; f < F_; ++f) {
+        if (solvedObs[static_cast<std::size_t>(f)] < 3)
+            continue;
+        if (!gaugeFixed) {
+            gaugeFixed = true;
+            continue;
+        }
+        var_[static_cast<std::size_t>(f)] = nVar_++;
+    }
+    return true;
+}
+
+void Bundle::multiply(const Eigen::VectorXd& x, Eigen::VectorXd& y) const {
+    y.setZero(x.size());
+    // H x = sum over markers of  sum_f J_f^T (J_f x_f - (1/k) sum_g J_g x_g), where for the
+    // transformed point q:  J (w, u) = w x q + u  and  J^T v = (q x v, v).
+    std::size_t a = 0;
+    std::vector<Eigen::Vector3d>& jx = jx_;
+    jx.resize(Q_.size());
+    while (a < Q_.size()) {
+        const int j = jMarker_[a];
+        std::size_t b = a;
+        Eigen::Vector3d s = Eigen::Vector3d::Zero();
+        for (; b < Q_.size() && jMarker_[b] == j; ++b) {
+            if (jVar_[b] < 0) {
+                jx[b].setZero();
+                continue;
+            }
+            const auto v = 6 * jVar_[b];
+            jx[b] = x.segment<3>(v).cross(Q_[b]) + x.segment<3>(v + 3);
+            s += jx[b];
+        }
+        s *= invK_[static_cast<std::size_t>(j)];
+        for (std::size_t c = a; c < b; ++c) {
+            if (jVar_[c] < 0)
+                continue;
+            const Eigen::Vector3d v = jx[c] - s;
+            const auto o = 6 * jVar_[c];
+            y.segment<3>(o) += Q_[c].cross(v);
+            y.segment<3>(o + 3) += v;
+        }
+        a = b;
+    }
+}
+
+bool Bundle::gaussNewtonStep() {
+    if (nVar_ == 0)
+        return false;
+    Q_.clear();
+    jVar_.clear();
+    jMarker_.clear();
+    invK_.assign(static_cast<std::size_t>(M_), 0.0);
+    Eigen::VectorXd g = Eigen::VectorXd::Zero(6 * nVar_);
+    std::vector<Mat6> diag(static_cast<std::size_t>(nVar_), Mat6::Zero());
+    for (int j = 0; j < M_; ++j) {
+        if (!solved(j))
+            continue;
+        int k = 0;
+        const std::size_t first = Q_.size();
+        for (int a = start_[static_cast<std::size_t>(j)];
+             a < start_[static_cast<std::size_t>(j) + 1]; ++a) {
+            const auto o = static_cast<std::size_t>(order_[static_cast<std::size_t>(a)]);
+            if (!use_[o])
+                continue;
+            ++k;
+            const int v = var_[static_cast<std::size_t>(obs_[o]->frame)];
+            const Eigen::Vector3d q = transformed(o);
+            Q_.push_back(q);
+            jVar_.push_back(v);
+            jMarker_.push_back(j);
+            if (v >= 0) {
+                g.segment<6>(6 * v) +=
+                    pointJacobian(q).transpose() * (q - X_[static_cast<std::size_t>(j)]);
+            }
+        }
+        if (k == 0)
+            continue;
+        const double inv = 1.0 / k;
+        invK_[static_cast<std::size_t>(j)] = inv;
+        for (std::size_t c = first; c < Q_.size(); ++c) {
+            if (jVar_[c] < 0)
+                continue;
+            const Mat36 J = pointJacobian(Q_[c]);
+            diag[static_cast<std::size_t>(jVar_[c])] += (1.0 - inv) * (J.transpose() * J);
+        }
+    }
+    // Damped diagonal blocks: the preconditioner, and the damping the system carries too.
+    std::vector<Eigen::LDLT<Mat6>> pre(static_cast<std::size_t>(nVar_));
+    Eigen::VectorXd damp(6 * nVar_);
+    for (int v = 0; v < nVar_; ++v) {
+        Mat6 d = diag[static_cast<std::size_t>(v)];
+        for (int i = 0; i < 6; ++i) {
+            damp(6 * v + i) = kDampRel * d(i, i) + kDampAbs;
+            d(i, i) += damp(6 * v + i);
+        }
+        pre[static_cast<std::size_t>(v)].compute(d);
+    }
+    auto precondition = [&](const Eigen::VectorXd& r, Eigen::VectorXd& z) {
+        z.resize(r.size());
+        for (int v = 0; v < nVar_; ++v) {
+            z.segment<6>(6 * v) = pre[static_cast<std::size_t>(v)].solve(r.segment<6>(6 * v));
+        }
+    };
+    // Preconditioned conjugate gradients on (H + damping) delta = -g.
+    Eigen::VectorXd x = Eigen::VectorXd::Zero(6 * nVar_);
+    Eigen::VectorXd r = -g;
+    Eigen::VectorXd z, p, Ap;
+    precondition(r, z);
+    p = z;
+    double rz = r.dot(z);
+    const double rz0 = rz;
+    if (!(rz0 > 0.0))
+        return false;
+    for (int it = 0; it < kMaxCgIterations; ++it) {
+        multiply(p, Ap);
+        Ap += damp.cwiseProduct(p);
+        const double pAp = p.dot(Ap);
+        if (!(pAp > 0.0))
+            break;
+        const double alpha = rz / pAp;
+        x += alpha * p;
+        r -= alpha * Ap;
+        precondition(r, z);
+        const double rzNext = r.dot(z);
+        if (rzNext <= kCgTolerance * rz0)
+            break;
+        p = z + (rzNext / rz) * p;
+        rz = rzNext;
+    }
+    if (!x.allFinite())
+        return false;
+    for (int f = 0; f < F_; ++f) {
+        const int v = var_[static_cast<std::size_t>(f)];
+        if (v < 0)
+            continue;
+        const Eigen::Vector3d w = x.segment<3>(6 * v);
+        const Eigen::Vector3d u = x.segment<3>(6 * v + 3);
+        const double angle = w.norm();
+        const Eigen::Matrix3d dR = angle > 1e-15
+                                       ? Eigen::AngleAxisd(angle, w / angle).toRotationMatrix()
+                                       : Eigen::Matrix3d::Identity();
+        R_[static_cast<std::size_t>(f)] = dR * R_[static_cast<std::size_t>(f)];
+        t_[static_cast<std::size_t>(f)] = dR * t_[static_cast<std::size_t>(f)] + u;
+    }
+    return true;
+}
+
+void Bundle::refitLooseFrames() {
+    // Frames outside the system (too few solved markers) follow the refined markers as far
+    // as they can: three or more usable markers give them a fresh pose.
+    std::vector<detail::RigidAccumulator> acc(static_cast<std::size_t>(F_));
+    for (std::size_t k = 0; k < obs_.size(); ++k) {
+        const auto f = static_cast<std::size_t>(obs_[k]->frame);
+        if (var_.empty() || var_[f] < 0) {
+            if (use_[k] && solved(obs_[k]->marker))
+                acc[f].add(obs_[k]->local, X_[static_cast<std::size_t>(obs_[k]->marker)]);
+        }
+    }
+    for (int f = 0; f < F_; ++f) {
+        Eigen::Matrix3d R;
+        Eigen::Vector3d t;
+        if ((var_.empty() || var_[static_cast<std::size_t>(f)] < 0) &&
+            acc[static_cast<std::size_t>(f)].count() >= 3 &&
+            acc[static_cast<std::size_t>(f)].solve(R, t)) {
+            R_[static_cast<std::size_t>(f)] = R;
+            t_[static_cast<std::size_t>(f)] = t;
+        }
+    }
+}
+
+void Bundle::finish(std::vector<Eigen::Matrix4d>& frames, std::vector<mcXYZ_Nor_s>& out,
+                    double& rms) {
+    // Keep the library's frame: align the refined solved markers onto where they were.
+    detail::RigidAccumulator gauge;
+    for (int j = 0; j < M_; ++j) {
+        if (solved(j))
+            gauge.add(X_[static_cast<std::size_t>(j)], lib_.pos[static_cast<std::size_t>(j)]);
+    }
+    Eigen::Matrix3d GR = Eigen::Matrix3d::Identity();
+    Eigen::Vector3d Gt = Eigen::Vector3d::Zero();
+    if (!gauge.solve(GR, Gt)) {
+        GR.setIdentity();
+        Gt.setZero();
+    }
+    for (int f = 0; f < F_; ++f) {
+        Eigen::Matrix4d T = Eigen::Matrix4d::Identity();
+        T.topLeftCorner<3, 3>() = GR * R_[static_cast<std::size_t>(f)];
+        T.topRightCorner<3, 1>() = GR * t_[static_cast<std::size_t>(f)] + Gt;
+        frames[static_cast<std::size_t>(f)] = T;
+    }
+    std::vector<double> markerSse(static_cast<std::size_t>(M_), 0.0);
+    std::vector<int> markerUsed(static_cast<std::size_t>(M_), 0);
+    double sse = 0.0;
+    int used = 0;
+    for (std::size_t k = 0; k < obs_.size(); ++k) {
+        if (!use_[k])
+            continue;
+        const auto u = static_cast<std::size_t>(obs_[k]->marker);
+        markerSse[u] += res_[k] * res_[k];
+        ++markerUsed[u];
+        if (solved(obs_[k]->marker)) {
+            sse += res_[k] * res_[k];
+            ++used;
+        }
+    }
+    rms = used > 0 ? std::sqrt(sse / used) : 0.0;
+    out.resize(static_cast<std::size_t>(M_));
+    for (int j = 0; j < M_; ++j) {
+        const auto u = static_cast<std::size_t>(j);
+        mcXYZ_Nor_s& r = out[u];
+        r = mcXYZ_Nor_s();
+        const Eigen::Vector3d p = solved(j) ? Eigen::Vector3d(GR * X_[u] + Gt) : lib_.pos[u];
+        r.x = static_cast<float>(p.x());
+        r.y = static_cast<float>(p.y());
+        r.z = static_cast<float>(p.z());
+        r.nx = static_cast<float>(lib_.nrm[u].x());
+        r.ny = static_cast<float>(lib_.nrm[u].y());
+        r.nz = static_cast<float>(lib_.nrm[u].z());
+        r.rms =
+            markerUsed[u] > 0 ? static_cast<float>(std::sqrt(markerSse[u] / markerUsed[u])) : 0.0f;
+        r.frames = static_cast<float>(frames_[u]);
+        r.source_label = static_cast<float>(lib_.label[u]);
+        r.value = static_cast<float>(lib_.value[u]);
+        r.label = solved(j) ? static_cast<float>(j) : -1.0f;
+    }
+}
+
 }  // namespace
 
 struct MarkOpt_class::State {
@@ -44,183 +453,39 @@ int MarkOpt_class::Run_FastKeyGlobalRegistrtion_MarkPoint_nCam_Global(
         return 0;
     }
     try {
-        const detail::MatcherState& g = *global->d_;
-        const detail::MarkerLibrary& lib = g.lib;
         const int F = std::min(frameCount, static_cast<int>(frameTransforms.size()));
-        const int M = lib.slots();
-        if (F < 1 || M < 1)
+        if (F < 1 || global->d_->lib.slots() < 1)
+            return 0;
+        for (int f = 0; f < F; ++f) {
+            if (!frameTransforms[static_cast<std::size_t>(f)].allFinite())
+                return 0;
+        }
+        Bundle bundle(*global->d_, F, frameTransforms);
+        if (bundle.solvedCount() < 3)
             return 0;
         const int maxIter = std::max(1, maxIterations);
         const double stop = std::max(0.0, static_cast<double>(stopPercent)) / 100.0;
 
-        // Observations of live markers in the frames given, grouped by marker.
-        std::vector<const detail::Observation*> obs;
-        obs.reserve(g.obs.size());
-        for (const auto& o : g.obs) {
-            if (o.frame >= 0 && o.frame < F && o.marker >= 0 && o.marker < M &&
-                lib.alive[static_cast<std::size_t>(o.marker)]) {
-                obs.push_back(&o);
-            }
-        }
-        // Distinct frames per marker (observations arrive frame by frame, so a marker's
-        // repeated frame shows up as the same frame number twice in a row at most rarely;
-        // count properly with a last-frame marker).
-        std::vector<int> frames(static_cast<std::size_t>(M), 0);
-        std::vector<int> lastFrame(static_cast<std::size_t>(M), -1);
-        for (const auto* o : obs) {
-            const auto u = static_cast<std::size_t>(o->marker);
-            if (lastFrame[u] != o->frame) {
-                lastFrame[u] = o->frame;
-                ++frames[u];
-            }
-        }
-        std::vector<unsigned char> solved(static_cast<std::size_t>(M), 0);
-        int solvedCount = 0;
-        for (int j = 0; j < M; ++j) {
-            if (lib.alive[static_cast<std::size_t>(j)] &&
-                frames[static_cast<std::size_t>(j)] >= 2) {
-                solved[static_cast<std::size_t>(j)] = 1;
-                ++solvedCount;
-            }
-        }
-        if (solvedCount < 3)
+        double sse = bundle.updateMarkers();
+        bundle.updateGate();
+        sse = bundle.updateMarkers();
+        if (!bundle.setupSystem())
             return 0;
-
-        std::vector<Eigen::Matrix3d> R(static_cast<std::size_t>(F));
-        std::vector<Eigen::Vector3d> t(static_cast<std::size_t>(F));
-        for (int f = 0; f < F; ++f) {
-            const Eigen::Matrix4d& T = frameTransforms[static_cast<std::size_t>(f)];
-            if (!T.allFinite())
-                return 0;
-            R[static_cast<std::size_t>(f)] = T.topLeftCorner<3, 3>();
-            t[static_cast<std::size_t>(f)] = T.topRightCorner<3, 1>();
-        }
-        std::vector<Eigen::Vector3d> X(lib.pos.begin(), lib.pos.end());
-        std::vector<unsigned char> use(obs.size(), 1);
-        std::vector<double> res(obs.size(), 0.0);
-        std::vector<double> scratch;
-        double gate = 1e300;
-        double prevSse = -1.0;
-
         for (int iter = 0; iter < maxIter; ++iter) {
             st.iterations = iter + 1;
-            // Poses from the current marker positions.
-            std::vector<detail::RigidAccumulator> acc(static_cast<std::size_t>(F));
-            for (std::size_t k = 0; k < obs.size(); ++k) {
-                const auto* o = obs[k];
-                if (use[k] && solved[static_cast<std::size_t>(o->marker)]) {
-                    acc[static_cast<std::size_t>(o->frame)].add(
-                        o->local, X[static_cast<std::size_t>(o->marker)]);
-                }
-            }
-            for (int f = 0; f < F; ++f) {
-                Eigen::Matrix3d Rf;
-                Eigen::Vector3d tf;
-                if (acc[static_cast<std::size_t>(f)].solve(Rf, tf)) {
-                    R[static_cast<std::size_t>(f)] = Rf;
-                    t[static_cast<std::size_t>(f)] = tf;
-                }
-            }
-            // Marker positions from the poses: the mean of their observations.
-            std::vector<Eigen::Vector3d> sum(static_cast<std::size_t>(M), Eigen::Vector3d::Zero());
-            std::vector<int> cnt(static_cast<std::size_t>(M), 0);
-            for (std::size_t k = 0; k < obs.size(); ++k) {
-                const auto* o = obs[k];
-                if (!use[k])
-                    continue;
-                const auto f = static_cast<std::size_t>(o->frame);
-                sum[static_cast<std::size_t>(o->marker)] += R[f] * o->local + t[f];
-                ++cnt[static_cast<std::size_t>(o->marker)];
-            }
-            for (int j = 0; j < M; ++j) {
-                if (cnt[static_cast<std::size_t>(j)] > 0) {
-                    X[static_cast<std::size_t>(j)] =
-                        sum[static_cast<std::size_t>(j)] / cnt[static_cast<std::size_t>(j)];
-                }
-            }
-            // Residuals, robust scale and the gate for the next iteration.
-            double sse = 0.0;
-            scratch.clear();
-            for (std::size_t k = 0; k < obs.size(); ++k) {
-                const auto* o = obs[k];
-                const auto f = static_cast<std::size_t>(o->frame);
-                res[k] = (R[f] * o->local + t[f] - X[static_cast<std::size_t>(o->marker)]).norm();
-                if (use[k] && solved[static_cast<std::size_t>(o->marker)]) {
-                    sse += res[k] * res[k];
-                    scratch.push_back(res[k]);
-                }
-            }
-            if (!scratch.empty()) {
-                const auto mid = scratch.begin() + static_cast<std::ptrdiff_t>(scratch.size() / 2);
-                std::nth_element(scratch.begin(), mid, scratch.end());
-                // The median length of a 3D Gaussian residual is about 0.89 of its RMS.
-                gate = std::max(kMinGate, kGateSigmas * (*mid / 0.89) / std::sqrt(3.0));
-            }
-            for (std::size_t k = 0; k < obs.size(); ++k) {
-                use[k] = res[k] <= gate ? 1 : 0;
-            }
-            const bool converged = prevSse >= 0.0 && prevSse - sse <= stop * prevSse;
-            prevSse = sse;
+            if (!bundle.gaussNewtonStep())
+                break;
+            const double next = bundle.updateMarkers();
+            bundle.updateGate();
+            const double gated = bundle.updateMarkers();
+            const bool converged = sse - next <= stop * sse;
+            sse = gated;
             if (converged)
                 break;
         }
-
-        // Keep the library's frame: align the refined solved markers onto where they were.
-        detail::RigidAccumulator gauge;
-        for (int j = 0; j < M; ++j) {
-            if (solved[static_cast<std::size_t>(j)]) {
-                gauge.add(X[static_cast<std::size_t>(j)], lib.pos[static_cast<std::size_t>(j)]);
-            }
-        }
-        Eigen::Matrix3d GR = Eigen::Matrix3d::Identity();
-        Eigen::Vector3d Gt = Eigen::Vector3d::Zero();
-        if (!gauge.solve(GR, Gt)) {
-            GR.setIdentity();
-            Gt.setZero();
-        }
-        for (int f = 0; f < F; ++f) {
-            Eigen::Matrix4d T = Eigen::Matrix4d::Identity();
-            T.topLeftCorner<3, 3>() = GR * R[static_cast<std::size_t>(f)];
-            T.topRightCorner<3, 1>() = GR * t[static_cast<std::size_t>(f)] + Gt;
-            frameTransforms[static_cast<std::size_t>(f)] = T;
-        }
-
-        std::vector<double> markerSse(static_cast<std::size_t>(M), 0.0);
-        std::vector<int> markerUsed(static_cast<std::size_t>(M), 0);
-        double sse = 0.0;
-        int used = 0;
-        for (std::size_t k = 0; k < obs.size(); ++k) {
-            if (!use[k])
-                continue;
-            const auto u = static_cast<std::size_t>(obs[k]->marker);
-            markerSse[u] += res[k] * res[k];
-            ++markerUsed[u];
-            if (solved[u]) {
-                sse += res[k] * res[k];
-                ++used;
-            }
-        }
-        st.rms = used > 0 ? std::sqrt(sse / used) : 0.0;
-
-        st.out.resize(static_cast<std::size_t>(M));
-        for (int j = 0; j < M; ++j) {
-            const auto u = static_cast<std::size_t>(j);
-            mcXYZ_Nor_s& r = st.out[u];
-            r = mcXYZ_Nor_s();
-            const Eigen::Vector3d p = solved[u] ? Eigen::Vector3d(GR * X[u] + Gt) : lib.pos[u];
-            r.x = static_cast<float>(p.x());
-            r.y = static_cast<float>(p.y());
-            r.z = static_cast<float>(p.z());
-            r.nx = static_cast<float>(lib.nrm[u].x());
-            r.ny = static_cast<float>(lib.nrm[u].y());
-            r.nz = static_cast<float>(lib.nrm[u].z());
-            r.rms = markerUsed[u] > 0 ? static_cast<float>(std::sqrt(markerSse[u] / markerUsed[u]))
-                                      : 0.0f;
-            r.frames = static_cast<float>(frames[u]);
-            r.source_label = static_cast<float>(lib.label[u]);
-            r.value = static_cast<float>(lib.value[u]);
-            r.label = solved[u] ? static_cast<float>(j) : -1.0f;
-        }
+        bundle.refitLooseFrames();
+        bundle.updateMarkers();
+        bundle.finish(frameTransforms, st.out, st.rms);
         return 1;
     } catch (...) {
         st.out.clear();
