@@ -458,7 +458,9 @@ bool CTPScan_Markpoint::freeLibrary() {
 }
 
 bool CTPScan_Markpoint::getResultData(device::tagRefMarkpointData& out) {
-    if (!match || !libraryOpen || !optimizer) {
+    // A fixed library delivers nothing; the matcher itself is tested under the lock, since
+    // another command thread may be replacing it.
+    if (!libraryOpen || !optimizer) {
         return false;
     }
     try {

@@ -26,6 +26,7 @@
 // 3, 7, 11 zero and element 15 one.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <memory>
@@ -149,11 +150,12 @@ private:
     int32_t camCount = 1;
     std::deque<SDK_NV::tagScanData> frameQueue;  // static tracking only, at most 50 frames
     int32_t staticCounter = 0;                   // static tracking only
-    bool realTimeUpdate = false;
-    bool libraryOpen = true;
+    // Flags are atomic: the host's command threads set them while the scan-frame thread runs.
+    std::atomic<bool> realTimeUpdate{false};
+    std::atomic<bool> libraryOpen{true};
     device::tagRefMarkpointData reference;
     int32_t imageWidth = 2448;
     int32_t imageHeight = 2048;
-    bool cleared = false;
+    std::atomic<bool> cleared{false};  // set by clearLibrary, read by nobody
     std::mutex mutex;
 };
