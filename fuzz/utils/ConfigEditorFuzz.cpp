@@ -1,7 +1,8 @@
 // libFuzzer target for the configuration loader. Built twice: CONFIG_FUZZ_BINARY=0 feeds the
 // input as a text file, 1 as a file in the inverted-record form. Besides surviving any input,
 // a loaded file must come back with the same lines after a save in the binary form (and, for
-// text input, after a save in the text form); a difference stops the run.
+// text input, after a save in the text form), and the linear scanner of the line grammar must
+// agree with the regular expressions on every short line; a difference stops the run.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -11,6 +12,7 @@
 #include <vector>
 
 #include "utils/ConfigEditor.h"
+#include "utils/LineGrammar.h"
 
 #ifndef CONFIG_FUZZ_BINARY
 #define CONFIG_FUZZ_BINARY 0
@@ -55,6 +57,25 @@ void checkRoundTrip(zq::utils::CConfigEditor& editor, bool binary) {
     }
 }
 
+// Both engines of the line grammar on every line short enough for the regular expressions.
+void checkGrammar(const zq::utils::tagConfigFile& file) {
+    namespace g = zq::utils::grammar;
+    for (const auto& line : file.lines) {
+        if (line.text.size() > g::kRegexLengthLimit) {
+            continue;
+        }
+        const g::KeyValue a = g::analyseLine(line.text, g::Engine::Regex);
+        const g::KeyValue b = g::analyseLine(line.text, g::Engine::Scanner);
+        if (a.matched != b.matched || a.key != b.key || a.separator != b.separator ||
+            a.value != b.value ||
+            g::firstNote(line.text, g::Engine::Regex) !=
+                g::firstNote(line.text, g::Engine::Scanner) ||
+            g::tokens(line.text, g::Engine::Regex) != g::tokens(line.text, g::Engine::Scanner)) {
+            std::abort();
+        }
+    }
+}
+
 void exercise(zq::utils::CConfigEditor& editor) {
     std::vector<std::wstring> keys;
     if (!editor.getAllKeys(&keys)) {
@@ -95,6 +116,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
             checkRoundTrip(editor, false);
         }
         checkRoundTrip(editor, true);
+        checkGrammar(*editor.getConfigFile());
         exercise(editor);
         (void)zq::utils::getConfigEditTitle(*editor.getConfigFile());
         (void)editor.save(true);
