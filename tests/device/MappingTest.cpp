@@ -1,0 +1,268 @@
+// Conversions that need no device: buttons, scan objects, laser types, exposure ranges, grab
+// and calibration results, Wi-Fi texts, wire device records and the thermal balance.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+
+#include "Mappings.h"
+#include "device/Pathfinder.h"
+#include "sdk/Records.h"
+
+namespace {
+
+using namespace device;
+using detail::ScanObjectPlan;
+
+TEST(ButtonMapping, DeviceCodesBecomeHostButtons) {
+    EXPECT_EQ(detail::buttonFromCode(49), BUTTON_MAIN);
+    EXPECT_EQ(detail::buttonFromCode(51), BUTTON_FIRST);
+    EXPECT_EQ(detail::buttonFromCode(53), BUTTON_SECOND);
+    EXPECT_EQ(detail::buttonFromCode(55), BUTTON_THIRD);
+    EXPECT_EQ(detail::buttonFromCode(50), BUTTON_NONE);
+    EXPECT_EQ(detail::buttonFromCode(0), BUTTON_NONE);
+}
+
+TEST(ButtonMapping, ActionsPassThroughAndUnknownOnesAreNeutral) {
+    EXPECT_EQ(detail::buttonActionFromCode(0), BUTTON_ACTION_CLICK);
+    EXPECT_EQ(detail::buttonActionFromCode(1), BUTTON_ACTION_DOUBLE_CLICK);
+    EXPECT_EQ(detail::buttonActionFromCode(2), BUTTON_ACTION_LONG_PRESS);
+    EXPECT_EQ(detail::buttonActionFromCode(3), BUTTON_ACTION_NONE);
+    EXPECT_EQ(detail::buttonActionFromCode(-1), BUTTON_ACTION_NONE);
+}
+
+TEST(ScanObjectMapping, StaticObjectsStartTheMatchingScan) {
+    struct Case {
+        emScanObject object;
+        ScanObjectPlan::Command command;
+        int argument;
+    } cases[] = {
+        {SCAN_OBJECT_MARKPOINT, ScanObjectPlan::StartScan, 0},
+        {SCAN_OBJECT_SURFACE, ScanObjectPlan::StartScan, 1},
+        {SCAN_OBJECT_METAL_HOLE, ScanObjectPlan::StartScan, 2},
+        {SCAN_OBJECT_RIVET_HOLE, ScanObjectPlan::StartScan, 3},
+        {SCAN_OBJECT_SURFACE_EDGE, ScanObjectPlan::StartScan, 1},
+        {SCAN_OBJECT_EDGE, ScanObjectPlan::WorkBusiness, 30},
+        {SCAN_OBJECT_NONE, ScanObjectPlan::None, 0},
+    };
+    for (const Case& c : cases) {
+        const ScanObjectPlan plan = detail::planScanObject(c.object, false, false);
+        EXPECT_EQ(plan.command, c.command) << "object " << c.object;
+        EXPECT_EQ(plan.argument, c.argument) << "object " << c.object;
+        EXPECT_EQ(plan.needEdgePoint, c.object == SCAN_OBJECT_SURFACE_EDGE);
+        EXPECT_EQ(plan.dynamicMarker, 0);
+    }
+}
+
+TEST(ScanObjectMapping, DynamicObjectsUseTheDynamicScan) {
+    const ScanObjectPlan markers = detail::planScanObject(SCAN_OBJECT_MARKPOINT, true, true);
+    EXPECT_EQ(markers.command, ScanObjectPlan::DynamicScan);  // super conversion plays no part
+    EXPECT_EQ(markers.dynamicMarker, 1);
+    EXPECT_EQ(markers.markerObject, 1);
+    EXPECT_EQ(detail::planScanObject(SCAN_OBJECT_RIVET_HOLE, true, false).command,
+              ScanObjectPlan::DynamicScan);
+    EXPECT_EQ(detail::planScanObject(SCAN_OBJECT_EDGE, true, false).argument, 31);
+}
+
+TEST(ScanObjectMapping, SuperConversionTurnsMarkerScanningIntoWorkBusiness25) {
+    const ScanObjectPlan plan = detail::planScanObject(SCAN_OBJECT_MARKPOINT, false, true);
+    EXPECT_EQ(plan.command, ScanObjectPlan::WorkBusiness);
+    EXPECT_EQ(plan.argument, 25);
+    EXPECT_EQ(plan.markerObject, 1);
+}
+
+TEST(ScanObjectMapping, FlagsNameTheScannedObject) {
+    const ScanObjectPlan edge = detail::planScanObject(SCAN_OBJECT_SURFACE_EDGE, false, false);
+    EXPECT_TRUE(edge.edgePoints && edge.objectScan && !edge.holeObject);
+    EXPECT_TRUE(detail::planScanObject(SCAN_OBJECT_METAL_HOLE, false, false).holeObject);
+    EXPECT_TRUE(detail::planScanObject(SCAN_OBJECT_EDGE, false, false).businessObject);
+    EXPECT_FALSE(detail::planScanObject(SCAN_OBJECT_SURFACE, false, false).markerObject);
+}
+
+TEST(LaserTypeMapping, HostTypesSelectLaserAndLight) {
+    int32_t laser = -1;
+    int32_t light = -1;
+    ASSERT_TRUE(detail::laserTypeArguments(LASER_TYPE_RED_MULTI, laser, light));
+    EXPECT_EQ(laser, 1);
+    EXPECT_EQ(light, 0);
+    ASSERT_TRUE(detail::laserTypeArguments(LASER_TYPE_BLUE_SINGLE, laser, light));
+    EXPECT_EQ(laser, 2);
+    EXPECT_FALSE(detail::laserTypeArguments(LASER_TYPE_UNAVAILABLE, laser, light));
+    EXPECT_FALSE(detail::laserTypeArguments(static_cast<emDeviceLaserType>(7), laser, light));
+}
+
+TEST(ExposureRange, BoundsAreInclusiveAndNanIsOutside) {
+    EXPECT_TRUE(detail::exposureInRange(0.0f, 1.0f));
+    EXPECT_TRUE(detail::exposureInRange(1.0f, 1.0f));
+    EXPECT_FALSE(detail::exposureInRange(1.01f, 1.0f));
+    EXPECT_FALSE(detail::exposureInRange(-0.001f, 10.0f));
+    EXPECT_FALSE(detail::exposureInRange(std::numeric_limits<float>::quiet_NaN(), 10.0f));
+}
+
+TEST(ResultMapping, GrabStatesAndCalibrationResults) {
+    EXPECT_EQ(detail::grabResultFromState(0), RESULT_SUCCESS);
+    EXPECT_EQ(detail::grabResultFromState(-1), RESULT_FAILED);
+    EXPECT_EQ(detail::grabResultFromState(3), RESULT_GRAB_FRAME_FAILED);
+    EXPECT_EQ(detail::grabResultFromState(-2), RESULT_GRAB_FRAME_FAILED);
+    EXPECT_EQ(detail::calibraResultCode(0.0f), RESULT_SUCCESS);
+    EXPECT_EQ(detail::calibraResultCode(-0.5f), RESULT_CALIB_NEGATIVE);
+    EXPECT_EQ(detail::calibraResultCode(std::nanf("")), RESULT_CALIB_NEGATIVE);
+}
+
+TEST(WifiText, DeviceStatesAreTranslated) {
+    const std::pair<const char*, const char*> table[] = {
+        {"wpa_state=INTERFACE_DISABLED", "unavailable Network Card"},
+        {"wpa_state=SCANNING", "network card Scaning_Router"},
+        {"wpa_state=ASSOCIATING", "network card consulting with router"},
+        {"wpa_state=GROUP_HANDSHAKE", "network card shaking hands with router"},
+        {"wpa_state=4WAY_HANDSHAKE", "network card shaking hands with router"},
+        {"wpa_state=DISCONNECTING", "network card disconnecting"},
+        {"wpa_state=DISCONNECTED", "network card disconnected"},
+        {"wpa_state=ASSOCIATED", "network card consulted with router "},
+        {"wpa_state=COMPLETED", "complete connection"},
+    };
+    for (const auto& row : table) {
+        std::string text = row.first;
+        EXPECT_EQ(CPathfinder::GetWifiConnectTransferInfo(text), RESULT_SUCCESS);
+        EXPECT_EQ(text, row.second);
+    }
+}
+
+TEST(WifiText, OnlyTheWholeTextMatches) {
+    for (const char* untouched :
+         {"wpa_state=SCANNING ", "WPA_STATE=SCANNING", "wpa_state=", "", "anything"}) {
+        std::string text = untouched;
+        CPathfinder::GetWifiConnectTransferInfo(text);
+        EXPECT_EQ(text, untouched);
+    }
+}
+
+lumora::DeviceInfo wireDevice(const std::string& id, std::initializer_list<int> codes) {
+    lumora::DeviceInfo wire;
+    wire.set_id(id);
+    wire.set_dtype(lumora::SCANNER);
+    for (int code : codes) {
+        wire.add_errcodes(static_cast<lumora::LUMORA_STATE>(code));
+    }
+    return wire;
+}
+
+TEST(WireDeviceRecord, ErrorCodesDecideTheState) {
+    tagDeviceInfo info;
+    tpGetDeviceInfo(wireDevice("S1", {3, 4}), info);
+    EXPECT_EQ(info.state, STATE_USB_START_FAILED);
+    tpGetDeviceInfo(wireDevice("S1", {4, 3}), info);
+    EXPECT_EQ(info.state, STATE_CAMERA_OPEN_FAILED);
+    tpGetDeviceInfo(wireDevice("S1", {9}), info);
+    EXPECT_EQ(info.state, STATE_READY);
+    tpGetDeviceInfo(wireDevice("S1", {}), info);
+    EXPECT_EQ(info.state, STATE_NO_STATUS);
+}
+
+TEST(WireDeviceRecord, KindModelAndSerial) {
+    lumora::DeviceInfo wire = wireDevice("T-0001", {});
+    wire.set_dtype(lumora::TRACKER);
+    wire.set_trackertype(3);
+    tagDeviceInfo info;
+    tpGetDeviceInfo(wire, info);
+    EXPECT_EQ(info.kind, DEVICE_TYPE_TRACKER);
+    EXPECT_EQ(info.model, 3);
+    EXPECT_EQ(info.serialText(), "T-0001");
+    EXPECT_EQ(info.serial[6], '\0');
+}
+
+TEST(WireDeviceRecord, LongIdFillsTheSerialWithoutTerminator) {
+    const std::string id(40, 'x');
+    tagDeviceInfo info;
+    tpGetDeviceInfo(wireDevice(id, {}), info);
+    EXPECT_EQ(std::string(info.serial, sizeof(info.serial)), std::string(32, 'x'));
+    EXPECT_EQ(info.kind, DEVICE_TYPE_SCANNER);
+}
+
+// --- thermal balance --------------------------------------------------------------------------
+
+SDK_NV::tagHeartData beat(float t0, int kind = 0, float t1 = 0.0f, float t2 = 0.0f) {
+    SDK_NV::tagHeartData b;
+    b.kind = kind;
+    b.name = "T1";
+    b.temp = {t0, t1, t2};
+    return b;
+}
+
+TEST(ThermalBalance, FirstSampleIsItsOwnMeanAndDelta) {
+    tagDeviceThermalBalance r;
+    AddTemperature(r, beat(30.0f, 1, 31.0f, 32.0f));
+    EXPECT_EQ(r.name, "T1");
+    EXPECT_EQ(r.kind, 1);
+    EXPECT_FLOAT_EQ(r.mean, 30.0f);
+    EXPECT_FLOAT_EQ(r.delta, 30.0f);
+    EXPECT_FLOAT_EQ(r.oldest, 30.0f);
+    EXPECT_FLOAT_EQ(r.newest, 30.0f);
+    EXPECT_FLOAT_EQ(r.deviation, 0.0f);
+    // Field order: element 0, element 2, element 1.
+    EXPECT_FLOAT_EQ(r.temperature1, 30.0f);
+    EXPECT_FLOAT_EQ(r.temperature3, 32.0f);
+    EXPECT_FLOAT_EQ(r.temperature2, 31.0f);
+}
+
+TEST(ThermalBalance, The121stSampleReplacesTheOldest) {
+    tagDeviceThermalBalance r;
+    for (int i = 1; i <= 120; ++i) {
+        AddTemperature(r, beat(static_cast<float>(i)));
+    }
+    EXPECT_EQ(r.samples.size(), 120u);
+    EXPECT_FLOAT_EQ(r.mean, 60.5f);
+    AddTemperature(r, beat(121.0f));
+    EXPECT_EQ(r.samples.size(), 120u);
+    EXPECT_FLOAT_EQ(r.mean, (120.0f * 60.5f - 1.0f + 121.0f) / 120.0f);
+    EXPECT_FLOAT_EQ(r.oldest, 2.0f);
+    EXPECT_FLOAT_EQ(r.newest, 121.0f);
+    EXPECT_FLOAT_EQ(r.delta, 1.0f);
+    EXPECT_NEAR(r.deviation, (121.0 - 61.5) / 61.5 * 100.0, 1e-3);
+}
+
+TEST(ThermalBalance, RunningMeanIsIncrementalInSinglePrecision) {
+    // 0.1 is not a float: an incremental float mean drifts from the exact one, and the record
+    // must show the incremental value.
+    tagDeviceThermalBalance r;
+    float expected = 0.0f;
+    for (int i = 0; i < 200; ++i) {
+        const float t = 20.0f + 0.1f * static_cast<float>(i % 7);
+        const float n = static_cast<float>(std::min<size_t>(r.samples.size(), 120));
+        const float oldest = r.samples.empty() ? 0.0f : r.samples.front();
+        expected = i == 0    ? t
+                   : i < 120 ? (n * expected + t) / (n + 1.0f)
+                             : (n * expected - oldest + t) / 120.0f;
+        AddTemperature(r, beat(t));
+        ASSERT_EQ(r.mean, expected) << "sample " << i;
+    }
+}
+
+TEST(ThermalBalance, OtherKindsKeepTheTemperatureFields) {
+    tagDeviceThermalBalance r;
+    AddTemperature(r, beat(30.0f, 0, 31.0f, 32.0f));
+    AddTemperature(r, beat(40.0f, 2, 41.0f, 42.0f));
+    EXPECT_FLOAT_EQ(r.temperature1, 30.0f);
+    EXPECT_FLOAT_EQ(r.temperature2, 31.0f);
+    EXPECT_FLOAT_EQ(r.newest, 40.0f);
+    EXPECT_FLOAT_EQ(r.delta, 10.0f);
+    EXPECT_EQ(r.kind, 2);
+}
+
+TEST(ThermalBalance, HeartbeatWithoutTemperatureChangesNothing) {
+    tagDeviceThermalBalance r;
+    AddTemperature(r, beat(30.0f));
+    SDK_NV::tagHeartData empty;
+    empty.name = "other";
+    AddTemperature(r, empty);
+    EXPECT_EQ(r.name, "T1");
+    EXPECT_EQ(r.samples.size(), 1u);
+}
+
+TEST(ThermalBalance, ZeroMeanGivesANonFiniteDeviation) {
+    tagDeviceThermalBalance r;
+    AddTemperature(r, beat(0.0f));
+    EXPECT_FALSE(std::isfinite(r.deviation));
+}
+
+}  // namespace
