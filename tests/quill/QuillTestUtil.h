@@ -3,6 +3,8 @@
 #pragma once
 
 #include <Eigen/Core>
+#include <Eigen/Geometry>
+#include <algorithm>
 #include <vector>
 
 #include "quill/Quill.h"

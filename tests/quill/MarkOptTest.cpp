@@ -1,0 +1,213 @@
+// The marker-model optimiser (MarkOpt_class): accuracy against the truth, the markers it
+// leaves out, the poses it writes back, and its refusals.
+#include <gtest/gtest.h>
+
+#include <Eigen/Geometry>
+#include <cmath>
+
+#include "QuillTestUtil.h"
+#include "quill/Quill.h"
+#include "sim/MarkerScene.h"
+
+using namespace quilltest;
+
+namespace {
+
+struct Model {
+    Quill::MyRealTimeMarkMatch_class rt;
+    Quill::MarkOpt_class opt;
+    std::vector<Eigen::Matrix4d> rts;
+    Model() {
+        EXPECT_EQ(rt.init_all(30000, 5000, 1), 1);
+        rt.set_max_count_lib2lib(50);
+        rt.set_mark_point_w(20);
+        applyTrackerSettings(*rt.get_mark_match(0));
+        opt.set_wh(2448, 2048);
+    }
+    int add(const sim::Frame& f) {
+        auto marks = frameMarks(f);
+        return rt.MarkRegistration_loop(marks.data(), static_cast<int>(marks.size()), 0);
+    }
+    int run() {
+        rts = rt.get_final_rt_array(0);
+        return opt.Run_FastKeyGlobalRegistrtion_MarkPoint_nCam_Global(
+            rt.get_mark_match(0), rts, static_cast<int>(rts.size()), 0.1f, 150);
+    }
+};
+
+// RMS error per coordinate of `est` against the truth after a rigid best fit.
+double fittedRms(const std::vector<Eigen::Vector3d>& est,
+                 const std::vector<Eigen::Vector3d>& truth) {
+    Eigen::Matrix3Xd A(3, est.size()), B(3, est.size());
+    for (std::size_t i = 0; i < est.size(); ++i) {
+        A.col(static_cast<Eigen::Index>(i)) = est[i];
+        B.col(static_cast<Eigen::Index>(i)) = truth[i];
+    }
+    const Eigen::Matrix4d T = Eigen::umeyama(A, B, false);
+    double s = 0.0;
+    for (std::size_t i = 0; i < est.size(); ++i)
+        s += ((T * est[i].homogeneous()).head<3>() - truth[i]).squaredNorm();
+    return std::sqrt(s / (3.0 * static_cast<double>(est.size())));
+}
+
+}  // namespace
+
+TEST(MarkOpt, ModelFromTwoHundredFramesReachesTheNoiseLimit) {
+    const double sigma = 0.02;
+    const auto scene = sim::MarkerScene::randomPart(150, 31);
+    sim::FrameGenerator gen(scene, 32);
+    sim::FrameOptions o;
+    o.visible = 30;
+    o.noiseSigma = sigma;
+    o.dropFraction = 0.1;
+    const auto frames = gen.walk(200, o, 15.0, 1.0);
+    Model m;
+    for (const auto& f : frames)
+        ASSERT_GT(m.add(f), 0);
+    ASSERT_EQ(m.run(), 1);
+    int count = 0;
+    const Quill::mcXYZ_Nor_s* recs = m.opt.get_Mark_data(count);
+    ASSERT_NE(recs, nullptr);
+    std::vector<Eigen::Vector3d> est, raw, truth;
+    double bound2 = 0.0;
+    for (int i = 0; i < count; ++i) {
+        if (recs[i].label < 0)
+            continue;
+        EXPECT_EQ(static_cast<int>(recs[i].label), i);
+        const int src = static_cast<int>(recs[i].source_label);
+        ASSERT_GE(src, 0);
+        est.emplace_back(recs[i].x, recs[i].y, recs[i].z);
+        truth.push_back(scene[src].position);
+        Quill::mark_data lib;
+        ASSERT_TRUE(m.rt.get_mark_match(0)->get_glo_mark(i, lib));
+        raw.emplace_back(lib.x, lib.y, lib.z);
+        ASSERT_GE(recs[i].frames, 2.0f);
+        bound2 += sigma * sigma / recs[i].frames;
+    }
+    ASSERT_GT(est.size(), 100u);
+    const double bound = std::sqrt(bound2 / static_cast<double>(est.size()));
+    const double rms = fittedRms(est, truth);
+    EXPECT_LT(rms, 1.3 * bound) << "sigma/sqrt(k) = " << bound;
+    EXPECT_LT(rms, fittedRms(raw, truth));
+    // The residual RMS of the observations matches the noise that was put in.
+    EXPECT_NEAR(m.opt.get_rms(), std::sqrt(3.0) * sigma, 0.3 * sigma);
+}
+
+TEST(MarkOpt, MarkersSeenInOneFrameAreLeftOut) {
+    const auto scene = sim::MarkerScene::randomPart(300, 33);
+    sim::FrameGenerator gen(scene, 34);
+    sim::FrameOptions o;
+    o.visible = 30;
+    o.noiseSigma = 0.02;
+    const Eigen::Vector3d c = scene[0].position;
+    Model m;
+    ASSERT_GT(m.add(gen.frameAt(c, sim::randomMotion(gen.rng(), 500), o)), 0);
+    ASSERT_GT(m.add(gen.frameAt(c, sim::randomMotion(gen.rng(), 500), o)), 0);
+    // A third view reaching further: its outer markers are seen once.
+    o.visible = 40;
+    ASSERT_GT(m.add(gen.frameAt(c, sim::randomMotion(gen.rng(), 500), o)), 0);
+    ASSERT_EQ(m.run(), 1);
+    int count = 0;
+    const Quill::mcXYZ_Nor_s* recs = m.opt.get_Mark_data(count);
+    ASSERT_EQ(count, m.rt.get_mark_match(0)->get_glo_mark_n());
+    int left = 0;
+    for (int i = 0; i < count; ++i) {
+        if (recs[i].frames < 2.0f) {
+            EXPECT_LT(recs[i].label, 0.0f);
+            ++left;
+        } else {
+            EXPECT_EQ(recs[i].label, static_cast<float>(i));
+        }
+    }
+    EXPECT_EQ(left, 10);
+}
+
+TEST(MarkOpt, WritesTheRefinedPosesBack) {
+    const auto scene = sim::MarkerScene::randomPart(150, 35);
+    sim::FrameGenerator gen(scene, 36);
+    sim::FrameOptions o;
+    o.visible = 30;
+    o.noiseSigma = 0.05;
+    const auto frames = gen.walk(60, o, 15.0, 1.0);
+    Model m;
+    for (const auto& f : frames)
+        ASSERT_GT(m.add(f), 0);
+    const auto before = m.rt.get_final_rt_array(0);
+    ASSERT_EQ(m.run(), 1);
+    ASSERT_EQ(m.rts.size(), frames.size());
+    // Relative poses (frame k to frame 0) against the truth: refined at least as well.
+    auto relErr = [&](const std::vector<Eigen::Matrix4d>& T) {
+        double s = 0.0;
+        for (std::size_t k = 1; k < frames.size(); ++k) {
+            const Eigen::Matrix4d truth = (frames[0].pose.inverse() * frames[k].pose).matrix();
+            const Eigen::Matrix4d found = T[0].inverse() * T[k];
+            s += (found.topRightCorner<3, 1>() - truth.topRightCorner<3, 1>()).squaredNorm();
+        }
+        return std::sqrt(s / static_cast<double>(frames.size() - 1));
+    };
+    EXPECT_LT(relErr(m.rts), relErr(before));
+}
+
+TEST(MarkOpt, GatesAnObservationThatDoesNotFit) {
+    const auto scene = sim::MarkerScene::randomPart(120, 37);
+    sim::FrameGenerator gen(scene, 38);
+    sim::FrameOptions o;
+    o.visible = 30;
+    o.noiseSigma = 0.01;
+    o.dropFraction = 0.0;
+    auto frames = gen.walk(60, o, 10.0, 1.0);
+    // One observation 0.4 mm off: still inside the matcher's inlier distance.
+    const int victim = frames[5].markers[0].truth;
+    frames[5].markers[0].position += Eigen::Vector3d(0.4, 0.0, 0.0);
+    Model m;
+    for (const auto& f : frames)
+        ASSERT_GT(m.add(f), 0);
+    ASSERT_EQ(m.run(), 1);
+    int count = 0;
+    const Quill::mcXYZ_Nor_s* recs = m.opt.get_Mark_data(count);
+    std::vector<Eigen::Vector3d> est, truth;
+    int victimIndex = -1;
+    for (int i = 0; i < count; ++i) {
+        if (recs[i].label < 0)
+            continue;
+        if (static_cast<int>(recs[i].source_label) == victim)
+            victimIndex = static_cast<int>(est.size());
+        est.emplace_back(recs[i].x, recs[i].y, recs[i].z);
+        truth.push_back(scene[static_cast<int>(recs[i].source_label)].position);
+    }
+    ASSERT_GE(victimIndex, 0);
+    Eigen::Matrix3Xd A(3, est.size()), B(3, est.size());
+    for (std::size_t i = 0; i < est.size(); ++i) {
+        A.col(static_cast<Eigen::Index>(i)) = est[i];
+        B.col(static_cast<Eigen::Index>(i)) = truth[i];
+    }
+    const Eigen::Matrix4d T = Eigen::umeyama(A, B, false);
+    const double err = ((T * est[static_cast<std::size_t>(victimIndex)].homogeneous()).head<3>() -
+                        truth[static_cast<std::size_t>(victimIndex)])
+                           .norm();
+    // Averaged in, the bad observation would pull the marker by 0.4 / k (k ~ 20): ~0.02 mm.
+    EXPECT_LT(err, 0.012);
+}
+
+TEST(MarkOpt, RefusesWhatItCannotRefine) {
+    Quill::MarkOpt_class opt;
+    std::vector<Eigen::Matrix4d> none;
+    EXPECT_EQ(opt.Run_FastKeyGlobalRegistrtion_MarkPoint_nCam_Global(nullptr, none, 0, 0.1f, 150),
+              0);
+    int count = -1;
+    EXPECT_EQ(opt.get_Mark_data(count), nullptr);
+    EXPECT_EQ(count, 0);
+
+    // One frame: nothing is seen twice.
+    const auto scene = sim::MarkerScene::randomPart(100, 39);
+    sim::FrameGenerator gen(scene, 40);
+    Model m;
+    ASSERT_GT(m.add(gen.randomFrame(sim::FrameOptions())), 0);
+    EXPECT_EQ(m.run(), 0);
+    EXPECT_EQ(m.opt.get_Mark_data(count), nullptr);
+    // A frame count beyond what is held, or non-finite transforms, are refused too.
+    std::vector<Eigen::Matrix4d> bad(1, Eigen::Matrix4d::Constant(std::nan("")));
+    EXPECT_EQ(opt.Run_FastKeyGlobalRegistrtion_MarkPoint_nCam_Global(m.rt.get_mark_match(0), bad, 1,
+                                                                     0.1f, 150),
+              0);
+}

@@ -1,0 +1,300 @@
+// The real-time matcher (MyRealTimeMarkMatch_class): seeding, growing and refining the
+// library frame by frame, its flags and transforms, capacities and lifecycle.
+#include <gtest/gtest.h>
+
+#include <Eigen/Geometry>
+#include <cmath>
+#include <set>
+
+#include "QuillTestUtil.h"
+#include "quill/Quill.h"
+#include "sim/MarkerScene.h"
+
+using namespace quilltest;
+
+namespace {
+
+// A matcher configured as the tracking code configures its library matcher.
+struct Library {
+    Quill::MyRealTimeMarkMatch_class rt;
+    explicit Library(int maxMarks = 30000, int maxFrames = 5000, int cams = 1) {
+        EXPECT_EQ(rt.init_all(maxMarks, maxFrames, cams), 1);
+        rt.set_max_count_lib2lib(50);
+        rt.set_mark_point_w(20);
+        for (int c = 0; c < rt.get_cam_n(); ++c)
+            applyTrackerSettings(*rt.get_mark_match(c));
+    }
+    int add(const sim::Frame& f, int value = 0) {
+        auto marks = frameMarks(f);
+        return rt.MarkRegistration_loop(marks.data(), static_cast<int>(marks.size()), value);
+    }
+    int size() { return rt.get_mark_match(0)->get_glo_mark_n(); }
+    int sourceLabel(int index) {
+        Quill::mark_data m;
+        return rt.get_mark_match(0)->get_glo_mark(index, m) ? m.label : -2;
+    }
+};
+
+sim::FrameOptions walkOpts() {
+    sim::FrameOptions o;
+    o.visible = 30;
+    o.noiseSigma = 0.05;
+    o.dropFraction = 0.1;
+    o.spuriousFraction = 0.1;
+    return o;
+}
+
+// Frame -> library transform expected for frame k when frame 0 defined the library frame.
+Eigen::Matrix4d expected(const sim::Frame& first, const sim::Frame& f) {
+    return (first.pose.inverse() * f.pose).matrix();
+}
+
+double poseError(const Eigen::Matrix4d& found, const Eigen::Matrix4d& truth, const sim::Frame& f) {
+    double worst = 0.0;
+    for (const auto& o : f.markers) {
+        const Eigen::Vector3d p = o.position.homogeneous().head<3>();
+        worst = std::max(worst, ((found - truth) * p.homogeneous()).head<3>().norm());
+    }
+    return worst;
+}
+
+}  // namespace
+
+TEST(RealTimeLifecycle, NothingWorksBeforeInitAll) {
+    Quill::MyRealTimeMarkMatch_class rt;
+    std::vector<Quill::mark_data> marks(10);
+    EXPECT_EQ(rt.MarkRegistration_loop(marks.data(), 10, 0), -1);
+    EXPECT_EQ(rt.get_cam_n(), 0);
+    EXPECT_EQ(rt.get_mark_match(0), nullptr);
+    EXPECT_TRUE(rt.get_final_rt_array(0).empty());
+    EXPECT_EQ(rt.free_all(), 0);
+}
+
+TEST(RealTimeLifecycle, InitAllValidatesAndCreatesThePerCameraMatchers) {
+    Quill::MyRealTimeMarkMatch_class rt;
+    EXPECT_EQ(rt.init_all(0, 5000, 1), 0);
+    EXPECT_EQ(rt.init_all(30000, 0, 1), 0);
+    EXPECT_EQ(rt.init_all(30000, 5000, 0), 0);
+    EXPECT_EQ(rt.init_all(2000000000, 5000, 1), 0);
+    ASSERT_EQ(rt.init_all(30000, 5000, 3), 1);
+    EXPECT_EQ(rt.get_cam_n(), 3);
+    for (int c = 0; c < 3; ++c)
+        EXPECT_NE(rt.get_mark_match(c), nullptr);
+    EXPECT_EQ(rt.get_mark_match(3), nullptr);
+    EXPECT_EQ(rt.get_mark_match(-1), nullptr);
+    EXPECT_EQ(rt.free_all(), 1);
+    EXPECT_EQ(rt.free_all(), 0);
+    EXPECT_EQ(rt.get_mark_match(0), nullptr);
+    std::vector<Quill::mark_data> marks(10);
+    EXPECT_EQ(rt.MarkRegistration_loop(marks.data(), 10, 0), -1);
+}
+
+TEST(RealTimeLibrary, FirstFrameSeedsTheLibraryInItsOwnFrame) {
+    const auto scene = sim::MarkerScene::randomPart(300, 1);
+    sim::FrameGenerator gen(scene, 2);
+    Library lib;
+    const sim::Frame f = gen.randomFrame(walkOpts());
+    const int n = static_cast<int>(f.markers.size());
+    EXPECT_EQ(lib.add(f, 77), n);
+    EXPECT_EQ(lib.size(), n);
+    EXPECT_EQ(lib.rt.get_final_match_n(), n);
+    EXPECT_TRUE(lib.rt.get_final_transform().isIdentity());
+    const auto flags = lib.rt.get_final_match_flag();
+    EXPECT_EQ(std::set<int>(flags.begin(), flags.end()).size(), static_cast<std::size_t>(n));
+    const auto rts = lib.rt.get_final_rt_array(0);
+    ASSERT_EQ(rts.size(), 1u);
+    EXPECT_TRUE(rts[0].isIdentity());
+    EXPECT_EQ(lib.rt.get_frame_values(), std::vector<int>{77});
+}
+
+TEST(RealTimeLibrary, GrowsAlongAWalkAndTracksEveryFrame) {
+    const auto scene = sim::MarkerScene::randomPart(400, 3);
+    sim::FrameGenerator gen(scene, 4);
+    const auto frames = gen.walk(80, walkOpts(), 15.0, 1.0);
+    Library lib;
+    int previous = 0;
+    for (std::size_t k = 0; k < frames.size(); ++k) {
+        const int r = lib.add(frames[k], static_cast<int>(k));
+        ASSERT_GE(r, 5) << "frame " << k;
+        const Eigen::Matrix4d T = lib.rt.get_final_transform();
+        // The library grows from noisy frames, so it drifts a little along the walk; a wrong
+        // registration would be off by a marker spacing.
+        EXPECT_LT(poseError(T, expected(frames[0], frames[k]), frames[k]), 1.0) << "frame " << k;
+        // Every matched flag names the library marker made from the same scene marker.
+        const auto flags = lib.rt.get_final_match_flag();
+        ASSERT_EQ(flags.size(), frames[k].markers.size());
+        for (std::size_t i = 0; i < flags.size(); ++i) {
+            if (flags[i] >= 0) {
+                EXPECT_EQ(lib.sourceLabel(flags[i]), frames[k].markers[i].truth) << "frame " << k;
+            }
+        }
+        EXPECT_GE(lib.size(), previous);
+        previous = lib.size();
+    }
+    EXPECT_GT(lib.size(), 100);
+    EXPECT_EQ(lib.rt.get_final_rt_array(0).size(), frames.size());
+    EXPECT_TRUE(lib.rt.get_final_rt_array(1).empty());
+    // A scene marker enters the library once: no two library markers share a source.
+    std::set<int> sources;
+    for (int i = 0; i < lib.size(); ++i) {
+        const int s = lib.sourceLabel(i);
+        if (s >= 0) {
+            EXPECT_TRUE(sources.insert(s).second) << "scene marker " << s << " twice";
+        }
+    }
+}
+
+TEST(RealTimeLibrary, RefinementPullsLibraryMarkersTowardsTheTruth) {
+    const auto scene = sim::MarkerScene::randomPart(120, 5);
+    sim::FrameGenerator gen(scene, 6);
+    sim::FrameOptions o = walkOpts();
+    o.dropFraction = 0.0;
+    o.spuriousFraction = 0.0;
+    o.noiseSigma = 0.05;
+    const Eigen::Vector3d centre = scene[0].position;
+    const sim::Frame first = gen.frameAt(centre, sim::randomMotion(gen.rng(), 500), o);
+    Library lib;
+    ASSERT_GT(lib.add(first), 0);
+    auto errorOfFirstFrame = [&]() {
+        // Library positions against the truth after a rigid best fit (the library's frame
+        // is the first frame's, noise included).
+        Eigen::Matrix3Xd A(3, first.markers.size()), B(3, first.markers.size());
+        for (std::size_t i = 0; i < first.markers.size(); ++i) {
+            Quill::mark_data m;
+            EXPECT_TRUE(lib.rt.get_mark_match(0)->get_glo_mark(static_cast<int>(i), m));
+            A.col(static_cast<Eigen::Index>(i)) = Eigen::Vector3d(m.x, m.y, m.z);
+            B.col(static_cast<Eigen::Index>(i)) = scene[m.label].position;
+        }
+        const Eigen::Matrix4d T = Eigen::umeyama(A, B, false);
+        return std::sqrt(((T.topLeftCorner<3, 3>() * A).colwise() + T.topRightCorner<3, 1>() - B)
+                             .colwise()
+                             .squaredNorm()
+                             .mean());
+    };
+    const double before = errorOfFirstFrame();
+    for (int k = 0; k < 15; ++k) {
+        const sim::Frame again = gen.frameAt(centre, sim::randomMotion(gen.rng(), 500), o);
+        ASSERT_GT(lib.add(again), 0);
+    }
+    // Sixteen observations averaged: about a quarter of the single-frame error.
+    EXPECT_LT(errorOfFirstFrame(), 0.4 * before);
+}
+
+TEST(RealTimeLibrary, WithUpdatesOffTheLibraryStaysAsItIs) {
+    const auto scene = sim::MarkerScene::randomPart(300, 7);
+    sim::FrameGenerator gen(scene, 8);
+    const auto frames = gen.walk(10, walkOpts(), 20.0, 1.0);
+    Library lib;
+    ASSERT_GT(lib.add(frames[0]), 0);
+    lib.rt.set_if_real_time_update_mark(0);
+    lib.rt.set_if_real_time_new_add_mark(0);
+    Quill::mark_data before;
+    ASSERT_TRUE(lib.rt.get_mark_match(0)->get_glo_mark(0, before));
+    const int size = lib.size();
+    for (std::size_t k = 1; k < frames.size(); ++k)
+        lib.add(frames[k]);
+    EXPECT_EQ(lib.size(), size);
+    Quill::mark_data after;
+    ASSERT_TRUE(lib.rt.get_mark_match(0)->get_glo_mark(0, after));
+    EXPECT_EQ(before.x, after.x);
+    EXPECT_EQ(before.y, after.y);
+    EXPECT_EQ(before.z, after.z);
+}
+
+TEST(RealTimeLibrary, RegistersAgainstAnInstalledGlobalMarkerSet) {
+    const auto scene = sim::MarkerScene::randomPart(2000, 9);
+    sim::FrameGenerator gen(scene, 10);
+    Library lib;
+    auto cloud = sceneCloud(scene);
+    lib.rt.get_mark_match(0)->set_glo_mark(cloud, static_cast<int>(cloud.size()));
+    lib.rt.set_if_real_time_update_mark(0);
+    lib.rt.set_if_real_time_new_add_mark(0);
+    EXPECT_EQ(lib.size(), scene.size());
+    for (int k = 0; k < 20; ++k) {
+        const sim::Frame f = gen.randomFrame(walkOpts());
+        ASSERT_GE(lib.add(f), 5);
+        EXPECT_LT(transformError(lib.rt.get_final_transform(), f), 0.3);
+        EXPECT_EQ(wrongFlags(lib.rt.get_final_match_flag(), f), 0);
+    }
+    EXPECT_EQ(lib.size(), scene.size());
+}
+
+TEST(RealTimeLibrary, AFrameThatDoesNotMatchChangesNothing) {
+    const auto scene = sim::MarkerScene::randomPart(300, 11);
+    const auto other = sim::MarkerScene::randomPart(300, 12);
+    sim::FrameGenerator gen(scene, 13);
+    sim::FrameGenerator elsewhere(other, 14);
+    Library lib;
+    ASSERT_GT(lib.add(gen.randomFrame(walkOpts())), 0);
+    const int size = lib.size();
+    EXPECT_EQ(lib.add(elsewhere.randomFrame(walkOpts())), 0);
+    EXPECT_EQ(lib.size(), size);
+    EXPECT_EQ(lib.rt.get_final_rt_array(0).size(), 1u);
+    EXPECT_EQ(lib.rt.get_final_match_n(), 0);
+    for (int v : lib.rt.get_final_match_flag())
+        EXPECT_EQ(v, -1);
+}
+
+TEST(RealTimeLibrary, RespectsItsCapacities) {
+    const auto scene = sim::MarkerScene::randomPart(400, 15);
+    sim::FrameGenerator gen(scene, 16);
+    const auto frames = gen.walk(30, walkOpts(), 20.0, 1.0);
+    Library lib(45, 5);
+    for (const auto& f : frames)
+        lib.add(f);
+    EXPECT_LE(lib.size(), 45);
+    EXPECT_EQ(lib.rt.get_final_rt_array(0).size(), 5u);
+}
+
+TEST(RealTimeLibrary, TemporaryMarkersWaitForASecondSighting) {
+    const auto scene = sim::MarkerScene::randomPart(300, 17);
+    sim::FrameGenerator gen(scene, 18);
+    sim::FrameOptions o = walkOpts();
+    o.dropFraction = 0.0;
+    o.spuriousFraction = 0.0;
+    const Eigen::Vector3d c = scene[0].position;
+    const sim::Frame a = gen.frameAt(c, sim::randomMotion(gen.rng(), 500), o);
+    // A view shifted sideways: part overlap, part new markers.
+    const Eigen::Vector3d shifted = scene[scene.nearestTo(c, 30).back()].position;
+    const sim::Frame b = gen.frameAt(shifted, sim::randomMotion(gen.rng(), 500), o);
+    auto matchesOfRepeatedB = [&](bool temporary) {
+        Library lib;
+        lib.rt.set_if_use_temporary_library(temporary ? 1 : 0);
+        lib.rt.set_if_only_match_from_glomark(1);
+        EXPECT_GT(lib.add(a), 0);
+        std::vector<int> counts;
+        for (int k = 0; k < 3; ++k)
+            counts.push_back(lib.add(b));
+        return counts;
+    };
+    const auto direct = matchesOfRepeatedB(false);
+    const auto waiting = matchesOfRepeatedB(true);
+    EXPECT_LT(direct[0], 30);
+    EXPECT_EQ(direct[1], 30);  // new markers matched from the second sighting on
+    EXPECT_EQ(waiting[0], direct[0]);
+    EXPECT_EQ(waiting[1], direct[0]);  // confirmed by the second sighting, not yet matched
+    EXPECT_EQ(waiting[2], 30);
+}
+
+TEST(RealTimeLibrary, MergeSameTargetJoinsNearbyLibraryMarkers) {
+    const auto scene = sim::MarkerScene::randomPart(50, 19);
+    std::vector<sim::Marker> markers = scene.markers();
+    sim::Marker twin = markers[10];
+    twin.position += Eigen::Vector3d(1.0, 0.0, 0.0);
+    markers.push_back(twin);
+    auto cloud = sceneCloud(sim::MarkerScene(markers));
+    Quill::MyMatchMarkClass_update m;
+    applyTrackerSettings(m);
+    m.set_glo_mark(cloud, static_cast<int>(cloud.size()));
+    EXPECT_EQ(m.get_glo_mark_n(), 51);
+    m.MergeSameTgt(20);
+    EXPECT_EQ(m.get_glo_mark_n(), 50);
+    Quill::mark_data merged;
+    ASSERT_TRUE(m.get_glo_mark(10, merged));
+    EXPECT_NEAR(merged.x, scene[10].position.x() + 0.5, 1e-3);
+    Quill::mark_data gone;
+    EXPECT_FALSE(m.get_glo_mark(50, gone));
+    // Markers farther apart than the same-target distance stay apart.
+    m.MergeSameTgt(20);
+    EXPECT_EQ(m.get_glo_mark_n(), 50);
+}
