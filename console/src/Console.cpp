@@ -389,7 +389,7 @@ bool Console::sendMessage(CMessage_Base& message, const std::vector<std::string>
     if (m_client == net::kInvalidSocket) {
         return false;
     }
-    std::vector<char> body;
+    std::vector<char>& body = m_sendBuffer;  // reused: frames are large
     if (message.pack(&body) < 0) {
         say("cannot pack a message of type " + std::to_string(message.getType()));
         return false;

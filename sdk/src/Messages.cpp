@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstring>
 #include <limits>
+#include <mutex>
 #include <new>
 
 #include "sdk/Wire.h"
@@ -15,27 +16,28 @@ namespace {
 
 // ---- helpers between std::vector / fixed arrays and repeated fields ------------------------
 
-template <typename T, typename R>
-void toRepeated(const std::vector<T>& in, R* out) {
-    out->Clear();
-    out->Reserve(static_cast<int>(in.size()));
-    for (const T& v : in) {
-        out->Add(v);
-    }
-}
-
+// Bulk copy into a repeated scalar field (one allocation, one memcpy).
 template <typename T, typename R>
 void toRepeated(const T* in, size_t n, R* out) {
     out->Clear();
-    out->Reserve(static_cast<int>(n));
-    for (size_t i = 0; i < n; ++i) {
-        out->Add(in[i]);
+    if (n == 0) {
+        return;
     }
+    out->Reserve(static_cast<int>(n));
+    T* dst = out->AddNAlreadyReserved(static_cast<int>(n));
+    std::memcpy(dst, in, n * sizeof(T));
+}
+
+template <typename T, typename R>
+void toRepeated(const std::vector<T>& in, R* out) {
+    toRepeated(in.data(), in.size(), out);
 }
 
 template <typename T, typename R>
 void fromRepeated(const R& in, std::vector<T>& out) {
-    out.assign(in.begin(), in.end());
+    // Through raw pointers, so that the copy is one memmove.
+    const T* first = in.data();
+    out.assign(first, first + in.size());
 }
 
 // Copies exactly n values, or leaves `out` as it is when the field is empty and `allowEmpty`.
@@ -615,12 +617,239 @@ bool scanDataConsistent(const tagScanData& f) {
 
 }  // namespace wire
 
+namespace {
+
+// Scan frames are large (hundreds of kilobytes of laser data) and arrive at up to a few hundred
+// per second. Fresh buffers of that size come from the operating system page by page on every
+// frame, which costs more than the copies themselves; so the receive path reuses its buffers:
+//
+// - ScanBodyScratch: one wire body per thread, reused by pack and unpack (a body that grew
+//   beyond kKeepBytes is released afterwards);
+// - FramePool: released frames keep the capacity of their laser vectors for the next frame
+//   (at most kPoolFrames are kept).
+constexpr size_t kKeepBytes = size_t{16} << 20;
+constexpr size_t kPoolFrames = 8;
+
+class ScanBodyScratch {
+public:
+    ScanBodyScratch() {
+        if (!t_body) {
+            t_body = std::make_unique<sdk_link::ScanFrameBody>();
+        }
+    }
+    ~ScanBodyScratch() {
+        if (t_body->laser_points_size() * sizeof(float) > kKeepBytes) {
+            t_body.reset();
+        }
+    }
+    sdk_link::ScanFrameBody& body() { return *t_body; }
+
+private:
+    static thread_local std::unique_ptr<sdk_link::ScanFrameBody> t_body;
+};
+thread_local std::unique_ptr<sdk_link::ScanFrameBody> ScanBodyScratch::t_body;
+
+class FramePool : public std::enable_shared_from_this<FramePool> {
+public:
+    static std::shared_ptr<FramePool> instance() {
+        static const std::shared_ptr<FramePool> pool = std::make_shared<FramePool>();
+        return pool;
+    }
+
+    std::shared_ptr<tagScanData> acquire() {
+        std::unique_ptr<tagScanData> frame;
+        {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            if (!m_free.empty()) {
+                frame = std::move(m_free.back());
+                m_free.pop_back();
+            }
+        }
+        if (frame) {
+            recycle(*frame);
+        } else {
+            frame = std::make_unique<tagScanData>();
+        }
+        std::shared_ptr<FramePool> self = shared_from_this();
+        return std::shared_ptr<tagScanData>(frame.release(),
+                                            [self](tagScanData* p) { self->release(p); });
+    }
+
+private:
+    // Back to the defaults of a new record, keeping the capacity of the laser vectors.
+    static void recycle(tagScanData& f) {
+        std::vector<float> points = std::move(f.m_vecLaserPoints);
+        std::vector<float> normals = std::move(f.m_vecLaserNormals);
+        std::vector<float> quality = std::move(f.m_vecLaserQuality);
+        f = tagScanData();
+        points.clear();
+        normals.clear();
+        quality.clear();
+        f.m_vecLaserPoints = std::move(points);
+        f.m_vecLaserNormals = std::move(normals);
+        f.m_vecLaserQuality = std::move(quality);
+    }
+
+    void release(tagScanData* p) {
+        std::unique_ptr<tagScanData> frame(p);
+        const size_t bytes =
+            (frame->m_vecLaserPoints.capacity() + frame->m_vecLaserNormals.capacity() +
+             frame->m_vecLaserQuality.capacity()) *
+            sizeof(float);
+        if (bytes > kKeepBytes) {
+            return;
+        }
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_free.size() < kPoolFrames) {
+            m_free.push_back(std::move(frame));
+        }
+    }
+
+    std::mutex m_mutex;
+    std::vector<std::unique_ptr<tagScanData>> m_free;
+};
+
+}  // namespace
+
+namespace {
+
+// The laser arrays (fields 10, 11 and 12 of ScanFrameBody: packed floats) carry almost all the
+// bytes of a frame. On little-endian hosts, whose float layout is the wire's, they are written
+// from and read into the frame's vectors directly, one copy each way instead of three; the
+// encoding is the standard packed one, so any Protocol Buffers reader still reads the body.
+bool hostIsLittleEndian() {
+    const uint16_t probe = 1;
+    unsigned char first = 0;
+    std::memcpy(&first, &probe, 1);
+    return first == 1;
+}
+
+constexpr uint32_t kLaserPointsField = 10;
+constexpr uint32_t kLaserNormalsField = 11;
+constexpr uint32_t kLaserQualityField = 12;
+constexpr uint32_t kWireVarint = 0, kWireFixed64 = 1, kWireLength = 2, kWireFixed32 = 5;
+
+size_t varintSize(uint64_t v) {
+    size_t n = 1;
+    while (v >= 0x80) {
+        v >>= 7;
+        ++n;
+    }
+    return n;
+}
+
+char* putVarint(char* p, uint64_t v) {
+    while (v >= 0x80) {
+        *p++ = static_cast<char>((v & 0x7F) | 0x80);
+        v >>= 7;
+    }
+    *p++ = static_cast<char>(v);
+    return p;
+}
+
+bool getVarint(const uint8_t*& p, const uint8_t* end, uint64_t& v) {
+    v = 0;
+    for (int shift = 0; shift < 64 && p < end; shift += 7) {
+        const uint8_t b = *p++;
+        v |= static_cast<uint64_t>(b & 0x7F) << shift;
+        if ((b & 0x80) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+size_t packedFieldSize(uint32_t field, const std::vector<float>& v) {
+    if (v.empty()) {
+        return 0;
+    }
+    const size_t bytes = v.size() * sizeof(float);
+    return varintSize((field << 3) | kWireLength) + varintSize(bytes) + bytes;
+}
+
+char* putPackedField(char* p, uint32_t field, const std::vector<float>& v) {
+    if (v.empty()) {
+        return p;
+    }
+    const size_t bytes = v.size() * sizeof(float);
+    p = putVarint(p, (field << 3) | kWireLength);
+    p = putVarint(p, bytes);
+    std::memcpy(p, v.data(), bytes);
+    return p + bytes;
+}
+
+// Splits a ScanFrameBody: the laser arrays go straight into `frame`, every other field is
+// copied to `rest` for the regular parser. False when the bytes are not a valid encoding.
+bool splitScanBody(const char* data, size_t size, tagScanData& frame, std::string& rest) {
+    const uint8_t* p = reinterpret_cast<const uint8_t*>(data);
+    const uint8_t* const end = p + size;
+    rest.clear();
+    while (p < end) {
+        const uint8_t* const start = p;
+        uint64_t tag = 0;
+        if (!getVarint(p, end, tag) || (tag >> 3) == 0 || (tag >> 3) > 0x1FFFFFFF) {
+            return false;
+        }
+        const uint32_t field = static_cast<uint32_t>(tag >> 3);
+        const uint32_t wt = static_cast<uint32_t>(tag & 7);
+        uint64_t len = 0;
+        switch (wt) {
+            case kWireVarint:
+                if (!getVarint(p, end, len)) {
+                    return false;
+                }
+                break;
+            case kWireFixed64:
+            case kWireFixed32: {
+                const size_t n = wt == kWireFixed64 ? 8 : 4;
+                if (static_cast<size_t>(end - p) < n) {
+                    return false;
+                }
+                p += n;
+                break;
+            }
+            case kWireLength: {
+                if (!getVarint(p, end, len) || len > static_cast<uint64_t>(end - p)) {
+                    return false;
+                }
+                std::vector<float>* target =
+                    field == kLaserPointsField    ? &frame.m_vecLaserPoints
+                    : field == kLaserNormalsField ? &frame.m_vecLaserNormals
+                    : field == kLaserQualityField ? &frame.m_vecLaserQuality
+                                                  : nullptr;
+                if (target != nullptr) {
+                    if (len % sizeof(float) != 0) {
+                        return false;
+                    }
+                    const size_t old = target->size();
+                    target->resize(old + len / sizeof(float));
+                    std::memcpy(target->data() + old, p, len);
+                    p += len;
+                    continue;  // not part of `rest`
+                }
+                p += len;
+                break;
+            }
+            default:
+                return false;  // groups and reserved wire types
+        }
+        rest.append(reinterpret_cast<const char*>(start), static_cast<size_t>(p - start));
+    }
+    return true;
+}
+
+thread_local std::string t_restScratch;
+
+}  // namespace
+
 int CMessage_ScanData::pack(std::vector<char>* out) {
     if (!m_pScanData || !wire::scanDataConsistent(*m_pScanData)) {
         return -1;
     }
     const tagScanData& f = *m_pScanData;
-    sdk_link::ScanFrameBody b;
+    ScanBodyScratch scratch;
+    sdk_link::ScanFrameBody& b = scratch.body();
+    b.Clear();
     b.set_frame_id(m_nFrameID);
     toRepeated(m_dTrackerMatrix, 16, b.mutable_tracker_matrix());
     toRepeated(f.m_dRotation, 9, b.mutable_rotation());
@@ -630,9 +859,12 @@ int CMessage_ScanData::pack(std::vector<char>* out) {
     b.set_value(f.m_fValue);
     b.set_acquisition_kind(f.m_nAcquisitionKind);
     toRepeated(f.m_vecLaserLineCounts, b.mutable_laser_line_counts());
-    toRepeated(f.m_vecLaserPoints, b.mutable_laser_points());
-    toRepeated(f.m_vecLaserNormals, b.mutable_laser_normals());
-    toRepeated(f.m_vecLaserQuality, b.mutable_laser_quality());
+    const bool direct = hostIsLittleEndian();
+    if (!direct) {
+        toRepeated(f.m_vecLaserPoints, b.mutable_laser_points());
+        toRepeated(f.m_vecLaserNormals, b.mutable_laser_normals());
+        toRepeated(f.m_vecLaserQuality, b.mutable_laser_quality());
+    }
     for (const tagLaserLineData& l : f.m_vecLaserLines) {
         sdk_link::LaserLine* w = b.add_laser_lines();
         w->set_line_index(l.nLineIndex);
@@ -681,18 +913,56 @@ int CMessage_ScanData::pack(std::vector<char>* out) {
         w->set_index(e.nIndex);
         w->set_flags(e.nFlags);
     }
-    return serializeBody(b, out);
+    if (!direct) {
+        return serializeBody(b, out);
+    }
+    if (out == nullptr) {
+        return -1;
+    }
+    const size_t head = b.ByteSizeLong();
+    const size_t total = head + packedFieldSize(kLaserPointsField, f.m_vecLaserPoints) +
+                         packedFieldSize(kLaserNormalsField, f.m_vecLaserNormals) +
+                         packedFieldSize(kLaserQualityField, f.m_vecLaserQuality);
+    if (total > wire::kMaxBodyBytes) {
+        return -1;
+    }
+    try {
+        out->resize(total);
+    } catch (const std::bad_alloc&) {
+        return -1;
+    }
+    if (head > 0 && !b.SerializeToArray(out->data(), static_cast<int>(head))) {
+        return -1;
+    }
+    char* p = out->data() + head;
+    p = putPackedField(p, kLaserPointsField, f.m_vecLaserPoints);
+    p = putPackedField(p, kLaserNormalsField, f.m_vecLaserNormals);
+    putPackedField(p, kLaserQualityField, f.m_vecLaserQuality);
+    return static_cast<int>(total);
 }
 
 int CMessage_ScanData::unpack(const char* data, const int& size) {
-    sdk_link::ScanFrameBody b;
-    if (!parseBody(data, size, b)) {
+    if (size < 0 || (size > 0 && data == nullptr)) {
         return -1;
     }
+    ScanBodyScratch scratch;
+    sdk_link::ScanFrameBody& b = scratch.body();
     std::shared_ptr<tagScanData> frame;
     try {
-        frame = std::make_shared<tagScanData>();
+        frame = FramePool::instance()->acquire();
         tagScanData& f = *frame;
+        const bool direct = hostIsLittleEndian();
+        if (direct) {
+            if (!splitScanBody(data, static_cast<size_t>(size), f, t_restScratch) ||
+                !parseBody(t_restScratch.data(), static_cast<int>(t_restScratch.size()), b)) {
+                return -1;
+            }
+            if (t_restScratch.capacity() > kKeepBytes) {
+                std::string().swap(t_restScratch);
+            }
+        } else if (!parseBody(data, size, b)) {
+            return -1;
+        }
         double matrix[16];
         std::memcpy(matrix, m_dTrackerMatrix, sizeof(matrix));
         if (b.tracker_matrix_size() == 0) {
@@ -710,9 +980,13 @@ int CMessage_ScanData::unpack(const char* data, const int& size) {
         f.m_fValue = b.value();
         f.m_nAcquisitionKind = b.acquisition_kind();
         fromRepeated(b.laser_line_counts(), f.m_vecLaserLineCounts);
-        fromRepeated(b.laser_points(), f.m_vecLaserPoints);
-        fromRepeated(b.laser_normals(), f.m_vecLaserNormals);
-        fromRepeated(b.laser_quality(), f.m_vecLaserQuality);
+        // Arrays the regular parser saw (big-endian hosts, or unpacked encodings) follow.
+        f.m_vecLaserPoints.insert(f.m_vecLaserPoints.end(), b.laser_points().begin(),
+                                  b.laser_points().end());
+        f.m_vecLaserNormals.insert(f.m_vecLaserNormals.end(), b.laser_normals().begin(),
+                                   b.laser_normals().end());
+        f.m_vecLaserQuality.insert(f.m_vecLaserQuality.end(), b.laser_quality().begin(),
+                                   b.laser_quality().end());
         f.m_vecLaserLines.resize(static_cast<size_t>(b.laser_lines_size()));
         for (int i = 0; i < b.laser_lines_size(); ++i) {
             const sdk_link::LaserLine& w = b.laser_lines(i);

@@ -165,6 +165,9 @@ long recvSome(socket_t s, char* buf, size_t capacity) {
         if (n < 0 && errno == EINTR) {
             continue;
         }
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+            return -2;
+        }
         return n < 0 ? -1 : static_cast<long>(n);
     }
 }
@@ -188,6 +191,13 @@ bool setSendTimeout(socket_t s, int timeoutMs) {
     tv.tv_sec = timeoutMs / 1000;
     tv.tv_usec = (timeoutMs % 1000) * 1000;
     return ::setsockopt(s, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv)) == 0;
+}
+
+bool setRecvTimeout(socket_t s, int timeoutMs) {
+    timeval tv{};
+    tv.tv_sec = timeoutMs / 1000;
+    tv.tv_usec = (timeoutMs % 1000) * 1000;
+    return ::setsockopt(s, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv)) == 0;
 }
 
 bool setBufferSizes(socket_t s, int bytes) {

@@ -122,6 +122,7 @@ void CTPWrapper::Link::run() {
 
 void CTPWrapper::Link::serve(net::socket_t s) {
     net::setSendTimeout(s, kSendTimeoutMs);
+    net::setRecvTimeout(s, kPollMs);
     {
         std::lock_guard<std::mutex> lock(sendMutex);
         txSocket = s;
@@ -144,20 +145,18 @@ void CTPWrapper::Link::serve(net::socket_t s) {
             sentInterval = interval;
             sendHeartBeatInterval(interval);
         }
-        const int ready = net::waitReadable(s, kPollMs);
-        if (ready == 0) {
-            continue;
-        }
-        if (ready < 0) {
-            break;
-        }
         size_t capacity = 0;
         char* p = decoder.writable(&capacity);
         if (p == nullptr) {
             logLine("out of memory for the receive buffer; resetting the connection");
             break;
         }
+        // Blocking read with a short timeout: one call per arrival, and the stop flag and the
+        // heartbeat interval are looked at between them.
         const long n = net::recvSome(s, p, capacity);
+        if (n == -2) {
+            continue;
+        }
         if (n <= 0) {
             break;
         }

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -153,21 +154,25 @@ bool FrameDecoder::ensureCapacity(size_t size) {
 }
 
 char* FrameDecoder::writable(size_t* capacity) {
-    // Growth follows the bytes received: for a frame still arriving, the buffer may grow by
-    // what is already stored (doubling), never by what the header promises.
-    size_t want = kChunk;
+    // While a large frame is arriving, offer exactly its missing bytes: the frame then ends at
+    // the end of the data and nothing has to be moved to the front afterwards. The buffer
+    // grows with what is already stored (doubling), never by what the header promises.
     if (m_skip == 0 && m_have >= kHeaderBytes) {
         const uint64_t total = kHeaderBytes + static_cast<uint64_t>(getU32(m_buf.get() + 4));
         if (total > m_have) {
-            want =
-                std::max(kChunk, static_cast<size_t>(std::min<uint64_t>(total - m_have, m_have)));
+            const size_t missing =
+                static_cast<size_t>(std::min<uint64_t>(total - m_have, SIZE_MAX));
+            const size_t grow = std::max(kChunk, std::min(missing, m_have));
+            if (m_capacity - m_have < std::min(missing, grow) && !ensureCapacity(m_have + grow) &&
+                m_capacity == m_have) {
+                *capacity = 0;
+                return nullptr;
+            }
+            *capacity = std::min(missing, m_capacity - m_have);
+            return m_buf.get() + m_have;
         }
     }
-    if (m_capacity - m_have < want && !ensureCapacity(m_have + want)) {
-        // Out of memory: offer what is left (at least the header's worth was allocated).
-        want = m_capacity - m_have;
-    }
-    if (m_capacity == m_have && !ensureCapacity(m_have + kHeaderBytes)) {
+    if (m_capacity - m_have < kChunk && !ensureCapacity(m_have + kChunk) && m_capacity == m_have) {
         *capacity = 0;
         return nullptr;
     }

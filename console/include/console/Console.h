@@ -136,6 +136,7 @@ private:
     uint16_t m_port = 0;
     std::unique_ptr<SDK_NV::wire::FrameDecoder> m_decoder;
     uint64_t m_sendSequence = 0;
+    std::vector<char> m_sendBuffer;
     std::string m_stdinBuffer;
     bool m_stdinOpen = true;
 

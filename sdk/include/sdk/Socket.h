@@ -28,12 +28,13 @@ void shutdownSocket(socket_t s);
 // Writes a and then b completely (b may be empty). False on error or when the peer stalls
 // longer than the send timeout.
 bool sendAll(socket_t s, const char* a, size_t na, const char* b = nullptr, size_t nb = 0);
-// > 0 bytes read, 0 orderly close, -1 error.
+// > 0 bytes read, 0 orderly close, -1 error, -2 the receive timeout passed without data.
 long recvSome(socket_t s, char* buf, size_t capacity);
 // 1 readable (or closed), 0 timeout, -1 error.
 int waitReadable(socket_t s, int timeoutMs);
 
 bool setSendTimeout(socket_t s, int timeoutMs);
+bool setRecvTimeout(socket_t s, int timeoutMs);
 bool setBufferSizes(socket_t s, int bytes);
 
 }  // namespace net
