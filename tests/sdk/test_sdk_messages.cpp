@@ -230,6 +230,68 @@ TEST(MessagePacking, ScanDataRoundTripKeepsEveryMember) {
     EXPECT_EQ(y.m_vecEdgePoints[0].dOutward[2], 1);
 }
 
+TEST(MessagePacking, ScanBodyIsStandardProtocolBuffersBothWays) {
+    // What pack writes, a generic reader reads ...
+    CMessage_ScanData a;
+    a.setScanData(makeFrame(6, 2));
+    std::vector<char> body;
+    ASSERT_GT(a.pack(&body), 0);
+    sdk_link::ScanFrameBody w;
+    ASSERT_TRUE(w.ParseFromArray(body.data(), static_cast<int>(body.size())));
+    const tagScanData& f = *a.getScanData();
+    ASSERT_EQ(w.laser_points_size(), static_cast<int>(f.m_vecLaserPoints.size()));
+    EXPECT_EQ(w.laser_points(7), f.m_vecLaserPoints[7]);
+    EXPECT_EQ(w.laser_normals_size(), static_cast<int>(f.m_vecLaserNormals.size()));
+    EXPECT_EQ(w.laser_quality_size(), 6);
+    EXPECT_EQ(w.tracker_id(), "TRK-1");
+
+    // ... and what a generic writer writes, unpack reads, including a packed array that
+    // arrives in two pieces.
+    w.clear_laser_quality();
+    std::string bytes = w.SerializeAsString();
+    sdk_link::ScanFrameBody tail;
+    for (int i = 0; i < 6; ++i) {
+        tail.add_laser_quality(0.25f * i);
+    }
+    bytes += tail.SerializeAsString();
+    CMessage_ScanData b;
+    ASSERT_EQ(b.unpack(bytes.data(), static_cast<int>(bytes.size())), 0);
+    EXPECT_EQ(b.getScanData()->m_vecLaserPoints, f.m_vecLaserPoints);
+    EXPECT_EQ(b.getScanData()->m_vecLaserQuality,
+              (std::vector<float>{0, 0.25f, 0.5f, 0.75f, 1.0f, 1.25f}));
+}
+
+TEST(MessagePacking, ReusedFrameBuffersCarryNothingOver) {
+    // A rich frame, released, then a sparse one: the second must not inherit anything.
+    std::vector<char> rich, sparse;
+    {
+        CMessage_ScanData a;
+        a.setScanData(makeFrame(8, 3));
+        ASSERT_GT(a.pack(&rich), 0);
+        auto bare = std::make_shared<tagScanData>();
+        bare->m_strTrackerId = "T2";
+        a.setScanData(bare);
+        ASSERT_GT(a.pack(&sparse), 0);
+    }
+    for (int round = 0; round < 3; ++round) {
+        CMessage_ScanData m;
+        ASSERT_EQ(m.unpack(rich.data(), static_cast<int>(rich.size())), 0);
+        EXPECT_EQ(m.getScanData()->laserPointCount(), 8u);
+        m.setScanData(nullptr);  // back to the pool
+        ASSERT_EQ(m.unpack(sparse.data(), static_cast<int>(sparse.size())), 0);
+        const tagScanData& f = *m.getScanData();
+        EXPECT_TRUE(f.m_vecLaserPoints.empty());
+        EXPECT_TRUE(f.m_vecLaserNormals.empty());
+        EXPECT_TRUE(f.m_vecLaserQuality.empty());
+        EXPECT_TRUE(f.m_vecLaserLines.empty());
+        EXPECT_TRUE(f.m_vecMarkerIds.empty());
+        EXPECT_TRUE(f.m_vecHoles.empty());
+        EXPECT_EQ(f.m_camParam.ByteSizeLong(), 0u);
+        EXPECT_EQ(f.m_nFrameCount, 0);
+        EXPECT_EQ(f.m_strTrackerId, "T2");
+    }
+}
+
 TEST(MessagePacking, InconsistentScanFrameIsRefusedBothWays) {
     CMessage_ScanData a;
     auto frame = makeFrame(3, 2);
