@@ -121,7 +121,9 @@ emDeviceResult CPathfinder::init() {
     }
     try {
         platform::socketStartup();
-        m_bConnected.store(false);
+        // Normally false: the SDK's connection message sets it. A link that is already up
+        // (an earlier init that gave up before the devices came) sends no new message.
+        m_bConnected.store(m_pScanWrapper->isConnected());
         m_pScanWrapper->setCallBackMessage(
             std::bind(&CPathfinder::RecvMessageFn, this, std::placeholders::_1));
         m_pScanWrapper->setCloseWrapper(false);

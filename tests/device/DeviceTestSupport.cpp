@@ -38,11 +38,10 @@ private:
 
 }  // namespace
 
-FakeLowPart::FakeLowPart() {
+FakeLowPart::FakeLowPart(uint16_t port) {
     wire::Endpoint endpoint;
     endpoint.host = "127.0.0.1";
-    endpoint.port = 0;
-    uint16_t port = 0;
+    endpoint.port = port;
     m_listener = net::listenTcp(endpoint, 4, &port);
     const std::string text = "127.0.0.1:" + std::to_string(port);
     ::setenv(wire::kEndpointEnv, text.c_str(), 1);
@@ -339,6 +338,15 @@ device::emDeviceResult TestDevice::setHighFrameRate(int rate) {
 }
 
 // ---------------------------------------------------------------------------------------------
+
+uint16_t freePort() {
+    wire::Endpoint probe;
+    probe.port = 0;
+    uint16_t port = 0;
+    net::socket_t s = net::listenTcp(probe, 1, &port);
+    net::closeSocket(s);
+    return port;
+}
 
 std::string makeTempAnnex() {
     platform::setTimeScale(0.01);

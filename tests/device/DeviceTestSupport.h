@@ -20,13 +20,13 @@
 
 namespace devtest {
 
-// Listens on 127.0.0.1 at a free port and points LUMORA_ENDPOINT at it, so that a device
-// object created afterwards connects here. One client at a time.
+// Listens on 127.0.0.1 at `port` (0: a free one) and points LUMORA_ENDPOINT at it, so that a
+// device object created afterwards connects here. One client at a time.
 class FakeLowPart {
 public:
     using Responder = std::function<void(FakeLowPart& link, const sdk_link::Command& command)>;
 
-    FakeLowPart();
+    explicit FakeLowPart(uint16_t port = 0);
     ~FakeLowPart();
     FakeLowPart(const FakeLowPart&) = delete;
     FakeLowPart& operator=(const FakeLowPart&) = delete;
@@ -117,6 +117,9 @@ public:
 private:
     std::shared_ptr<Recorder> m_recorder;
 };
+
+// A loopback port that was free a moment ago.
+uint16_t freePort();
 
 // A fresh annex folder (empty, no companion programs) and the time scale 0.01.
 std::string makeTempAnnex();

@@ -9,6 +9,7 @@
 #include "DeviceTestSupport.h"
 #include "ModuleState.h"
 #include "platform/Platform.h"
+#include "sdk/Wire.h"
 
 namespace {
 
@@ -110,6 +111,30 @@ TEST_F(Linked, ClearAndInitReconnect) {
     EXPECT_EQ(device->init(), RESULT_SUCCESS);
     EXPECT_TRUE(device->isConnected());
     EXPECT_EQ(link->clientsAccepted(), 2);
+}
+
+TEST(LinkLifecycle, InitAfterAFailedInitFindsTheLinkUp) {
+    const std::string annex = devtest::makeTempAnnex();
+    const uint16_t port = devtest::freePort();
+    const std::string endpoint = "127.0.0.1:" + std::to_string(port);
+    ::setenv(SDK_NV::wire::kEndpointEnv, endpoint.c_str(), 1);
+    auto recorder = std::make_shared<devtest::Recorder>();
+    {
+        devtest::TestDevice device(recorder);
+        EXPECT_EQ(device.init(), RESULT_FAILED);  // nobody listens, no console to start
+        EXPECT_FALSE(device.hasInit());
+        FakeLowPart link(port);  // the devices come up late; the SDK keeps trying
+        ASSERT_TRUE(link.waitClient(kWaitMs));
+        for (int i = 0; i < kWaitMs / 5 && !device.isConnected(); ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        ASSERT_TRUE(device.isConnected());  // the connection message came before this init
+        EXPECT_EQ(device.init(), RESULT_SUCCESS);
+        EXPECT_TRUE(device.hasInit());
+        EXPECT_EQ(link.clientsAccepted(), 1);
+        device.clear();
+    }
+    std::filesystem::remove_all(annex);
 }
 
 TEST_F(Linked, LaserOnWaitsForTheVerdictAndRefusesASecondTrigger) {
