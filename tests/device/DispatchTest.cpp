@@ -280,24 +280,6 @@ TEST_F(Dispatch, TriggerTimeoutStateGives7AndOneLine) {
     EXPECT_EQ(device->lastCommandResult(), RESULT_TRIGGER_REJECTED);
 }
 
-TEST_F(Dispatch, ImageModeAnswerSetsTheAcknowledgement) {
-    detail::ModuleFlags& flags = detail::moduleFlags();
-    flags.grabAnswered.store(false);
-    deliverResponse(173, 0);
-    EXPECT_TRUE(flags.grabAnswered.exchange(false));
-    EXPECT_TRUE(flags.grabOk173.exchange(false));
-    EXPECT_EQ(device->lastCommandResult(), RESULT_SUCCESS);
-    deliverResponse(182, -1);
-    EXPECT_TRUE(flags.grabAnswered.exchange(false));
-    EXPECT_FALSE(flags.grabOk181.load());
-}
-
-TEST_F(Dispatch, GrabAnswerKeepsItsState) {
-    deliverResponse(179, 3);
-    EXPECT_EQ(device->grabResult(), 3);
-    EXPECT_TRUE(detail::moduleFlags().grabAnswered.exchange(false));
-}
-
 TEST_F(Dispatch, RejectionResponseSetsOnlyTheRejectFlag) {
     deliverResponse(1, 3);
     deliverResponse(154, -2);
