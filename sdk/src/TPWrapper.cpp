@@ -165,11 +165,11 @@ void CTPWrapper::Link::serve(net::socket_t s) {
         }
     }
 
+    connected.store(false);  // before the socket goes: nobody sees a closed link as up
     {
         std::lock_guard<std::mutex> lock(sendMutex);
         net::closeSocket(txSocket);
     }
-    connected.store(false);
     counters.disconnects++;
     traceLine("disconnected");
     deliverConnect(false);

@@ -308,11 +308,9 @@ TEST_F(ConsoleLink, ScriptedEventsReachTheSdk) {
 
     // A departing device is removed from the list, and comes back.
     ASSERT_TRUE(console.control("device TRK0001 off"));
-    ASSERT_TRUE(recorder.waitFor(
-        [&](const auto&) { return wrapper.getTPDeviceManager()->getTracker().empty(); }));
+    ASSERT_TRUE(eventually([&] { return wrapper.getTPDeviceManager()->getTracker().empty(); }));
     ASSERT_TRUE(console.control("device TRK0001 on"));
-    ASSERT_TRUE(recorder.waitFor(
-        [&](const auto&) { return wrapper.getTPDeviceManager()->getTracker().size() == 1; }));
+    ASSERT_TRUE(eventually([&] { return wrapper.getTPDeviceManager()->getTracker().size() == 1; }));
 }
 
 TEST_F(ConsoleLink, SurvivesAConsoleCrashAndRestart) {
@@ -340,7 +338,8 @@ TEST_F(ConsoleLink, SurvivesAConsoleCrashAndRestart) {
     ASSERT_GE(inner.waitIndex(0, isConnect(false)), 0);
     EXPECT_EQ(trackersSeenAtDisconnect.load(), 1);
     EXPECT_FALSE(wrapper.isConnected());
-    EXPECT_TRUE(wrapper.getTPDeviceManager()->getDeviceList().empty());
+    // ... and is emptied right after it.
+    EXPECT_TRUE(eventually([&] { return wrapper.getTPDeviceManager()->getDeviceList().empty(); }));
     EXPECT_FALSE(wrapper.setTrigger(true, {}));  // nothing to send to
 
     ConsoleProcess restarted;

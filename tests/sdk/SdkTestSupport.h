@@ -53,6 +53,19 @@ inline std::unique_ptr<SDK_NV::CMessage_Base> cloneMessage(const SDK_NV::CMessag
     }
 }
 
+// Polls `pred` until it holds; false after the timeout. For conditions that change without a
+// message being delivered (counters, the device list after a disconnection).
+inline bool eventually(const std::function<bool()>& pred, std::chrono::milliseconds timeout = 10s) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!pred()) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(1ms);
+    }
+    return true;
+}
+
 // Keeps a copy of every delivered message, in order.
 class Recorder {
 public:

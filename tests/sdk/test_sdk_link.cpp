@@ -153,7 +153,7 @@ TEST_F(Link, CommandsCarryTheirNamesAndArguments) {
         return x.name() == "setHeartBeatInterval" && x.args_size() == 1 && x.args(0).i() == 250;
     });
     EXPECT_NE(c, nullptr);
-    EXPECT_GE(wrapper.getLinkCounters().framesSent, 6u);
+    EXPECT_TRUE(eventually([&] { return wrapper.getLinkCounters().framesSent >= 6u; }));
 }
 
 TEST_F(Link, MessagesAreDeliveredOneAtATimeInOrder) {
@@ -248,7 +248,7 @@ TEST_F(Link, DeviceListFollowsDeviceMessagesAndTheLink) {
 
     peer.close();
     ASSERT_GE(recorder.waitIndex(1, isConnect(false)), 0);
-    ASSERT_TRUE(recorder.waitFor([&](const auto&) { return dm->getDeviceList().empty(); }));
+    ASSERT_TRUE(eventually([&] { return dm->getDeviceList().empty(); }));
 }
 
 TEST_F(Link, CloseStopsTheLinkUntilReopened) {
