@@ -13,6 +13,13 @@ void HashGrid::reset(double cell) {
     next_.clear();
 }
 
+void HashGrid::reserve(std::size_t n) {
+    while (keys_.size() < 2 * n + 2) {
+        grow();
+    }
+    next_.reserve(n);
+}
+
 std::size_t HashGrid::find(std::uint64_t key) const {
     const std::size_t mask = keys_.size() - 1;
     for (std::size_t s = hash(key) & mask;; s = (s + 1) & mask) {

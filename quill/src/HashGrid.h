@@ -17,6 +17,8 @@ public:
     explicit HashGrid(double cell = 1.0) { reset(cell); }
 
     void reset(double cell);
+    // Makes room for about n occupied cells without regrowing.
+    void reserve(std::size_t n);
     double cell() const { return cell_; }
     void insert(int id, const Eigen::Vector3d& p);
     void remove(int id, const Eigen::Vector3d& p);

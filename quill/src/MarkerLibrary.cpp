@@ -37,7 +37,7 @@ double MarkerLibrary::suggestLinkRadius(const std::vector<Eigen::Vector3d>& pts,
     std::vector<double> nn;
     nn.reserve(n);
     // Small sets only (a frame, or a sample of a large set): quadratic is fine.
-    const std::size_t step = n > 64 ? n / 64 : 1;
+    const std::size_t step = n > 32 ? n / 32 : 1;
     for (std::size_t i = 0; i < n; i += step) {
         double best = 1e300;
         for (std::size_t j = 0; j < n; ++j) {
@@ -88,6 +88,7 @@ void MarkerLibrary::reserve(int n) {
     nbrId_.reserve(un * kNeighbours);
     nbrDist_.reserve(un * kNeighbours);
     nbrCount_.reserve(un);
+    fine_.reserve(un);
 }
 
 int MarkerLibrary::add(const Eigen::Vector3d& p, const Eigen::Vector3d& n, bool hasN, double v,
@@ -208,23 +209,82 @@ void MarkerLibrary::linkAll() {
         reserveTriangles(fresh.size() * (kNeighbours * (kNeighbours - 1) / 2));
     const double r2 = linkRadius_ * linkRadius_;
     const double min2 = minSide_ * minSide_;
+    // A dense grid with cells of the linking radius over the batch's box, filled by counting
+    // sort, finds every marker's candidates with array lookups over contiguous memory. (Only
+    // when a huge, sparse box forces larger cells does the hash grid serve as well.)
+    Eigen::Vector3d lo = pos[static_cast<std::size_t>(fresh[0])], hi = lo;
+    for (int i : fresh) {
+        lo = lo.cwiseMin(pos[static_cast<std::size_t>(i)]);
+        hi = hi.cwiseMax(pos[static_cast<std::size_t>(i)]);
+    }
+    double cell = linkRadius_;
+    const double cellBudget = 8.0 * static_cast<double>(fresh.size()) + 4096.0;
+    for (;;) {
+        const Eigen::Vector3d dims = ((hi - lo) / cell).array().floor() + 1.0;
+        if (dims.prod() <= cellBudget)
+            break;
+        cell *= 1.5;
+    }
+    const double near2 = std::min(cell * cell, r2);
+    const int nx = static_cast<int>((hi.x() - lo.x()) / cell) + 1;
+    const int ny = static_cast<int>((hi.y() - lo.y()) / cell) + 1;
+    const int nz = static_cast<int>((hi.z() - lo.z()) / cell) + 1;
+    auto cellOf = [&](const Eigen::Vector3d& p, int& cx, int& cy, int& cz) {
+        cx = std::min(nx - 1, static_cast<int>((p.x() - lo.x()) / cell));
+        cy = std::min(ny - 1, static_cast<int>((p.y() - lo.y()) / cell));
+        cz = std::min(nz - 1, static_cast<int>((p.z() - lo.z()) / cell));
+    };
+    const std::size_t cells =
+        static_cast<std::size_t>(nx) * static_cast<std::size_t>(ny) * static_cast<std::size_t>(nz);
+    std::vector<int> start(cells + 1, 0);
+    std::vector<int> cellIdx(fresh.size());
+    for (std::size_t u = 0; u < fresh.size(); ++u) {
+        int cx, cy, cz;
+        cellOf(pos[static_cast<std::size_t>(fresh[u])], cx, cy, cz);
+        cellIdx[u] = (cz * ny + cy) * nx + cx;
+        ++start[static_cast<std::size_t>(cellIdx[u]) + 1];
+    }
+    for (std::size_t c = 0; c < cells; ++c)
+        start[c + 1] += start[c];
+    std::vector<int> sortedId(fresh.size());
+    std::vector<Eigen::Vector3d> sortedPos(fresh.size());
+    {
+        std::vector<int> fill(start.begin(), start.end() - 1);
+        for (std::size_t u = 0; u < fresh.size(); ++u) {
+            const auto at = static_cast<std::size_t>(fill[static_cast<std::size_t>(cellIdx[u])]++);
+            sortedId[at] = fresh[u];
+            sortedPos[at] = pos[static_cast<std::size_t>(fresh[u])];
+        }
+    }
     std::vector<std::pair<double, int>> cand;
     for (int i : fresh) {
         const Eigen::Vector3d p = pos[static_cast<std::size_t>(i)];
-        // Nearest markers usually lie well inside the linking radius: look there first and
-        // widen to the full radius only when that does not settle the list.
-        for (const double r : {0.6 * linkRadius_, linkRadius_}) {
-            const double rr = r * r;
+        cand.clear();
+        int cx, cy, cz;
+        cellOf(p, cx, cy, cz);
+        for (int z = std::max(0, cz - 1); z <= std::min(nz - 1, cz + 1); ++z) {
+            for (int y = std::max(0, cy - 1); y <= std::min(ny - 1, cy + 1); ++y) {
+                const int row = (z * ny + y) * nx;
+                const int c0 = row + std::max(0, cx - 1);
+                const int c1 = row + std::min(nx - 1, cx + 1);
+                for (int e = start[static_cast<std::size_t>(c0)];
+                     e < start[static_cast<std::size_t>(c1) + 1]; ++e) {
+                    const double d2 = (sortedPos[static_cast<std::size_t>(e)] - p).squaredNorm();
+                    if (d2 <= near2 && d2 >= min2 && sortedId[static_cast<std::size_t>(e)] != i) {
+                        cand.emplace_back(d2, sortedId[static_cast<std::size_t>(e)]);
+                    }
+                }
+            }
+        }
+        if (cand.size() < kNeighbours && near2 < r2) {
             cand.clear();
-            coarse_.forEachNear(p, r, [&](int y) {
+            coarse_.forEachNear(p, linkRadius_, [&](int y) {
                 if (y == i)
                     return;
                 const double d2 = (pos[static_cast<std::size_t>(y)] - p).squaredNorm();
-                if (d2 <= rr && d2 <= r2 && d2 >= min2)
+                if (d2 <= r2 && d2 >= min2)
                     cand.emplace_back(d2, y);
             });
-            if (cand.size() >= kNeighbours)
-                break;
         }
         const std::size_t k = nearestFirst(cand);
         const std::size_t base = static_cast<std::size_t>(i) * kNeighbours;

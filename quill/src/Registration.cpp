@@ -450,7 +450,9 @@ bool prepareMoving(const mark_data* marks, int count, double sameDist, MovingSet
     }
     out.callerCount = count;
     const double same2 = sameDist * sameDist;
-    HashGrid grid(sameDist > 0.0 ? sameDist : 1.0);
+    // Cells twice the search radius: a query meets at most two cells per axis.
+    HashGrid grid(sameDist > 0.0 ? 2.0 * sameDist : 1.0);
+    grid.reserve(static_cast<std::size_t>(count));
     for (int i = 0; i < count; ++i) {
         const mark_data& m = marks[i];
         const Eigen::Vector3d p(m.x, m.y, m.z);
