@@ -446,15 +446,20 @@ void Console::sendWorkResponse(int code, int state, const std::string& text) {
     sendMessage(r, nullptr);
 }
 
-void Console::respond(const std::string& command, int code, int state) {
+int Console::answerState(const std::string& command, int state) {
     auto it = m_overrides.find(command);
-    if (it != m_overrides.end()) {
-        state = it->second.state;
-        if (it->second.remaining > 0 && --it->second.remaining == 0) {
-            m_overrides.erase(it);
-        }
+    if (it == m_overrides.end()) {
+        return state;
     }
-    sendWorkResponse(code, state, command);
+    state = it->second.state;
+    if (it->second.remaining > 0 && --it->second.remaining == 0) {
+        m_overrides.erase(it);
+    }
+    return state;
+}
+
+void Console::respond(const std::string& command, int code, int state) {
+    sendWorkResponse(code, answerState(command, state), command);
 }
 
 bool Console::sendReceipt(int kind) {
@@ -649,7 +654,6 @@ void Console::setTriggered(bool on, const std::vector<std::string>& ids) {
     if (!on) {
         return;
     }
-    m_triggerIds = ids;
     m_scan.frameCount = 0;
     m_scan.trackerId = m_options.trackerId;
     for (const std::string& id : ids) {
@@ -679,13 +683,7 @@ void Console::handleCommand(const sdk_link::Command& c) {
                 }
             }
         }
-        auto it = m_overrides.find(name);
-        if (it != m_overrides.end()) {
-            state = it->second.state;
-            if (it->second.remaining > 0 && --it->second.remaining == 0) {
-                m_overrides.erase(it);
-            }
-        }
+        state = answerState(name, state);
         // Only a successful trigger starts the laser; off always stops it.
         setTriggered(on && state == 0, ids);
         sendWorkResponse(on ? 1 : 2, state, name);
@@ -962,7 +960,7 @@ bool Console::control(const std::string& line, std::string& error) {
         dropClient("control line");
         return true;
     }
-    if (verb == "say" && w.size() >= 1) {
+    if (verb == "say") {
         say(line.size() > 4 ? line.substr(4) : "");
         return true;
     }

@@ -111,6 +111,8 @@ private:
     void announce();
     void announceDevice(const Device& d, bool online);
     void handleCommand(const sdk_link::Command& command);
+    // The state to answer `command` with: a scripted one (see `answer`) or `state`.
+    int answerState(const std::string& command, int state);
     void respond(const std::string& command, int code, int state);
     void sendWorkResponse(int code, int state, const std::string& text);
     bool sendReceipt(int kind);
@@ -147,7 +149,6 @@ private:
     std::map<std::string, std::vector<double>> m_transforms;  // tracker id -> 16 doubles
 
     bool m_triggered = false;
-    std::vector<std::string> m_triggerIds;
     ScanState m_scan;
     int m_frameId = 0;
     int m_calibMode = -1;
