@@ -148,7 +148,7 @@ int MyRealTimeMarkMatch_class::MarkRegistration_loop(mark_data* marks, int count
             g.status = kMatchOk;
             g.matchN = room;
             g.flags = st.flags;
-            return room;
+            return 1;
         }
 
         detail::RegistrationOptions opt;
@@ -226,7 +226,7 @@ int MyRealTimeMarkMatch_class::MarkRegistration_loop(mark_data* marks, int count
         }
         st.transform = g.transform;
         st.matchN = r.matched;
-        return r.matched;
+        return 1;
     } catch (const std::bad_alloc&) {
         g.status = kMatchNoMemory;
         st.clearResult(count);

@@ -95,7 +95,7 @@ TEST(RealTimeLibrary, FirstFrameSeedsTheLibraryInItsOwnFrame) {
     Library lib;
     const sim::Frame f = gen.randomFrame(walkOpts());
     const int n = static_cast<int>(f.markers.size());
-    EXPECT_EQ(lib.add(f, 77), n);
+    EXPECT_EQ(lib.add(f, 77), 1);
     EXPECT_EQ(lib.size(), n);
     EXPECT_EQ(lib.rt.get_final_match_n(), n);
     EXPECT_TRUE(lib.rt.get_final_transform().isIdentity());
@@ -114,8 +114,8 @@ TEST(RealTimeLibrary, GrowsAlongAWalkAndTracksEveryFrame) {
     Library lib;
     int previous = 0;
     for (std::size_t k = 0; k < frames.size(); ++k) {
-        const int r = lib.add(frames[k], static_cast<int>(k));
-        ASSERT_GE(r, 5) << "frame " << k;
+        ASSERT_EQ(lib.add(frames[k], static_cast<int>(k)), 1) << "frame " << k;
+        ASSERT_GE(lib.rt.get_final_match_n(), 5) << "frame " << k;
         const Eigen::Matrix4d T = lib.rt.get_final_transform();
         // The library grows from noisy frames, so it drifts a little along the walk; a wrong
         // registration would be off by a marker spacing.
@@ -212,7 +212,8 @@ TEST(RealTimeLibrary, RegistersAgainstAnInstalledGlobalMarkerSet) {
     EXPECT_EQ(lib.size(), scene.size());
     for (int k = 0; k < 20; ++k) {
         const sim::Frame f = gen.randomFrame(walkOpts());
-        ASSERT_GE(lib.add(f), 5);
+        ASSERT_EQ(lib.add(f), 1);
+        EXPECT_GE(lib.rt.get_final_match_n(), 5);
         EXPECT_LT(transformError(lib.rt.get_final_transform(), f), 0.3);
         EXPECT_EQ(wrongFlags(lib.rt.get_final_match_flag(), f), 0);
     }
@@ -263,8 +264,10 @@ TEST(RealTimeLibrary, TemporaryMarkersWaitForASecondSighting) {
         lib.rt.set_if_only_match_from_glomark(1);
         EXPECT_GT(lib.add(a), 0);
         std::vector<int> counts;
-        for (int k = 0; k < 3; ++k)
-            counts.push_back(lib.add(b));
+        for (int k = 0; k < 3; ++k) {
+            EXPECT_EQ(lib.add(b), 1);
+            counts.push_back(lib.rt.get_final_match_n());
+        }
         return counts;
     };
     const auto direct = matchesOfRepeatedB(false);

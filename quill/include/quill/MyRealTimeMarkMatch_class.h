@@ -49,10 +49,10 @@ public:
     void set_if_only_match_from_glomark(int on);
     void set_if_use_temporary_library(int on);
 
-    // Registers one frame. Returns the number of frame markers matched to library markers
-    // (for the seeding frame: the number of markers it put in the library); 0 when the frame
-    // could not be registered (nothing changes); -1 on invalid arguments or before init_all.
-    // `frameValue` is stored with the frame.
+    // Registers one frame. Returns 1 when the frame was registered (or seeded the library),
+    // 0 when it could not be registered (nothing changes), -1 on invalid arguments or before
+    // init_all. get_final_match_n() tells how many frame markers matched library markers (for
+    // the seeding frame: how many it put in the library). `frameValue` is stored with the frame.
     int MarkRegistration_loop(mark_data* marks, int count, int frameValue);
 
     // Results of the last MarkRegistration_loop.
