@@ -821,10 +821,12 @@ bool splitScanBody(const char* data, size_t size, tagScanData& frame, std::strin
                     if (len % sizeof(float) != 0) {
                         return false;
                     }
-                    const size_t old = target->size();
-                    target->resize(old + len / sizeof(float));
-                    std::memcpy(target->data() + old, p, len);
-                    p += len;
+                    if (len > 0) {
+                        const size_t old = target->size();
+                        target->resize(old + len / sizeof(float));
+                        std::memcpy(target->data() + old, p, len);
+                        p += len;
+                    }
                     continue;  // not part of `rest`
                 }
                 p += len;

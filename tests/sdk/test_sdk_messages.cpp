@@ -261,6 +261,21 @@ TEST(MessagePacking, ScanBodyIsStandardProtocolBuffersBothWays) {
               (std::vector<float>{0, 0.25f, 0.5f, 0.75f, 1.0f, 1.25f}));
 }
 
+TEST(MessagePacking, EmptyPackedLaserFieldIsAccepted) {
+    // A writer may emit a packed field of length zero; it means no values.
+    CMessage_ScanData a;
+    a.setScanData(std::make_shared<tagScanData>());
+    std::vector<char> body;
+    ASSERT_GT(a.pack(&body), 0);
+    std::string bytes(body.begin(), body.end());
+    bytes += std::string("\x52\x00", 2);  // field 10 (laser points), length 0
+    CMessage_ScanData b;
+    ASSERT_EQ(b.unpack(bytes.data(), static_cast<int>(bytes.size())), 0);
+    EXPECT_TRUE(b.getScanData()->m_vecLaserPoints.empty());
+    bytes += std::string("\x52\x03\x01\x02\x03", 5);  // not a whole float
+    EXPECT_EQ(b.unpack(bytes.data(), static_cast<int>(bytes.size())), -1);
+}
+
 TEST(MessagePacking, ReusedFrameBuffersCarryNothingOver) {
     // A rich frame, released, then a sparse one: the second must not inherit anything.
     std::vector<char> rich, sparse;
