@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
+#include <thread>
 
 #include "TrackingFixtures.h"
 
@@ -216,6 +218,40 @@ TEST_F(Library, WithNothingRegisteredTheOptimisationFails) {
     device::tagRefMarkpointData out;
     tracker.clearLibrary();
     EXPECT_FALSE(tracker.getResultData(out));
+}
+
+TEST_F(Library, FrameAdditionAndHostCommandsMayOverlap) {
+    // The scan-frame thread adds frames while a host thread fetches results and clears the
+    // library, as the device does during a real-time model build.
+    std::vector<SDK_NV::tagScanData> frames;
+    for (int k = 0; k < 4; ++k) {
+        frames.push_back(view(nearest(2 * k, 2 * k + 11), static_cast<std::uint64_t>(k + 1)));
+    }
+    std::atomic<bool> stop{false};
+    std::atomic<int> badResults{0};
+    std::thread scan([&] {
+        device::tagRefMarkpointData out;
+        double rtScan[4][3];
+        for (int n = 0; n < 400; ++n) {
+            const int r = tracker.addOneFrameToLibrary(frames[n % 4], out, rtScan, true);
+            if (r == 0 || r > 12 || r < -1) {
+                ++badResults;
+            }
+            if (r > 0 && out.positions.size() != 3 * out.labels.size()) {
+                ++badResults;
+            }
+        }
+        stop = true;
+    });
+    while (!stop) {
+        device::tagRefMarkpointData out;
+        if (tracker.getResultData(out)) {
+            EXPECT_EQ(out.positions.size(), 3 * out.labels.size());
+        }
+        tracker.clearLibrary();
+    }
+    scan.join();
+    EXPECT_EQ(badResults, 0);
 }
 
 // Frames A, B, C in a row: B brings 8 markers the library does not know; C sees only 6 of
