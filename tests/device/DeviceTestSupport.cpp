@@ -348,8 +348,17 @@ uint16_t freePort() {
     return port;
 }
 
-std::string makeTempAnnex() {
+void useTestTimeScale() {
+    std::string value;
+    if (platform::getEnvironment(platform::kTimeScaleEnv, value)) {
+        return;  // the caller chose one (slow builds such as sanitizer runs)
+    }
+    ::setenv(platform::kTimeScaleEnv, "0.01", 1);  // for the consoles the tests start too
     platform::setTimeScale(0.01);
+}
+
+std::string makeTempAnnex() {
+    useTestTimeScale();
     const char* tmp = std::getenv("TMPDIR");
     std::string pattern =
         std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/pathfinder_device_XXXXXX";

@@ -121,7 +121,11 @@ private:
 // A loopback port that was free a moment ago.
 uint16_t freePort();
 
-// A fresh annex folder (empty, no companion programs) and the time scale 0.01.
+// The time scale 0.01 for this process and the programs it starts, unless
+// PATHFINDER_TIME_SCALE is set already.
+void useTestTimeScale();
+
+// A fresh annex folder (empty, no companion programs) and the test time scale.
 std::string makeTempAnnex();
 
 // Response receipt with a code and a state.
