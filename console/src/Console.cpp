@@ -1,6 +1,4 @@
-// The console's event loop, command handling and control lines.
-#include "console/Console.h"
-
+// The console's event loop, the link to the SDK and the handling of its commands.
 #include <poll.h>
 #include <unistd.h>
 
@@ -11,6 +9,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "Internal.h"
+#include "console/Console.h"
 #include "platform/Platform.h"
 #include "sdk_link.pb.h"
 
@@ -18,17 +18,12 @@ namespace console {
 
 using namespace SDK_NV;
 
-namespace {
-
-constexpr int kSendTimeoutMs = 10000;
-
 void say(const std::string& text) {
     const std::string line = "[lumora_console] " + text + "\n";
     std::fwrite(line.data(), 1, line.size(), stdout);
     std::fflush(stdout);
 }
 
-// Response codes of the work responses, per command (sdk/PROTOCOL.md, "Commands").
 const std::map<std::string, int>& responseCodes() {
     static const std::map<std::string, int> codes = {
         {"setWorkBusiness", 3},
@@ -73,6 +68,28 @@ const std::map<std::string, int>& responseCodes() {
     return codes;
 }
 
+const QueryAnswer* findQuery(const std::string& command) {
+    static const std::map<std::string, QueryAnswer> queries = {
+        {"getLowPartConfigs", {RECEIPT_LOWPART_CONFIG, {}}},
+        {"getPripladDevices", {RECEIPT_PRIPLAD_LIST, {}}},
+        {"getDiagnosisInfo", {RECEIPT_DIAGNOSIS, {}}},
+        {"getRemainingRGF", {RECEIPT_REMAINING_RGF, {}}},
+        {"getWIFIConnectInfo", {RECEIPT_WIFI_CONNECT, {}}},
+        {"getWIFISignalStrength", {RECEIPT_WIFI_SIGNAL, {}}},
+        {"getHeartBeat", {RECEIPT_HEARTBEAT, {}}},
+        {"getLowpartVersion", {RECEIPT_LOWPART_VERSION, {}}},
+        {"getCalibraResult", {RECEIPT_CALIB_RESULT, {}}},
+        {"getCalibLocationStep", {-1, {CALIB_STEP_LOCATION}}},
+        {"getCalibBoardSize", {-1, {CALIB_STEP_BOARD_LATTICE, CALIB_STEP_SCANNER_BOARD}}},
+    };
+    const auto it = queries.find(command);
+    return it == queries.end() ? nullptr : &it->second;
+}
+
+namespace {
+
+constexpr int kSendTimeoutMs = 10000;
+
 // Argument access with defaults: a missing or differently typed argument gives the default.
 int64_t argInt(const sdk_link::Command& c, int i, int64_t def = 0) {
     if (i >= c.args_size()) {
@@ -115,24 +132,71 @@ const std::string& argRaw(const sdk_link::Command& c, int i) {
     return i < c.args_size() && c.args(i).has_raw() ? c.args(i).raw() : empty;
 }
 
-std::vector<std::string> splitWords(const std::string& line) {
-    std::istringstream in(line);
-    std::vector<std::string> words;
-    std::string w;
-    while (in >> w) {
-        words.push_back(w);
+// A command as one readable line for the command log: its name and arguments in order.
+std::string describeCommand(const sdk_link::Command& c) {
+    std::ostringstream out;
+    out.precision(9);
+    out << c.name();
+    const auto list = [&out](const auto& values) {
+        if (values.size() > 32) {
+            out << "(" << values.size() << " values)";
+            return;
+        }
+        out << "[";
+        for (int i = 0; i < values.size(); ++i) {
+            out << (i > 0 ? "," : "") << values.Get(i);
+        }
+        out << "]";
+    };
+    for (const sdk_link::Arg& a : c.args()) {
+        out << " ";
+        switch (a.value_case()) {
+            case sdk_link::Arg::kI:
+                out << a.i();
+                break;
+            case sdk_link::Arg::kD:
+                out << a.d();
+                break;
+            case sdk_link::Arg::kB:
+                out << (a.b() ? "true" : "false");
+                break;
+            case sdk_link::Arg::kS: {
+                out << '"';
+                for (char ch : a.s()) {
+                    if (ch == '"' || ch == '\\') {
+                        out << '\\';
+                    }
+                    out << ch;
+                }
+                out << '"';
+                break;
+            }
+            case sdk_link::Arg::kRaw:
+                out << "raw(" << a.raw().size() << ")";
+                break;
+            case sdk_link::Arg::kStrings: {
+                out << "[";
+                for (int i = 0; i < a.strings().values_size(); ++i) {
+                    out << (i > 0 ? "," : "") << a.strings().values(i);
+                }
+                out << "]";
+                break;
+            }
+            case sdk_link::Arg::kFloats:
+                list(a.floats().values());
+                break;
+            case sdk_link::Arg::kInts:
+                list(a.ints().values());
+                break;
+            case sdk_link::Arg::kDoubles:
+                list(a.doubles().values());
+                break;
+            default:
+                out << "-";
+                break;
+        }
     }
-    return words;
-}
-
-bool toInt(const std::string& s, int& out) {
-    char* end = nullptr;
-    const long v = std::strtol(s.c_str(), &end, 10);
-    if (s.empty() || *end != '\0' || v < -2147483647L || v > 2147483647L) {
-        return false;
-    }
-    out = static_cast<int>(v);
-    return true;
+    return out.str();
 }
 
 }  // namespace
@@ -146,8 +210,14 @@ Console::Console(const ConsoleOptions& options)
       m_source(std::make_unique<FrameSource>(options)),
       m_rng(options.seed),
       m_decoder(std::make_unique<wire::FrameDecoder>()) {
-    m_devices = {{options.trackerId, DEVICE_TRACKER, true},
-                 {options.scannerId, DEVICE_SCANNER, true}};
+    Device tracker;
+    tracker.id = options.trackerId;
+    tracker.type = DEVICE_TRACKER;
+    tracker.model = options.trackerModel;
+    Device scanner;
+    scanner.id = options.scannerId;
+    scanner.type = DEVICE_SCANNER;
+    m_devices = {tracker, scanner};
     for (int i = 1; i <= 2; ++i) {
         tagPripladDeviceData p;
         p.strName = "air" + std::to_string(i);
@@ -176,11 +246,27 @@ Console::Console(const ConsoleOptions& options)
             say("cannot read script " + options.scriptPath);
         }
     }
+    if (!options.commandLogPath.empty()) {
+        m_commandLog = std::fopen(options.commandLogPath.c_str(), "a");
+        if (m_commandLog == nullptr) {
+            say("cannot open the command log " + options.commandLogPath);
+        }
+    }
+    for (const std::string& line : options.setupLines) {
+        std::string error;
+        if (!control(line, error)) {
+            say("setup: " + error);
+            m_setupOk = false;
+        }
+    }
 }
 
 Console::~Console() {
     net::closeSocket(m_client);
     net::closeSocket(m_listener);
+    if (m_commandLog != nullptr) {
+        std::fclose(m_commandLog);
+    }
 }
 
 bool Console::start() {
@@ -194,15 +280,37 @@ bool Console::start() {
     return true;
 }
 
+void Console::reopenListener() {
+    wire::Endpoint ep = m_options.endpoint;
+    ep.port = m_port;
+    m_listener = net::listenTcp(ep, 4, nullptr);
+    if (m_listener == net::kInvalidSocket) {
+        m_relistenAtMs = nowMs() + 50;  // the port is still held: try again shortly
+        return;
+    }
+    m_relistenAtMs = -1;
+    say("listening again on " + ep.host + ":" + std::to_string(m_port));
+}
+
 int64_t Console::nowMs() const {
     return std::chrono::duration_cast<std::chrono::milliseconds>(
                std::chrono::steady_clock::now().time_since_epoch())
         .count();
 }
 
+int Console::heartbeatPeriodMs() const {
+    if (m_heartbeatControlMs >= 0) {
+        return m_heartbeatControlMs;  // a control line outranks the SDK's request
+    }
+    return m_heartbeatOverrideMs > 0 ? m_heartbeatOverrideMs : m_options.heartbeatMs;
+}
+
 int Console::pollTimeoutMs() const {
     const int64_t now = nowMs();
     int64_t next = now + 200;
+    if (m_relistenAtMs >= 0) {
+        next = std::min(next, m_relistenAtMs);
+    }
     if (m_client != net::kInvalidSocket) {
         next = std::min(next, m_nextHeartbeatMs);
         if (m_triggered) {
@@ -219,24 +327,23 @@ int Console::run() {
     while (!m_quit.load()) {
         pollfd fds[3];
         int n = 0;
-        fds[n++] = {m_listener, POLLIN, 0};
-        const int clientIndex = m_client != net::kInvalidSocket ? n : -1;
-        if (clientIndex >= 0) {
-            fds[n++] = {m_client, POLLIN, 0};
-        }
+        // Standard input is looked at before the client: a control line written before the
+        // SDK sends a command is in the pipe when that command arrives, so it is executed
+        // first (a test can script an answer and then send the command without racing).
         const int stdinIndex = m_options.readStdin && m_stdinOpen ? n : -1;
         if (stdinIndex >= 0) {
             fds[n++] = {STDIN_FILENO, POLLIN, 0};
         }
+        const int listenIndex = m_listener != net::kInvalidSocket ? n : -1;
+        if (listenIndex >= 0) {
+            fds[n++] = {m_listener, POLLIN, 0};
+        }
+        const int clientIndex = m_client != net::kInvalidSocket ? n : -1;
+        if (clientIndex >= 0) {
+            fds[n++] = {m_client, POLLIN, 0};
+        }
         const int rc = ::poll(fds, static_cast<nfds_t>(n), pollTimeoutMs());
         if (rc > 0) {
-            if (fds[0].revents & POLLIN) {
-                acceptClient();
-            }
-            if (clientIndex >= 0 && m_client != net::kInvalidSocket &&
-                (fds[clientIndex].revents & (POLLIN | POLLHUP | POLLERR))) {
-                readClient();
-            }
             if (stdinIndex >= 0 && (fds[stdinIndex].revents & (POLLIN | POLLHUP))) {
                 char buf[4096];
                 const ssize_t k = ::read(STDIN_FILENO, buf, sizeof(buf));
@@ -255,6 +362,17 @@ int Console::run() {
                     }
                 }
             }
+            if (listenIndex >= 0 && m_listener != net::kInvalidSocket &&
+                (fds[listenIndex].revents & POLLIN)) {
+                acceptClient();
+            }
+            if (clientIndex >= 0 && m_client != net::kInvalidSocket &&
+                (fds[clientIndex].revents & (POLLIN | POLLHUP | POLLERR))) {
+                readClient();
+            }
+        }
+        if (m_listener == net::kInvalidSocket && m_relistenAtMs >= 0 && nowMs() >= m_relistenAtMs) {
+            reopenListener();
         }
         runTimers();
     }
@@ -268,12 +386,15 @@ void Console::runTimers() {
     }
     runScript();
     const int64_t now = nowMs();
-    if (now >= m_nextHeartbeatMs) {
-        sendHeartbeat();
-        const int period =
-            m_heartbeatOverrideMs > 0 ? m_heartbeatOverrideMs : m_options.heartbeatMs;
-        m_nextHeartbeatMs =
-            now + std::max<int64_t>(1, std::llround(period * platform::timeScale()));
+    if (m_client != net::kInvalidSocket && now >= m_nextHeartbeatMs) {
+        const int period = heartbeatPeriodMs();
+        if (period > 0) {
+            sendHeartbeat();
+            m_nextHeartbeatMs =
+                now + std::max<int64_t>(1, std::llround(period * platform::timeScale()));
+        } else {
+            m_nextHeartbeatMs = INT64_MAX;
+        }
     }
     if (m_triggered && m_client != net::kInvalidSocket && now >= m_nextFrameMs) {
         sendScanFrame();
@@ -290,16 +411,18 @@ void Console::runTimers() {
 }
 
 void Console::runScript() {
-    while (m_scriptStarted && !m_script.empty() && nowMs() >= m_scriptResumeMs) {
+    while (m_scriptStarted && !m_script.empty() && nowMs() >= m_scriptResumeMs &&
+           m_client != net::kInvalidSocket) {
         const std::string line = m_script.front();
         m_script.pop_front();
-        std::vector<std::string> w = splitWords(line);
+        std::vector<std::string> w;
+        std::string error;
         int ms = 0;
-        if (w.size() == 2 && w[0] == "wait" && toInt(w[1], ms)) {
+        if (splitControlLine(line, w, error) && w.size() == 2 && w[0] == "wait" &&
+            parseInt(w[1], ms)) {
             m_scriptResumeMs = nowMs() + std::llround(std::max(0, ms) * platform::timeScale());
             continue;
         }
-        std::string error;
         if (!control(line, error)) {
             say("script: " + error);
         }
@@ -326,7 +449,9 @@ void Console::acceptClient() {
     m_heartbeatOverrideMs = 0;
     say("client connected");
     announce();
-    m_nextHeartbeatMs = nowMs() + std::llround(m_options.heartbeatMs * platform::timeScale());
+    const int period = heartbeatPeriodMs();
+    m_nextHeartbeatMs =
+        period > 0 ? nowMs() + std::llround(period * platform::timeScale()) : INT64_MAX;
     if (!m_scriptStarted && !m_script.empty()) {
         m_scriptStarted = true;
         m_scriptResumeMs = nowMs();
@@ -379,8 +504,12 @@ void Console::onFrame(const wire::Frame& frame) {
         return;
     }
     ++m_commandsHandled;
-    if (m_options.verbose) {
-        say("command " + command.name());
+    if (m_options.verbose || m_commandLog != nullptr) {
+        const std::string text = describeCommand(command);
+        if (m_options.verbose) {
+            say("command " + text);
+        }
+        logCommand(text);
     }
     handleCommand(command);
 }
@@ -416,10 +545,14 @@ void Console::announceDevice(const Device& d, bool online) {
     if (online) {
         lumora::DeviceInfo info;
         info.set_id(d.id);
-        info.set_dtype(d.type == DEVICE_TRACKER ? lumora::TRACKER : lumora::SCANNER);
-        info.add_errcodes(lumora::SUCCESS_ERR);
-        info.set_fireware_version(m_options.lowpartVersion);
-        info.set_trackertype(d.type == DEVICE_TRACKER ? m_options.trackerModel : 0);
+        // Light pens and air devices travel with their own kinds beyond the schema's two
+        // names (an open enumeration).
+        info.set_dtype(static_cast<lumora::DeviceType>(d.type));
+        for (int code : d.errors) {
+            info.add_errcodes(static_cast<lumora::LUMORA_STATE>(code));
+        }
+        info.set_fireware_version(d.version.empty() ? m_options.lowpartVersion : d.version);
+        info.set_trackertype(d.model);
         info.set_scanperiod(m_options.fps > 0 ? static_cast<int>(1000 / m_options.fps) : 0);
         info.set_deviceip("127.0.0.1");
         info.add_camsn(d.id + "-L");
@@ -446,183 +579,23 @@ void Console::sendWorkResponse(int code, int state, const std::string& text) {
     sendMessage(r, nullptr);
 }
 
-int Console::answerState(const std::string& command, int state) {
+std::optional<Console::Override> Console::takeOverride(const std::string& command) {
     auto it = m_overrides.find(command);
     if (it == m_overrides.end()) {
-        return state;
+        return std::nullopt;
     }
-    state = it->second.state;
+    Override taken = it->second;
     if (it->second.remaining > 0 && --it->second.remaining == 0) {
         m_overrides.erase(it);
     }
-    return state;
+    return taken;
 }
 
-void Console::respond(const std::string& command, int code, int state) {
-    sendWorkResponse(code, answerState(command, state), command);
-}
-
-bool Console::sendReceipt(int kind) {
-    CMessage_Receipt r;
-    r.setReceiptKind(kind);
-    switch (kind) {
-        case RECEIPT_WORK_RESPONSE:
-            r.setWorkResponsInfo({0, 0, "", m_options.scannerId});
-            break;
-        case RECEIPT_TRACK_RANGE:
-            r.setTrackRangeLevel(m_trackRange);
-            break;
-        case RECEIPT_HEARTBEAT:
-            sendHeartbeat();
-            return true;
-        case RECEIPT_BAR_STATE:
-            r.setTrackerBarState(1);
-            break;
-        case RECEIPT_CAMERA_IMAGES: {
-            tagCameraImageList images;
-            images.nFrameIndex = m_frameId;
-            for (int cam = 0; cam < 2; ++cam) {
-                images.vecImages.push_back(
-                    {m_options.scannerId + (cam == 0 ? "-L" : "-R"), 64, 48, cam, {}});
-            }
-            r.setCameraImages(images);
-            break;
-        }
-        case RECEIPT_DIAGNOSIS: {
-            lumora::DiagnosticInfo d;
-            d.set_strbarid(m_options.trackerId);
-            d.set_bdevicesyncstatus(true);
-            lumora::ScannerDiagnosticInfo* s = d.add_scannerdiagnosticinfo();
-            s->set_strdeviceid(m_options.scannerId);
-            s->set_strfirmwareversion(m_options.lowpartVersion);
-            s->set_ddevicetemp(35.0);
-            s->set_biscamtrigger(true);
-            lumora::TrackerDiagnosticInfo* t = d.add_trackerdiagnosticinfo();
-            t->set_strdeviceid(m_options.trackerId);
-            t->set_strfirmwareversion(m_options.lowpartVersion);
-            t->set_ddevicetemp(31.0);
-            r.setDiagnosisInfo(d);
-            break;
-        }
-        case RECEIPT_LOWPART_CONFIG:
-            r.setLowPartConfig(m_lowPart);
-            break;
-        case RECEIPT_PRIPLAD_LIST:
-            r.setPripladDevices(m_priplad);
-            break;
-        case RECEIPT_WIFI_SIGNAL:
-            r.setWIFISignalStrength({m_options.scannerId, 80, -45, 6, 1});
-            break;
-        case RECEIPT_REMAINING_RGF: {
-            tagRemainingRGFs rgf;
-            rgf.vecRGF = {{120, "laser hours", 0}, {3, "calibrations", 0}};
-            r.setRemainingRGF(rgf);
-            break;
-        }
-        case RECEIPT_LOWPART_VERSION:
-            r.setFirmwareVersion(m_options.lowpartVersion);
-            break;
-        case RECEIPT_CALIB_FILE:
-            r.setCalibFileName(m_options.scannerId + ".clb");
-            break;
-        case RECEIPT_FAR_LASER_CALIB:
-            r.setFarLaserCalibResult(FAR_LASER_CALIB_SUCCESS);
-            break;
-        case RECEIPT_SCANNER_DISTANCE:
-            r.setScannerDistance({250.0, 400.0, 550.0});
-            break;
-        case RECEIPT_FIRMWARE_CHECK: {
-            lumora::FirmwareVersionCheck c;
-            c.set_devicesn(m_options.scannerId);
-            c.set_currenversion(m_options.lowpartVersion);
-            c.set_minimumversion("1.0.0");
-            r.setFirmwareVersionCheck(c);
-            break;
-        }
-        case RECEIPT_CALIB_RESULT:
-            r.setCalibraResult(0.021);
-            break;
-        case RECEIPT_VIEW_POINTS:
-            r.setViewPoints({0, 0, 1500, 0, 0, 3500});
-            break;
-        case RECEIPT_WIFI_CONNECT:
-            r.setWIFIConnectInfo({DEVICE_SCANNER, 1, m_options.scannerId, "wpa_state=COMPLETED"});
-            break;
-        default:
-            if (kind < 0 || kind > RECEIPT_KIND_MAX) {
-                return false;
-            }
-            break;  // reserved kinds go out empty
+void Console::logCommand(const std::string& text) {
+    if (m_commandLog != nullptr) {
+        std::fputs((text + "\n").c_str(), m_commandLog);
+        std::fflush(m_commandLog);
     }
-    return sendMessage(r, nullptr);
-}
-
-bool Console::sendCalib(int step) {
-    CMessage_CalibData c;
-    c.setTrackerGrabIndex(step);
-    switch (step) {
-        case CALIB_STEP_LOCATION:
-            c.setLocationNumber(m_calibLocation);
-            break;
-        case CALIB_STEP_BOARD_LATTICE:
-            c.setBoardLattice(9, 11);
-            break;
-        case CALIB_STEP_SCANNER_BOARD:
-            c.setScannerBoard({9, 11, 20.0, 20.0, 3.0});
-            break;
-        case CALIB_STEP_TRACKER_POSE:
-        case CALIB_STEP_TRACKER_POSE_LONG: {
-            const double rot[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
-            const double tr[3] = {0, 0, 2000.0 + 100 * m_calibLocation};
-            c.setTrackerPose(rot, tr, CLBBAR_LEVEL_POSE);
-            break;
-        }
-        case CALIB_STEP_SCANNER_CALIB: {
-            tagCalibData d;
-            d.nResult = 0;
-            d.nRows = 9;
-            d.nCols = 11;
-            for (tagCalibCamera& cam : d.camera) {
-                cam.dMatrix[0][0] = cam.dMatrix[1][1] = cam.dMatrix[2][2] = 1;
-            }
-            d.vecLattice.assign(99, 1);
-            c.setScannerCalib(d);
-            break;
-        }
-        default:
-            if (step < 0) {
-                return false;
-            }
-            break;
-    }
-    return sendMessage(c, nullptr);
-}
-
-void Console::sendHeartbeat() {
-    std::normal_distribution<float> drift(0.0f, 0.05f);
-    std::vector<tagHeartData> beats;
-    for (const Device& d : m_devices) {
-        if (!d.online) {
-            continue;
-        }
-        const float base = d.type == DEVICE_TRACKER ? 31.0f : 35.0f;
-        beats.push_back({d.type,
-                         d.id,
-                         {static_cast<int32_t>(m_options.fps), 0},
-                         {base + drift(m_rng), base - 1 + drift(m_rng), base + 1 + drift(m_rng)}});
-    }
-    CMessage_Receipt r;
-    r.setReceiptKind(RECEIPT_HEARTBEAT);
-    r.setHeartData(beats);
-    sendMessage(r, nullptr);
-}
-
-void Console::sendButton(int code, int action) {
-    CMessage_Button b;
-    b.setButtonCode(code);
-    b.setButtonAction(action);
-    std::vector<std::string> ids{m_options.scannerId};
-    sendMessage(b, &ids);
 }
 
 void Console::sendScanFrame() {
@@ -666,8 +639,39 @@ void Console::setTriggered(bool on, const std::vector<std::string>& ids) {
     m_nextFrameMs = nowMs() + (m_options.fps > 0 ? std::llround(1000.0 / m_options.fps) : 0);
 }
 
+void Console::answerQuery(const std::string& name, const Fields& fields) {
+    const QueryAnswer* q = findQuery(name);
+    if (q == nullptr) {
+        return;
+    }
+    std::string error;
+    bool ok = true;
+    if (q->receiptKind == RECEIPT_HEARTBEAT) {
+        sendHeartbeat();
+    } else if (q->receiptKind >= 0) {
+        ok = sendReceipt(q->receiptKind, fields, &error);
+    } else {
+        // The fields were checked against all the steps together when they were scripted.
+        for (int step : q->calibSteps) {
+            CMessage_CalibData c;
+            ok = buildCalib(step, fields, c, error) && sendMessage(c, nullptr) && ok;
+        }
+    }
+    if (!ok && !error.empty()) {
+        say("answer to " + name + ": " + error);
+    }
+}
+
 void Console::handleCommand(const sdk_link::Command& c) {
     const std::string& name = c.name();
+    const std::optional<Override> scripted = takeOverride(name);
+    if (scripted && scripted->kind == Override::Silent) {
+        if (m_options.verbose) {
+            say("not answering " + name);
+        }
+        return;  // as if the command was lost: no effect, no answer
+    }
+    const bool forced = scripted && scripted->kind == Override::State;
 
     if (name == "setTrigger") {
         const bool on = argBool(c, 0);
@@ -683,66 +687,53 @@ void Console::handleCommand(const sdk_link::Command& c) {
                 }
             }
         }
-        state = answerState(name, state);
+        if (forced) {
+            state = scripted->state;
+        }
         // Only a successful trigger starts the laser; off always stops it.
         setTriggered(on && state == 0, ids);
         sendWorkResponse(on ? 1 : 2, state, name);
         return;
     }
 
-    // Queries: answered with their data.
-    if (name == "getLowPartConfigs") {
-        sendReceipt(RECEIPT_LOWPART_CONFIG);
-        return;
-    }
-    if (name == "getPripladDevices") {
-        sendReceipt(RECEIPT_PRIPLAD_LIST);
-        return;
-    }
-    if (name == "getDiagnosisInfo") {
-        sendReceipt(RECEIPT_DIAGNOSIS);
-        return;
-    }
-    if (name == "getRemainingRGF") {
-        sendReceipt(RECEIPT_REMAINING_RGF);
-        return;
-    }
-    if (name == "getWIFIConnectInfo") {
-        sendReceipt(RECEIPT_WIFI_CONNECT);
-        return;
-    }
-    if (name == "getWIFISignalStrength") {
-        sendReceipt(RECEIPT_WIFI_SIGNAL);
-        return;
-    }
-    if (name == "getHeartBeat") {
-        sendHeartbeat();
-        return;
-    }
-    if (name == "getLowpartVersion") {
-        sendReceipt(RECEIPT_LOWPART_VERSION);
-        return;
-    }
-    if (name == "getCalibraResult") {
-        sendReceipt(RECEIPT_CALIB_RESULT);
-        return;
-    }
-    if (name == "getCalibLocationStep") {
-        sendCalib(CALIB_STEP_LOCATION);
-        return;
-    }
-    if (name == "getCalibBoardSize") {
-        sendCalib(CALIB_STEP_BOARD_LATTICE);
-        sendCalib(CALIB_STEP_SCANNER_BOARD);
+    if (findQuery(name) != nullptr) {
+        answerQuery(name,
+                    scripted && scripted->kind == Override::Content ? scripted->fields : Fields());
         return;
     }
 
     const auto code = responseCodes().find(name);
     if (code == responseCodes().end()) {
-        sendWorkResponse(0, lumora::UNSUPPORT_CMD_ERR, name);
+        sendWorkResponse(0, forced ? scripted->state : lumora::UNSUPPORT_CMD_ERR, name);
         return;
     }
 
+    // A scripted refusal leaves the device as it was; otherwise the arguments are checked and
+    // applied.
+    int state = forced ? scripted->state : 0;
+    if (state == 0) {
+        state = applySetting(c);
+        if (forced) {
+            state = scripted->state;
+        }
+    }
+    sendWorkResponse(code->second, state, name);
+
+    // Follow-ups a device sends after a successful response.
+    if (state != 0) {
+        return;
+    }
+    if (name == "setLowPartConfigs") {
+        sendReceipt(RECEIPT_LOWPART_CONFIG);
+    } else if (name == "setTrackRangeLevel") {
+        sendReceipt(RECEIPT_TRACK_RANGE);
+    } else if (name == "setGrabOneFrame") {
+        calibrationAfterGrab(static_cast<int>(argInt(c, 0, CLBBAR_LEVEL_POSE)));
+    }
+}
+
+int Console::applySetting(const sdk_link::Command& c) {
+    const std::string& name = c.name();
     int state = 0;
     if (name == "setStartScan" || name == "setDynamicScan") {
         const int64_t object = argInt(c, 0, -1);
@@ -763,15 +754,15 @@ void Console::handleCommand(const sdk_link::Command& c) {
     } else if (name == "setHeartBeatInterval") {
         const int64_t ms = argInt(c, 0, 0);
         m_heartbeatOverrideMs = ms > 0 && ms < 3600000 ? static_cast<int>(ms) : 0;
-        const int period =
-            m_heartbeatOverrideMs > 0 ? m_heartbeatOverrideMs : m_options.heartbeatMs;
+        const int period = heartbeatPeriodMs();
         m_nextHeartbeatMs =
-            nowMs() + std::max<int64_t>(1, std::llround(period * platform::timeScale()));
+            period > 0
+                ? nowMs() + std::max<int64_t>(1, std::llround(period * platform::timeScale()))
+                : INT64_MAX;
     } else if (name == "setTrackRangeLevel") {
         m_trackRange = static_cast<int>(argInt(c, 0, 0));
     } else if (name == "setCalibrationMode") {
-        m_calibMode = static_cast<int>(argInt(c, 0, -1));
-        m_calibLocation = 0;
+        startCalibration(static_cast<int>(argInt(c, 0, CALIB_SCANNER)));
     } else if (name == "setTransforRT") {
         sdk_link::TransformMatrix m;
         if (!m.ParseFromString(argRaw(c, 0))) {
@@ -812,160 +803,7 @@ void Console::handleCommand(const sdk_link::Command& c) {
             state = lumora::PRARA_ERROR;
         }
     }
-    respond(name, code->second, state);
-
-    // Follow-ups a device sends after the response.
-    if (state == 0 && name == "setLowPartConfigs") {
-        sendReceipt(RECEIPT_LOWPART_CONFIG);
-    } else if (state == 0 && name == "setTrackRangeLevel") {
-        sendReceipt(RECEIPT_TRACK_RANGE);
-    } else if (state == 0 && name == "setGrabOneFrame") {
-        ++m_calibLocation;
-        if (m_calibMode == CALIB_BAR) {
-            sendCalib(CALIB_STEP_TRACKER_POSE);
-        }
-        sendCalib(CALIB_STEP_LOCATION);
-    }
-}
-
-// =============================================================================================
-// Control lines
-// =============================================================================================
-
-bool Console::control(const std::string& line, std::string& error) {
-    const std::vector<std::string> w = splitWords(line);
-    if (w.empty() || w[0][0] == '#') {
-        return true;
-    }
-    const std::string& verb = w[0];
-    int a = 0, b = 0;
-    const bool connected = m_client != net::kInvalidSocket;
-    auto needClient = [&]() {
-        if (!connected) {
-            error = verb + ": no client connected";
-        }
-        return connected;
-    };
-
-    if (verb == "quit") {
-        m_quit.store(true);
-        return true;
-    }
-    if (verb == "button" && w.size() == 3 && toInt(w[1], a) && toInt(w[2], b)) {
-        if (!needClient()) {
-            return false;
-        }
-        sendButton(a, b);
-        return true;
-    }
-    if (verb == "answer" && (w.size() == 3 || w.size() == 4)) {
-        if (w[2] == "default") {
-            m_overrides.erase(w[1]);
-            return true;
-        }
-        int times = -1;
-        if (!toInt(w[2], a) || (w.size() == 4 && (!toInt(w[3], times) || times < 1))) {
-            error = "usage: answer <command> <state>|default [times]";
-            return false;
-        }
-        m_overrides[w[1]] = {a, times};
-        return true;
-    }
-    if (verb == "response" && w.size() >= 3 && toInt(w[1], a) && toInt(w[2], b)) {
-        if (!needClient()) {
-            return false;
-        }
-        std::string text;
-        for (size_t i = 3; i < w.size(); ++i) {
-            text += (i > 3 ? " " : "") + w[i];
-        }
-        sendWorkResponse(a, b, text);
-        return true;
-    }
-    if (verb == "receipt" && w.size() == 2 && toInt(w[1], a)) {
-        if (!needClient()) {
-            return false;
-        }
-        if (!sendReceipt(a)) {
-            error = "receipt kind " + w[1] + " is not 0..23";
-            return false;
-        }
-        return true;
-    }
-    if (verb == "calib" && w.size() == 2 && toInt(w[1], a)) {
-        if (!needClient()) {
-            return false;
-        }
-        if (!sendCalib(a)) {
-            error = "bad calibration step " + w[1];
-            return false;
-        }
-        return true;
-    }
-    if (verb == "wifi" && w.size() >= 2) {
-        if (!needClient()) {
-            return false;
-        }
-        std::string text = line.substr(line.find(w[1]));
-        CMessage_Receipt r;
-        r.setReceiptKind(RECEIPT_WIFI_CONNECT);
-        r.setWIFIConnectInfo({DEVICE_SCANNER, 1, m_options.scannerId, text});
-        sendMessage(r, nullptr);
-        return true;
-    }
-    if (verb == "device" && w.size() == 3 && (w[2] == "on" || w[2] == "off")) {
-        for (Device& d : m_devices) {
-            if (d.id == w[1]) {
-                d.online = w[2] == "on";
-                if (connected) {
-                    announceDevice(d, d.online);
-                }
-                return true;
-            }
-        }
-        error = "unknown device " + w[1];
-        return false;
-    }
-    if (verb == "trigger" && w.size() == 2 && (w[1] == "on" || w[1] == "off")) {
-        setTriggered(w[1] == "on", {});
-        return true;
-    }
-    if (verb == "frames" && w.size() == 2 && toInt(w[1], a) && a >= 0) {
-        if (!needClient()) {
-            return false;
-        }
-        for (int i = 0; i < a && m_client != net::kInvalidSocket; ++i) {
-            sendScanFrame();
-        }
-        return true;
-    }
-    if (verb == "heartbeat" && w.size() == 1) {
-        if (!needClient()) {
-            return false;
-        }
-        sendHeartbeat();
-        return true;
-    }
-    if (verb == "fps" && w.size() == 2) {
-        char* end = nullptr;
-        const double fps = std::strtod(w[1].c_str(), &end);
-        if (*end != '\0' || !(fps >= 0) || fps > 10000) {
-            error = "bad frame rate " + w[1];
-            return false;
-        }
-        m_options.fps = fps;
-        return true;
-    }
-    if (verb == "drop" && w.size() == 1) {
-        dropClient("control line");
-        return true;
-    }
-    if (verb == "say") {
-        say(line.size() > 4 ? line.substr(4) : "");
-        return true;
-    }
-    error = "unknown control line \"" + line + "\"";
-    return false;
+    return state;
 }
 
 }  // namespace console

@@ -17,12 +17,16 @@ std::string usageText() {
            "  --points N             laser points per frame (default 2000)\n"
            "  --lines N              laser lines per frame (default 7)\n"
            "  --markers N            markers in the field (default 12)\n"
-           "  --heartbeat-ms N       heartbeat period (default 1000, scaled by the time scale)\n"
+           "  --heartbeat-ms N       heartbeat period (default 1000, scaled by the time scale;\n"
+           "                         0: no periodic heartbeats)\n"
            "  --tracker-model N      tracker model number announced (default 0)\n"
            "  --tracker-id ID        (default TRK0001)\n"
            "  --scanner-id ID        (default SCN0001)\n"
            "  --lowpart-version V    (default 1.4.2)\n"
            "  --script FILE          control lines to run once the first client connected\n"
+           "  --setup LINE           a control line to run at start, before listening (repeat\n"
+           "                         it; e.g. --setup 'device TRK0002 on kind=tracker')\n"
+           "  --command-log FILE     append one line per command received (name and arguments)\n"
            "  --no-stdin             do not read control lines from standard input\n"
            "  --verbose              one line per command received\n"
            "  --help\n";
@@ -43,7 +47,7 @@ bool toInt(const std::string& s, long lo, long hi, long& out) {
 // Options that take a value, each followed by a blank.
 const std::string kValueOptions =
     "--endpoint --fps --seed --points --lines --markers --heartbeat-ms --tracker-model "
-    "--tracker-id --scanner-id --lowpart-version --script ";
+    "--tracker-id --scanner-id --lowpart-version --script --setup --command-log ";
 
 }  // namespace
 
@@ -96,7 +100,7 @@ bool parseOptions(int argc, const char* const* argv, ConsoleOptions& out, bool& 
             out.laserLines = static_cast<int>(n);
         } else if (a == "--markers" && toInt(v, 0, 100000, n)) {
             out.markers = static_cast<int>(n);
-        } else if (a == "--heartbeat-ms" && toInt(v, 1, 3600000, n)) {
+        } else if (a == "--heartbeat-ms" && toInt(v, 0, 3600000, n)) {
             out.heartbeatMs = static_cast<int>(n);
         } else if (a == "--tracker-model" && toInt(v, 0, 1000, n)) {
             out.trackerModel = static_cast<int>(n);
@@ -108,6 +112,10 @@ bool parseOptions(int argc, const char* const* argv, ConsoleOptions& out, bool& 
             out.lowpartVersion = v;
         } else if (a == "--script") {
             out.scriptPath = v;
+        } else if (a == "--setup") {
+            out.setupLines.push_back(v);
+        } else if (a == "--command-log" && !v.empty()) {
+            out.commandLogPath = v;
         } else {
             error = "bad option " + a + " " + v;
             return false;

@@ -29,6 +29,9 @@ int main(int argc, char** argv) {
     }
     try {
         console::Console c(options);
+        if (!c.setupOk()) {
+            return 2;
+        }
         if (!c.start()) {
             return 1;
         }

@@ -1,19 +1,22 @@
 // The companion console: a device server that plays one tracker, one scanner and two air
 // devices behind the SDK's link, answers every command and streams scan frames while the
-// trigger is on. Control lines (stdin or a script file) inject events and faults; the list is
-// in console/README.md.
+// trigger is on. Control lines (stdin, --setup or a script file) shape the devices, choose the
+// answers and inject events and faults; the grammar is in console/README.md.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
+#include <cstdio>
 #include <deque>
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <random>
 #include <string>
 #include <vector>
 
+#include "console/Fields.h"
 #include "lumora.pb.h"
 #include "sdk/Messages.h"
 #include "sdk/Socket.h"
@@ -32,14 +35,16 @@ struct ConsoleOptions {
     int laserPoints = 2000;  // laser points per frame
     int laserLines = 7;
     int markers = 12;
-    int heartbeatMs = 1000;  // default heartbeat period (scaled by the time scale)
+    int heartbeatMs = 1000;  // default heartbeat period (scaled by the time scale); 0: none
     int trackerModel = 0;    // DeviceInfo.TrackerType of the tracker
     std::string trackerId = "TRK0001";
     std::string scannerId = "SCN0001";
     std::string lowpartVersion = "1.4.2";
-    std::string scriptPath;  // control lines run after the first client connected
-    bool readStdin = true;   // control lines from standard input
-    bool verbose = false;    // one line per command received
+    std::string scriptPath;               // control lines run after the first client connected
+    std::vector<std::string> setupLines;  // control lines run before listening (--setup)
+    std::string commandLogPath;           // one line per command received (--command-log)
+    bool readStdin = true;                // control lines from standard input
+    bool verbose = false;                 // one line per command received
 };
 
 // Parses the command line; false with a message in `error` on a bad option. `--help` sets
@@ -89,15 +94,34 @@ public:
 
     void setFrameSource(std::unique_ptr<FrameSource> source) { m_source = std::move(source); }
 
+    // False when a --setup line was not understood (the console then should not start).
+    bool setupOk() const { return m_setupOk; }
+
 private:
+    // How the next commands of one name are answered (`answer` control lines).
     struct Override {
-        int state = 0;
+        enum Kind { State, Silent, Content };
+        Kind kind = State;
+        int state = 0;       // State: the work response's state
+        Fields fields;       // Content: the fields of the data a query is answered with
         int remaining = -1;  // -1: every time
     };
     struct Device {
         std::string id;
-        SDK_NV::DEVICETYPE type;
+        SDK_NV::DEVICETYPE type = SDK_NV::DEVICE_TRACKER;
         bool online = true;
+        int model = 0;               // DeviceInfo.TrackerType
+        std::vector<int> errors{0};  // DeviceInfo.errCodes (SUCCESS_ERR: ready)
+        std::string version;         // firmware version; empty: the low-part version
+    };
+    // Where a device's heartbeat temperatures come from (`temperature` control lines).
+    struct TemperaturePlan {
+        enum Mode { Simulated, Fixed, Sequence, Ramp };
+        Mode mode = Simulated;
+        std::vector<float> values;  // Fixed: the whole array; Sequence: one main value each
+        double from = 0;
+        double step = 0;
+        size_t next = 0;  // heartbeats taken from a sequence or ramp so far
     };
 
     // link
@@ -111,22 +135,50 @@ private:
     void announce();
     void announceDevice(const Device& d, bool online);
     void handleCommand(const sdk_link::Command& command);
-    // The state to answer `command` with: a scripted one (see `answer`) or `state`.
-    int answerState(const std::string& command, int state);
-    void respond(const std::string& command, int code, int state);
+    // Checks and applies a setting command; the state of its work response.
+    int applySetting(const sdk_link::Command& command);
+    // The scripted answer for `command`, consumed (see `answer`); empty: the normal answer.
+    std::optional<Override> takeOverride(const std::string& command);
     void sendWorkResponse(int code, int state, const std::string& text);
-    bool sendReceipt(int kind);
-    bool sendCalib(int step);
-    void sendHeartbeat();
+    void answerQuery(const std::string& name, const Fields& fields);
+    void logCommand(const std::string& text);
+
+    // content (Content.cpp): the standard data of each message with KEY=VALUE replacements.
+    // The builders change no state (so scripted answers are checked when they are given) and
+    // leave the check for unknown keys to their callers; the senders do both.
+    bool buildReceipt(int kind, const Fields& fields, SDK_NV::CMessage_Receipt& r,
+                      std::string& error) const;
+    bool buildCalib(int step, const Fields& fields, SDK_NV::CMessage_CalibData& c,
+                    std::string& error) const;
+    bool sendReceipt(int kind, const Fields& fields = Fields(), std::string* error = nullptr);
+    bool sendCalib(int step, const Fields& fields = Fields(), std::string* error = nullptr);
+    void sendHeartbeat(const std::vector<std::string>& only = {});
+    std::vector<float> nextTemperatures(const Device& d);
+    void sendButton(int code, int action, const std::string& deviceId);
     void sendScanFrame();
-    void sendButton(int code, int action);
     void setTriggered(bool on, const std::vector<std::string>& ids);
+    // calibration (Content.cpp)
+    void startCalibration(int mode);
+    void calibrationAfterGrab(int pose);
+    void runCalibration(int mode, double result);
+
+    // control lines (Control.cpp)
+    bool controlDevice(const std::vector<std::string>& w, std::string& error);
+    bool controlAnswer(const std::vector<std::string>& w, std::string& error);
+    bool controlHeartbeat(const std::vector<std::string>& w, std::string& error);
+    bool controlTemperature(const std::vector<std::string>& w, std::string& error);
+    bool controlCalib(const std::vector<std::string>& w, std::string& error);
+    bool controlReceipt(const std::vector<std::string>& w, std::string& error);
+    bool controlDrop(const std::vector<std::string>& w, std::string& error);
+    Device* findDevice(const std::string& id);
+    int heartbeatPeriodMs() const;
 
     // timing
     int64_t nowMs() const;
     int pollTimeoutMs() const;
     void runTimers();
     void runScript();
+    void reopenListener();
 
     ConsoleOptions m_options;
     std::unique_ptr<FrameSource> m_source;
@@ -142,7 +194,12 @@ private:
     std::string m_stdinBuffer;
     bool m_stdinOpen = true;
 
+    bool m_setupOk = true;
+    std::FILE* m_commandLog = nullptr;
+    int64_t m_relistenAtMs = -1;  // after `drop MS`: when to listen again; -1: listening
+
     std::vector<Device> m_devices;
+    std::map<std::string, TemperaturePlan> m_temperatures;  // device id -> plan
     std::vector<SDK_NV::tagPripladDeviceData> m_priplad;
     SDK_NV::tagLowPartConfig m_lowPart;
     std::map<std::string, Override> m_overrides;
@@ -151,10 +208,13 @@ private:
     bool m_triggered = false;
     ScanState m_scan;
     int m_frameId = 0;
-    int m_calibMode = -1;
-    int m_calibLocation = 0;
+    int m_calibMode = -1;      // CALIBMODE of the last setCalibrationMode; -1: none
+    int m_calibNext = 1;       // the next calibration location to grab, from 1
+    int m_calibLocations = 6;  // locations of one calibration run (`calib locations N`)
+    int m_lastGrabPose = SDK_NV::CLBBAR_LEVEL_POSE;
     int m_trackRange = 0;
     int m_heartbeatOverrideMs = 0;  // from setHeartBeatInterval; 0: default
+    int m_heartbeatControlMs = -1;  // from `heartbeat period MS`; -1: none given
     int64_t m_nextFrameMs = 0;
     int64_t m_nextHeartbeatMs = 0;
 
