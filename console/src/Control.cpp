@@ -501,13 +501,14 @@ bool Console::controlDrop(const std::vector<std::string>& w, std::string& error)
         error = "usage: drop [MS]";
         return false;
     }
-    dropClient("control line");
     if (w.size() == 2) {
-        // Nobody can connect until the listener comes back.
+        // Nobody can connect until the listener comes back; it closes first so that the SDK's
+        // quick reconnection finds it gone.
         net::closeSocket(m_listener);
         m_relistenAtMs = nowMs() + std::llround(ms * platform::timeScale());
         say("not listening for " + std::to_string(ms) + " ms");
     }
+    dropClient("control line");
     return true;
 }
 
