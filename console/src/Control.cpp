@@ -321,6 +321,10 @@ bool Console::controlReceipt(const std::vector<std::string>& w, std::string& err
         error = "usage: receipt KIND [KEY=VALUE...]";
         return false;
     }
+    if (kind < 0 || kind > RECEIPT_KIND_MAX) {
+        error = "receipt kind " + w[1] + " is not 0..23";
+        return false;
+    }
     if (!Fields::parse(w, 2, f, error)) {
         return false;
     }
@@ -374,7 +378,7 @@ bool Console::controlCalib(const std::vector<std::string>& w, std::string& error
         return true;
     }
     Fields f;
-    if (w.size() < 2 || !parseInt(w[1], n)) {
+    if (w.size() < 2 || !parseInt(w[1], n) || n < 0) {
         error = usage;
         return false;
     }
