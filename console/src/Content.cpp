@@ -149,12 +149,12 @@ bool Console::buildReceipt(int kind, const Fields& f, CMessage_Receipt& r,
             const std::vector<std::string> explicitImages = f.all("image");
             if (ok && !explicitImages.empty()) {
                 images.vecImages.clear();
-                for (const std::string& spec : explicitImages) {
-                    const std::vector<std::string> p = splitColons(spec);
+                for (const std::string& entry : explicitImages) {
+                    const std::vector<std::string> p = splitColons(entry);
                     tagCameraImgData img;
                     if (p.size() != 4 || !parseInt(p[1], img.nWidth) ||
                         !parseInt(p[2], img.nHeight) || !parseInt(p[3], img.nCameraIndex)) {
-                        error = "image=" + spec + ": expected NAME:WIDTH:HEIGHT:CAMERA";
+                        error = "image=" + entry + ": expected NAME:WIDTH:HEIGHT:CAMERA";
                         ok = false;
                         break;
                     }
@@ -263,19 +263,19 @@ bool Console::buildReceipt(int kind, const Fields& f, CMessage_Receipt& r,
             const std::vector<std::string> items = f.all("item");
             if (!items.empty()) {
                 rgf.vecRGF.clear();
-                for (const std::string& spec : items) {
-                    if (spec == "none") {
+                for (const std::string& entry : items) {
+                    if (entry == "none") {
                         continue;
                     }
-                    const size_t colon = spec.rfind(':');
+                    const size_t colon = entry.rfind(':');
                     tagRemainingRGF item;
                     if (colon == std::string::npos ||
-                        !parseInt(spec.substr(colon + 1), item.nCount)) {
-                        error = "item=" + spec + ": expected NAME:COUNT";
+                        !parseInt(entry.substr(colon + 1), item.nCount)) {
+                        error = "item=" + entry + ": expected NAME:COUNT";
                         ok = false;
                         break;
                     }
-                    item.strName = spec.substr(0, colon);
+                    item.strName = entry.substr(0, colon);
                     rgf.vecRGF.push_back(item);
                 }
             }
