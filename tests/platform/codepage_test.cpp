@@ -14,73 +14,109 @@ using platform::kCodePageUtf8;
 using platform::toNarrow;
 using platform::toWide;
 
-constexpr wchar_t kReplacement = static_cast<wchar_t>(0xFFFD);
+const std::wstring kMark(1, static_cast<wchar_t>(0xFFFD));
 
-TEST(PlatformUtf8, RoundTripIncludingCharactersOutsideTheBmp) {
+// Converts both ways and checks the reported flag of each direction.
+void expectRoundTrip(const std::string& narrow, const std::wstring& wide, int codePage) {
+    bool ok = false;
+    EXPECT_EQ(toWide(narrow, codePage, &ok), wide) << testing::PrintToString(narrow);
+    EXPECT_TRUE(ok);
+    ok = false;
+    EXPECT_EQ(toNarrow(wide, codePage, &ok), narrow);
+    EXPECT_TRUE(ok);
+}
+
+std::wstring chars(std::initializer_list<uint32_t> codes) {
+    std::wstring s;
+    for (uint32_t c : codes) {
+        s.push_back(static_cast<wchar_t>(c));
+    }
+    return s;
+}
+
+TEST(PlatformCodePages, ValidTextRoundTrips) {
     // a, e acute (2 bytes), a CJK character (3 bytes), an emoji (4 bytes), an embedded NUL.
-    const std::string utf8("a\xC3\xA9\xE4\xB8\xAD\xF0\x9F\x98\x80\0z", 12);
-    bool ok = false;
-    const std::wstring wide = toWide(utf8, kCodePageUtf8, &ok);
-    EXPECT_TRUE(ok);
-    ASSERT_EQ(wide.size(), 6u);  // wchar_t holds every code point on Linux
-    EXPECT_EQ(wide[1], static_cast<wchar_t>(0xE9));
-    EXPECT_EQ(wide[2], static_cast<wchar_t>(0x4E2D));
-    EXPECT_EQ(wide[3], static_cast<wchar_t>(0x1F600));
-    EXPECT_EQ(wide[4], L'\0');
-    ok = false;
-    EXPECT_EQ(toNarrow(wide, kCodePageUtf8, &ok), utf8);
-    EXPECT_TRUE(ok);
+    expectRoundTrip(std::string("a\xC3\xA9\xE4\xB8\xAD\xF0\x9F\x98\x80\0z", 12),
+                    chars({'a', 0xE9, 0x4E2D, 0x1F600, 0, 'z'}), kCodePageUtf8);
+    expectRoundTrip("", L"", kCodePageUtf8);
+    EXPECT_EQ(toWide("abc", kCodePageUtf8), L"abc");  // the flag is optional
+    expectRoundTrip("\xD6\xD0\xCE\xC4\xB2\xE2\xCA\xD4", L"\x4E2D\x6587\x6D4B\x8BD5", kCodePageGbk);
+    expectRoundTrip("key = \xD6\xD0", L"key = \x4E2D", kCodePageGbk);
+    expectRoundTrip("Debug.dbg = 1", L"Debug.dbg = 1", kCodePageSystem);
+
+    // Longer than any first guess of the output size.
+    std::string gbk;
+    std::wstring wide;
+    for (int i = 0; i < 5000; ++i) {
+        gbk +=
+            "\xD6\xD0"
+            "a";
+        wide +=
+            L"\x4E2D"
+            L"a";
+    }
+    expectRoundTrip(gbk, wide, kCodePageGbk);
+
+    EXPECT_EQ(platform::nativePath(L"/tmp/\x4E2D\x6587/a b"), "/tmp/\xE4\xB8\xAD\xE6\x96\x87/a b");
+    EXPECT_EQ(platform::widePath("/tmp/\xE4\xB8\xAD\xE6\x96\x87/a b"), L"/tmp/\x4E2D\x6587/a b");
 }
 
-TEST(PlatformUtf8, EmptyTextIsValid) {
-    bool ok = false;
-    EXPECT_EQ(toWide("", kCodePageUtf8, &ok), L"");
-    EXPECT_TRUE(ok);
-    ok = false;
-    EXPECT_EQ(toNarrow(L"", kCodePageUtf8, &ok), "");
-    EXPECT_TRUE(ok);
-}
-
-TEST(PlatformUtf8, InvalidInputIsReplacedAndReported) {
+TEST(PlatformCodePages, InvalidBytesAreReplacedAndReported) {
     struct Case {
         std::string bytes;
+        int codePage;
         std::wstring expected;
     };
-    const std::wstring r(1, kReplacement);
+    const std::wstring m = kMark;
     const Case cases[] = {
         {"a\xFF"
          "b",
-         L"a" + r + L"b"},    // never a UTF-8 byte
-        {"\x80", r},          // lone continuation byte
-        {"\xC0\xAF", r + r},  // overlong '/'
+         kCodePageUtf8, L"a" + m + L"b"},    // never a UTF-8 byte
+        {"\x80", kCodePageUtf8, m},          // lone continuation byte
+        {"\xC0\xAF", kCodePageUtf8, m + m},  // overlong '/'
         {"\xE4\xB8"
          "a",
-         r + L"a"},                           // truncated 3-byte sequence, one mark
-        {"\xE4\xB8", r},                      // truncated at the end
-        {"\xED\xA0\x80", r + r + r},          // encoded surrogate
-        {"\xF4\x90\x80\x80", r + r + r + r},  // above U+10FFFF
-        {"\xF0\x9F\x98", r},                  // truncated 4-byte sequence
-        {"\xE0\x80\xAF", r + r + r},          // overlong 3-byte form
+         kCodePageUtf8, m + L"a"},                           // truncated 3-byte sequence, one mark
+        {"\xE4\xB8", kCodePageUtf8, m},                      // truncated at the end
+        {"\xED\xA0\x80", kCodePageUtf8, m + m + m},          // encoded surrogate
+        {"\xF4\x90\x80\x80", kCodePageUtf8, m + m + m + m},  // above U+10FFFF
+        {"\xF0\x9F\x98", kCodePageUtf8, m},                  // truncated 4-byte sequence
+        {"\xE0\x80\xAF", kCodePageUtf8, m + m + m},          // overlong 3-byte form
+        // 0xD6 needs a trail byte of 0x40..0xFE; '0' is none, so it stays a character.
+        {"a\xD6"
+         "0b",
+         kCodePageGbk, L"a" + m + L"0b"},
+        {"ab\xD6", kCodePageGbk, L"ab" + m},
+        {"x\xE9", kCodePageSystem, L"x" + m},
+        {"abc", 1252, L""},  // an unknown code page converts nothing
     };
     for (const Case& c : cases) {
         bool ok = true;
-        EXPECT_EQ(toWide(c.bytes, kCodePageUtf8, &ok), c.expected)
-            << testing::PrintToString(c.bytes);
+        EXPECT_EQ(toWide(c.bytes, c.codePage, &ok), c.expected) << testing::PrintToString(c.bytes);
         EXPECT_FALSE(ok) << testing::PrintToString(c.bytes);
     }
 }
 
-TEST(PlatformUtf8, WideValuesThatAreNoCharactersBecomeQuestionMarks) {
-    std::wstring wide = L"a";
-    wide.push_back(static_cast<wchar_t>(0xD800));  // lone surrogate
-    wide.push_back(static_cast<wchar_t>(0x110000));
-    wide.push_back(L'b');
-    bool ok = true;
-    EXPECT_EQ(toNarrow(wide, kCodePageUtf8, &ok), "a??b");
-    EXPECT_FALSE(ok);
+TEST(PlatformCodePages, UnencodableCharactersBecomeQuestionMarks) {
+    struct Case {
+        std::wstring wide;
+        int codePage;
+        std::string expected;
+    };
+    const Case cases[] = {
+        {chars({'a', 0xD800, 0x110000, 'b'}), kCodePageUtf8, "a??b"},  // no characters at all
+        {chars({'a', 0x1F600, 0x4E2D}), kCodePageGbk, "a?\xD6\xD0"},   // no emoji in GBK
+        {chars({'x', 0xE9, 0x4E2D}), kCodePageSystem, "x??"},
+        {L"abc", -1, ""},
+    };
+    for (const Case& c : cases) {
+        bool ok = true;
+        EXPECT_EQ(toNarrow(c.wide, c.codePage, &ok), c.expected);
+        EXPECT_FALSE(ok);
+    }
 }
 
-TEST(PlatformUtf8, ArbitraryBytesNeverBreakTheDecoder) {
+TEST(PlatformCodePages, ArbitraryBytesNeverBreakTheUtf8Decoder) {
     std::mt19937 random(12345);
     std::uniform_int_distribution<int> byte(0, 255);
     std::uniform_int_distribution<int> length(0, 12);
@@ -98,100 +134,9 @@ TEST(PlatformUtf8, ArbitraryBytesNeverBreakTheDecoder) {
         if (ok) {
             ASSERT_EQ(narrow, bytes);
         } else {
-            ASSERT_NE(wide.find(kReplacement), std::wstring::npos);
+            ASSERT_NE(wide.find(kMark), std::wstring::npos);
         }
     }
-}
-
-TEST(PlatformUtf8, PathsAreUtf8) {
-    const std::wstring wide = L"/tmp/\x4E2D\x6587/a b";
-    const std::string native = platform::nativePath(wide);
-    EXPECT_EQ(native, "/tmp/\xE4\xB8\xAD\xE6\x96\x87/a b");
-    EXPECT_EQ(platform::widePath(native), wide);
-}
-
-TEST(PlatformGbk, RoundTripOfChineseText) {
-    const std::wstring chinese = L"\x4E2D\x6587\x6D4B\x8BD5";  // "zhong wen ce shi"
-    const std::string gbk = "\xD6\xD0\xCE\xC4\xB2\xE2\xCA\xD4";
-    bool ok = false;
-    EXPECT_EQ(toNarrow(chinese, kCodePageGbk, &ok), gbk);
-    EXPECT_TRUE(ok);
-    ok = false;
-    EXPECT_EQ(toWide(gbk, kCodePageGbk, &ok), chinese);
-    EXPECT_TRUE(ok);
-}
-
-TEST(PlatformGbk, AsciiPassesThroughAndMixesWithChinese) {
-    bool ok = false;
-    EXPECT_EQ(toWide("key = \xD6\xD0", kCodePageGbk, &ok), L"key = \x4E2D");
-    EXPECT_TRUE(ok);
-}
-
-TEST(PlatformGbk, LongTextGrowsTheOutput) {
-    std::wstring chinese;
-    std::string gbk;
-    for (int i = 0; i < 5000; ++i) {
-        chinese +=
-            L"\x4E2D"
-            L"a";
-        gbk +=
-            "\xD6\xD0"
-            "a";
-    }
-    bool ok = false;
-    EXPECT_EQ(toNarrow(chinese, kCodePageGbk, &ok), gbk);
-    EXPECT_TRUE(ok);
-    EXPECT_EQ(toWide(gbk, kCodePageGbk, &ok), chinese);
-    EXPECT_TRUE(ok);
-}
-
-TEST(PlatformGbk, InvalidBytesAreReplacedAndReported) {
-    bool ok = true;
-    // 0xD6 needs a trail byte of 0x40..0xFE; '0' is none, so it stays a character of its own.
-    EXPECT_EQ(toWide("a\xD6"
-                     "0b",
-                     kCodePageGbk, &ok),
-              std::wstring(L"a") + kReplacement + L"0b");
-    EXPECT_FALSE(ok);
-    ok = true;
-    EXPECT_EQ(toWide("ab\xD6", kCodePageGbk, &ok), std::wstring(L"ab") + kReplacement);
-    EXPECT_FALSE(ok);
-}
-
-TEST(PlatformGbk, UnmappableCharactersBecomeQuestionMarks) {
-    std::wstring wide = L"a";
-    wide.push_back(static_cast<wchar_t>(0x1F600));  // no emoji in GBK
-    wide.push_back(static_cast<wchar_t>(0x4E2D));
-    bool ok = true;
-    EXPECT_EQ(toNarrow(wide, kCodePageGbk, &ok), "a?\xD6\xD0");
-    EXPECT_FALSE(ok);
-}
-
-TEST(PlatformSystemCodePage, AsciiRoundTripsAndTheRestIsReplaced) {
-    bool ok = false;
-    EXPECT_EQ(toWide("Debug.dbg = 1", kCodePageSystem, &ok), L"Debug.dbg = 1");
-    EXPECT_TRUE(ok);
-    ok = false;
-    EXPECT_EQ(toNarrow(L"SaveScanFrame", kCodePageSystem, &ok), "SaveScanFrame");
-    EXPECT_TRUE(ok);
-
-    ok = true;
-    EXPECT_EQ(toWide("x\xE9", kCodePageSystem, &ok), std::wstring(L"x") + kReplacement);
-    EXPECT_FALSE(ok);
-    ok = true;
-    EXPECT_EQ(toNarrow(L"x\x00E9\x4E2D", kCodePageSystem, &ok), "x??");
-    EXPECT_FALSE(ok);
-}
-
-TEST(PlatformUnknownCodePage, ConvertsNothing) {
-    bool ok = true;
-    EXPECT_EQ(toWide("abc", 1252, &ok), L"");
-    EXPECT_FALSE(ok);
-    ok = true;
-    EXPECT_EQ(toNarrow(L"abc", -1, &ok), "");
-    EXPECT_FALSE(ok);
-    // The flag is optional.
-    EXPECT_EQ(toWide("abc", kCodePageUtf8), L"abc");
 }
 
 }  // namespace

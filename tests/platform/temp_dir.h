@@ -10,10 +10,8 @@
 class TempDir {
 public:
     TempDir() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "platform_test_XXXXXX");
-        if (::mkdtemp(pattern.data()) != nullptr) {
-            path_ = pattern;
-        }
+        std::string pattern = std::filesystem::temp_directory_path() / "platform_test_XXXXXX";
+        path_ = ::mkdtemp(pattern.data()) != nullptr ? pattern : "";
     }
     ~TempDir() {
         std::error_code ec;
