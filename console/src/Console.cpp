@@ -319,6 +319,9 @@ int Console::pollTimeoutMs() const {
         if (m_scriptStarted && !m_script.empty()) {
             next = std::min(next, m_scriptResumeMs);
         }
+        for (const DelayedCommand& d : m_delayed) {
+            next = std::min(next, d.dueMs);
+        }
     }
     return static_cast<int>(std::max<int64_t>(0, next - now));
 }
@@ -386,6 +389,15 @@ void Console::runTimers() {
     }
     runScript();
     const int64_t now = nowMs();
+    for (size_t i = 0; i < m_delayed.size() && m_client != net::kInvalidSocket;) {
+        if (m_delayed[i].dueMs <= now) {
+            const DelayedCommand d = m_delayed[i];
+            m_delayed.erase(m_delayed.begin() + static_cast<long>(i));
+            executeCommand(*d.command, d.answer);
+        } else {
+            ++i;
+        }
+    }
     if (m_client != net::kInvalidSocket && now >= m_nextHeartbeatMs) {
         const int period = heartbeatPeriodMs();
         if (period > 0) {
@@ -464,6 +476,7 @@ void Console::dropClient(const char* why) {
     }
     net::closeSocket(m_client);
     m_triggered = false;
+    m_delayed.clear();  // commands of the old connection are not answered on a new one
     say(std::string("client dropped: ") + why);
 }
 
@@ -663,8 +676,21 @@ void Console::answerQuery(const std::string& name, const Fields& fields) {
 }
 
 void Console::handleCommand(const sdk_link::Command& c) {
+    std::optional<Override> scripted = takeOverride(c.name());
+    if (scripted && scripted->delayMs > 0) {
+        DelayedCommand d;
+        d.dueMs = nowMs() + std::llround(scripted->delayMs * platform::timeScale());
+        d.command = std::make_shared<sdk_link::Command>(c);
+        d.answer = *scripted;
+        d.answer.delayMs = 0;
+        m_delayed.push_back(std::move(d));
+        return;
+    }
+    executeCommand(c, scripted);
+}
+
+void Console::executeCommand(const sdk_link::Command& c, const std::optional<Override>& scripted) {
     const std::string& name = c.name();
-    const std::optional<Override> scripted = takeOverride(name);
     if (scripted && scripted->kind == Override::Silent) {
         if (m_options.verbose) {
             say("not answering " + name);

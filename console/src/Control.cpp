@@ -231,19 +231,32 @@ bool Console::controlDevice(const std::vector<std::string>& w, std::string& erro
     return true;
 }
 
-// answer COMMAND STATE [TIMES] | answer COMMAND none [TIMES] | answer COMMAND default |
-// answer QUERY KEY=VALUE... [TIMES]
-bool Console::controlAnswer(const std::vector<std::string>& w, std::string& error) {
+// answer COMMAND STATE [TIMES] [delay=MS] | answer COMMAND none [TIMES] |
+// answer COMMAND default | answer QUERY KEY=VALUE... [TIMES] [delay=MS]
+bool Console::controlAnswer(const std::vector<std::string>& words, std::string& error) {
     static const char* usage =
-        "usage: answer COMMAND STATE|none [TIMES] | answer COMMAND default | "
-        "answer QUERY KEY=VALUE... [TIMES]";
+        "usage: answer COMMAND STATE|none [TIMES] [delay=MS] | answer COMMAND default | "
+        "answer QUERY KEY=VALUE... [TIMES] [delay=MS]";
+    // delay=MS may stand anywhere after the command's name.
+    int delayMs = 0;
+    std::vector<std::string> w;
+    for (size_t i = 0; i < words.size(); ++i) {
+        if (i >= 2 && words[i].rfind("delay=", 0) == 0) {
+            if (!parseInt(words[i].substr(6), delayMs) || delayMs < 0 || delayMs > 3600000) {
+                error = words[i] + ": MS is 0..3600000";
+                return false;
+            }
+        } else {
+            w.push_back(words[i]);
+        }
+    }
     if (w.size() < 3) {
         error = usage;
         return false;
     }
     const std::string& name = w[1];
     if (w[2] == "default") {
-        if (w.size() != 3) {
+        if (w.size() != 3 || w.size() != words.size()) {
             error = usage;
             return false;
         }
@@ -251,6 +264,7 @@ bool Console::controlAnswer(const std::vector<std::string>& w, std::string& erro
         return true;
     }
     Override o;
+    o.delayMs = delayMs;
     size_t end = w.size();
     // A last word that is a plain number (and not the state itself) counts the answers.
     if (w.size() >= 4 && w.back().find('=') == std::string::npos) {
@@ -262,8 +276,8 @@ bool Console::controlAnswer(const std::vector<std::string>& w, std::string& erro
     }
     const QueryAnswer* query = findQuery(name);
     if (w[2] == "none") {
-        if (end != 3) {
-            error = usage;
+        if (end != 3 || delayMs > 0) {
+            error = delayMs > 0 ? "an unanswered command has no delay" : usage;
             return false;
         }
         o.kind = Override::Silent;

@@ -148,7 +148,9 @@ TEST(ConsoleControl, ScriptedAnswersAreCheckedWhenGiven) {
                             "answer getCalibBoardSize rows=7 location=2",
                             "answer getHeartBeat temp=3",  // heartbeats take no fields
                             "answer setImageMode none 0", "answer setImageMode none 1 2",
-                            "answer setImageMode default 1"}) {
+                            "answer setImageMode default 1", "answer setImageMode none delay=5",
+                            "answer setImageMode 0 delay=-1", "answer setImageMode 0 delay=x",
+                            "answer setImageMode default delay=5"}) {
         error.clear();
         EXPECT_FALSE(c.control(bad, error)) << bad;
         EXPECT_FALSE(error.empty()) << bad;

@@ -231,6 +231,19 @@ TEST_F(Scripted, SilentAnswersSendNothingForTheGivenTimes) {
     EXPECT_GE(expectMessage(from, isReceipt(RECEIPT_CALIB_RESULT)), 0);
 }
 
+TEST_F(Scripted, ADelayedAnswerComesAfterTheAnswersToLaterCommands) {
+    connect();
+    ASSERT_TRUE(console.control("answer setResetCamera 6 1 delay=200"));
+    const size_t from = recorder.size();
+    wrapper.setResetCamera();
+    wrapper.setSoundControl(true);
+    const int late = expectMessage(from, isResponse(12));
+    ASSERT_GE(late, 0);
+    EXPECT_EQ(work(message(late)).state, 6);
+    const auto sound = between(from, static_cast<size_t>(late), isResponse(13));
+    EXPECT_EQ(sound.size(), 1u);
+}
+
 TEST_F(Scripted, ARefusedGrabBringsNoCalibrationData) {
     connect();
     wrapper.setCalibrationMode(CALIB_BAR);

@@ -105,6 +105,12 @@ private:
         int state = 0;       // State: the work response's state
         Fields fields;       // Content: the fields of the data a query is answered with
         int remaining = -1;  // -1: every time
+        int delayMs = 0;     // handle the command this much later (scaled)
+    };
+    struct DelayedCommand {
+        int64_t dueMs = 0;
+        std::shared_ptr<sdk_link::Command> command;
+        Override answer;
     };
     struct Device {
         std::string id;
@@ -135,6 +141,7 @@ private:
     void announce();
     void announceDevice(const Device& d, bool online);
     void handleCommand(const sdk_link::Command& command);
+    void executeCommand(const sdk_link::Command& command, const std::optional<Override>& scripted);
     // Checks and applies a setting command; the state of its work response.
     int applySetting(const sdk_link::Command& command);
     // The scripted answer for `command`, consumed (see `answer`); empty: the normal answer.
@@ -203,6 +210,7 @@ private:
     std::vector<SDK_NV::tagPripladDeviceData> m_priplad;
     SDK_NV::tagLowPartConfig m_lowPart;
     std::map<std::string, Override> m_overrides;
+    std::deque<DelayedCommand> m_delayed;                     // in arrival order; delays may differ
     std::map<std::string, std::vector<double>> m_transforms;  // tracker id -> 16 doubles
 
     bool m_triggered = false;
