@@ -3,6 +3,7 @@
 
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "utils/ConfigEditor.h"
@@ -13,65 +14,54 @@ namespace grammar = zq::utils::grammar;
 
 namespace {
 
-void expectKeyValue(const std::wstring& line, const std::wstring& key, const std::wstring& sep,
-                    const std::wstring& value) {
-    const tagConfigFileLine l(line);
-    EXPECT_EQ(l.text, line);
-    EXPECT_EQ(l.key, key) << "line: " << std::string(line.begin(), line.end());
-    EXPECT_EQ(l.separator, sep);
-    EXPECT_EQ(l.value, value);
-}
+// A line and how it splits; without a key the line is kept but not indexed.
+struct Split {
+    Split(std::wstring l, std::wstring k = L"", std::wstring s = L"", std::wstring v = L"")
+        : line(std::move(l)), key(std::move(k)), separator(std::move(s)), value(std::move(v)) {}
+    std::wstring line, key, separator, value;
+};
 
-void expectNoKey(const std::wstring& line) {
-    const tagConfigFileLine l(line);
-    EXPECT_EQ(l.text, line);
-    EXPECT_TRUE(l.key.empty());
-    EXPECT_TRUE(l.separator.empty());
-    EXPECT_TRUE(l.value.empty());
+void expectSplit(const Split& c) {
+    const tagConfigFileLine l(c.line);
+    const std::string shown(c.line.begin(), c.line.end());
+    EXPECT_EQ(l.text, c.line) << shown;
+    EXPECT_EQ(l.key, c.key) << shown;
+    EXPECT_EQ(l.separator, c.separator) << shown;
+    EXPECT_EQ(l.value, c.value) << shown;
 }
 
 }  // namespace
 
-TEST(LineAnalysis, SeparatorRunsOfColonCommaSpaceAndEquals) {
-    expectKeyValue(L"key=value", L"key", L"=", L"value");
-    expectKeyValue(L"key : value", L"key", L" : ", L"value");
-    expectKeyValue(L"key,value", L"key", L",", L"value");
-    expectKeyValue(L"speed = 12", L"speed", L" = ", L"12");
-    expectKeyValue(L"name: a, b", L"name", L": ", L"a, b");
-    expectKeyValue(L"key value", L"key", L" ", L"value");
-}
-
-TEST(LineAnalysis, LeadingBlankMeansNoKey) {
-    expectNoKey(L" key=value");
-    expectNoKey(L"\tkey=value");
-}
-
-TEST(LineAnalysis, NotesAreRemovedWithTheBlanksBeforeThem) {
-    expectKeyValue(L"port = 8080   # default", L"port", L" = ", L"8080");
-    expectKeyValue(L"port = 8080#x", L"port", L" = ", L"8080");
-    expectKeyValue(L"path = a#b # c", L"path", L" = ", L"a");
-    expectNoKey(L"# key = value");
-    expectNoKey(L"   ## heading");
-}
-
-TEST(LineAnalysis, TrailingBlanksWithoutNoteStayInValue) {
-    expectKeyValue(L"port = 8080   ", L"port", L" = ", L"8080   ");
-}
-
-TEST(LineAnalysis, KeyFollowedDirectlyByNoteIsNotIndexed) {
-    expectNoKey(L"flag # on");
-}
-
-TEST(LineAnalysis, KeyWithOnlyEqualsGivesTheEqualsToTheValue) {
-    expectKeyValue(L"key =", L"key", L" ", L"=");
-    expectNoKey(L"key=");
-    expectNoKey(L"key");
-}
-
-TEST(LineAnalysis, OtherShapesAreKeptUnindexed) {
-    expectNoKey(L"");
-    expectNoKey(L"[section]");
-    expectNoKey(L"-key = 1");
+TEST(LineAnalysis, SplitsIntoKeySeparatorValueAndNote) {
+    const Split cases[] = {
+        // Separator runs of colon, comma, space and equals.
+        {L"key=value", L"key", L"=", L"value"},
+        {L"key : value", L"key", L" : ", L"value"},
+        {L"key,value", L"key", L",", L"value"},
+        {L"name: a, b", L"name", L": ", L"a, b"},
+        {L"key value", L"key", L" ", L"value"},
+        // Notes go with the blanks before them; trailing blanks without a note stay.
+        {L"port = 8080   # default", L"port", L" = ", L"8080"},
+        {L"port = 8080#x", L"port", L" = ", L"8080"},
+        {L"path = a#b # c", L"path", L" = ", L"a"},
+        {L"port = 8080   ", L"port", L" = ", L"8080   "},
+        // With nothing after the equals sign, the sign is the value.
+        {L"key =", L"key", L" ", L"="},
+        // Kept, but not indexed.
+        {L" key=value"},
+        {L"\tkey=value"},
+        {L"# key = value"},
+        {L"   ## heading"},
+        {L"flag # on"},
+        {L"key="},
+        {L"key"},
+        {L""},
+        {L"[section]"},
+        {L"-key = 1"},
+    };
+    for (const Split& c : cases) {
+        expectSplit(c);
+    }
 }
 
 TEST(LineAnalysis, TokensSplitNamesAndNumbers) {
@@ -114,9 +104,9 @@ TEST(LineAnalysis, ScannerAgreesWithRegularExpressions) {
 
 TEST(LineAnalysis, VeryLongLinesAreAnalysedWhole) {
     const std::wstring value(300000, L'v');
-    expectKeyValue(L"key = " + value + L"   # note", L"key", L" = ", value);
+    expectSplit({L"key = " + value + L"   # note", L"key", L" = ", value});
     const std::wstring blanks(300000, L' ');
-    expectNoKey(blanks + L"x");
+    expectSplit({blanks + L"x"});
     EXPECT_EQ(grammar::stripNotes(blanks + L"# n"), L"");
     std::wstring numbers;
     for (int i = 0; i < 50000; ++i) {

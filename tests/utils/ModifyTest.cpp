@@ -25,14 +25,15 @@ protected:
 
 }  // namespace
 
-TEST_F(Modify, KeepsSeparatorAndNote) {
+TEST_F(Modify, KeepsSeparatorAndNoteAndChangesOnlyTheIndexedDuplicate) {
     CConfigEditor e;
-    loadText(e, "gain: 3   # factor\nspeed=1\nname , old#n\n");
+    loadText(e, "gain: 3   # factor\nspeed=1\nname , old#n\nx = 1\nx = 2\n");
     ASSERT_TRUE(e.modifyi("gain", 4));
     ASSERT_TRUE(e.modify("speed", "2.5"));
     ASSERT_TRUE(e.modifyw(L"name", L"new"));
-    EXPECT_EQ(texts(e),
-              (std::vector<std::wstring>{L"gain: 4   # factor", L"speed=2.5", L"name , new#n"}));
+    ASSERT_TRUE(e.modifyi("x", 7));
+    EXPECT_EQ(texts(e), (std::vector<std::wstring>{L"gain: 4   # factor", L"speed=2.5",
+                                                   L"name , new#n", L"x = 1", L"x = 7"}));
     EXPECT_EQ(e.getInteger("gain"), 4);
     EXPECT_EQ(e.getWString("name"), L"new");
     EXPECT_TRUE(e.getConfigFile()->modified);
@@ -49,13 +50,6 @@ TEST_F(Modify, FormatsTypedValues) {
                                                    L"b = true"}));
     ASSERT_TRUE(e.modifyb("b", false));
     EXPECT_EQ(e.getWString("b"), L"false");
-}
-
-TEST_F(Modify, OnlyTheIndexedDuplicateChanges) {
-    CConfigEditor e;
-    loadText(e, "x = 1\nx = 2\n");
-    ASSERT_TRUE(e.modifyi("x", 7));
-    EXPECT_EQ(texts(e), (std::vector<std::wstring>{L"x = 1", L"x = 7"}));
 }
 
 TEST_F(Modify, AbsentKeyWithoutAddChangesNothing) {
