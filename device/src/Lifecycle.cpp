@@ -9,9 +9,7 @@
 #include "sdk/TPWrapper.h"
 #include "utils/ConfigEditor.h"
 
-#ifdef PATHFINDER_HAVE_MARKER_TRACKER
 #include "tracking/TPScan_Markpoint.h"
-#endif
 
 namespace device {
 
@@ -72,10 +70,8 @@ CPathfinder::CPathfinder() : CDeviceBase(NEW_TYPE_OPTICAL_TRACKING) {
         m_pScanWrapper->m_nHeartBeatInterval = 0;
         m_pPripladDevices = new std::vector<SDK_NV::tagPripladDeviceData>();
         m_pLowPartConfig = new SDK_NV::tagLowPartConfig();
-#ifdef PATHFINDER_HAVE_MARKER_TRACKER
         m_pMarkpoint = new CTPScan_Markpoint();
         m_pMarkpoint->initLibrary();
-#endif
     } catch (const std::exception& e) {
         detail::logLine(std::string("device object incomplete: ") + e.what());
     }
@@ -89,13 +85,11 @@ CPathfinder::~CPathfinder() {
     m_pPripladDevices = nullptr;
     delete m_pLowPartConfig;
     m_pLowPartConfig = nullptr;
-#ifdef PATHFINDER_HAVE_MARKER_TRACKER
     if (m_pMarkpoint != nullptr) {
         m_pMarkpoint->freeLibrary();
         delete m_pMarkpoint;
         m_pMarkpoint = nullptr;
     }
-#endif
     for (auto& entry : m_mapTransferMatrix) {
         delete[] entry.second;
     }
@@ -197,11 +191,9 @@ emDeviceResult CPathfinder::emptyCache() {
         delete[] entry.second;
     }
     m_mapTransferMatrix.clear();
-#ifdef PATHFINDER_HAVE_MARKER_TRACKER
     if (m_pMarkpoint != nullptr) {
         m_pMarkpoint->clearLibrary();
     }
-#endif
     SendMatrix(true);
     return RESULT_SUCCESS;
 }
