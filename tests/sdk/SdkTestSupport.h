@@ -25,29 +25,32 @@ namespace sdktest {
 
 using namespace std::chrono_literals;
 
+template <typename T>
+std::unique_ptr<SDK_NV::CMessage_Base> copyAs(const SDK_NV::CMessage_Base* m) {
+    return std::make_unique<T>(*static_cast<const T*>(m));
+}
+
 inline std::unique_ptr<SDK_NV::CMessage_Base> cloneMessage(const SDK_NV::CMessage_Base* m) {
     using namespace SDK_NV;
     switch (m->getType()) {
         case MSG_CONNECT:
-            return std::make_unique<CMessage_Connect>(*static_cast<const CMessage_Connect*>(m));
+            return copyAs<CMessage_Connect>(m);
         case MSG_RECEIPT:
-            return std::make_unique<CMessage_Receipt>(*static_cast<const CMessage_Receipt*>(m));
+            return copyAs<CMessage_Receipt>(m);
         case MSG_DEVICE:
-            return std::make_unique<CMessage_Device>(*static_cast<const CMessage_Device*>(m));
+            return copyAs<CMessage_Device>(m);
         case MSG_BUTTON:
-            return std::make_unique<CMessage_Button>(*static_cast<const CMessage_Button*>(m));
+            return copyAs<CMessage_Button>(m);
         case MSG_FRAMEDATA:
-            return std::make_unique<CMessage_FrameData>(*static_cast<const CMessage_FrameData*>(m));
+            return copyAs<CMessage_FrameData>(m);
         case MSG_SCANDATA:
-            return std::make_unique<CMessage_ScanData>(*static_cast<const CMessage_ScanData*>(m));
+            return copyAs<CMessage_ScanData>(m);
         case MSG_CALIBDATA:
-            return std::make_unique<CMessage_CalibData>(*static_cast<const CMessage_CalibData*>(m));
+            return copyAs<CMessage_CalibData>(m);
         case MSG_LIGHTPEN:
-            return std::make_unique<CMessage_LightpenData>(
-                *static_cast<const CMessage_LightpenData*>(m));
+            return copyAs<CMessage_LightpenData>(m);
         case MSG_OPTIMIZATION:
-            return std::make_unique<CMessage_OptimizationData>(
-                *static_cast<const CMessage_OptimizationData*>(m));
+            return copyAs<CMessage_OptimizationData>(m);
         default:
             return nullptr;
     }
@@ -197,40 +200,31 @@ public:
     bool sendRaw(const std::string& bytes) {
         return SDK_NV::net::sendAll(m_client, bytes.data(), bytes.size());
     }
-    bool sendMessage(SDK_NV::CMessage_Base& m, uint32_t typeOverride = 0xFFFFFFFFu) {
+    bool sendMessage(SDK_NV::CMessage_Base& m) {
         std::vector<char> body;
-        if (m.pack(&body) < 0) {
-            return false;
-        }
-        return sendBody(
-            typeOverride == 0xFFFFFFFFu ? static_cast<uint32_t>(m.getType()) : typeOverride,
-            std::string(body.begin(), body.end()), m.getID());
+        return m.pack(&body) >= 0 && sendBody(static_cast<uint32_t>(m.getType()),
+                                              std::string(body.begin(), body.end()), m.getID());
     }
     bool sendBody(uint32_t type, const std::string& body, int id = 0) {
         std::string frame;
-        if (!SDK_NV::wire::encodeFrame(type, id, nullptr, ++m_seq, body.data(), body.size(),
-                                       frame)) {
-            return false;
-        }
-        return sendRaw(frame);
+        return SDK_NV::wire::encodeFrame(type, id, nullptr, ++m_seq, body.data(), body.size(),
+                                         frame) &&
+               sendRaw(frame);
     }
 
-    // Reads commands until one named `name` arrived (or the timeout); nullptr on timeout.
-    const sdk_link::Command* waitCommand(const std::string& name,
-                                         std::chrono::milliseconds timeout = 5s) {
-        return waitCommandWhere([&](const sdk_link::Command& c) { return c.name() == name; },
-                                timeout);
-    }
-
-    const sdk_link::Command* waitCommandWhere(
-        const std::function<bool(const sdk_link::Command&)>& match,
+    // Reads commands until one named `name` (and meeting `also`, when given) arrived; nullptr
+    // on timeout.
+    const sdk_link::Command* waitCommand(
+        const std::string& name,
+        const std::function<bool(const sdk_link::Command&)>& also = nullptr,
         std::chrono::milliseconds timeout = 5s) {
         const auto deadline = std::chrono::steady_clock::now() + timeout;
         size_t checked = 0;
         for (;;) {
             for (; checked < m_commands.size(); ++checked) {
-                if (match(m_commands[checked])) {
-                    return &m_commands[checked];
+                const sdk_link::Command& c = m_commands[checked];
+                if (c.name() == name && (!also || also(c))) {
+                    return &c;
                 }
             }
             const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(

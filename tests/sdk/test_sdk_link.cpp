@@ -1,7 +1,7 @@
 // The SDK's link against a plain TCP peer that plays the device side and misbehaves.
 #include <gtest/gtest.h>
 
-#include <cstdio>
+#include <filesystem>
 #include <fstream>
 
 #include "SdkTestSupport.h"
@@ -149,8 +149,8 @@ TEST_F(Link, CommandsCarryTheirNamesAndArguments) {
 
     // A changed interval is pushed without any call but the field write.
     wrapper.m_nHeartBeatInterval = 250;
-    c = peer.waitCommandWhere([](const sdk_link::Command& x) {
-        return x.name() == "setHeartBeatInterval" && x.args_size() == 1 && x.args(0).i() == 250;
+    c = peer.waitCommand("setHeartBeatInterval", [](const sdk_link::Command& x) {
+        return x.args_size() == 1 && x.args(0).i() == 250;
     });
     EXPECT_NE(c, nullptr);
     EXPECT_TRUE(eventually([&] { return wrapper.getLinkCounters().framesSent >= 6u; }));
@@ -301,16 +301,9 @@ TEST_F(Link, SavedFramesHoldTheFrameAsReceived) {
     EXPECT_EQ(wrapper.getLinkCounters().framesSaved, 1u);
 
     // Exactly one file, which decodes back into the same frame.
-    std::string path;
-    FILE* ls = ::popen(("ls " + folder).c_str(), "r");
-    char name[256];
-    while (ls != nullptr && std::fgets(name, sizeof(name), ls) != nullptr) {
-        path = folder + "/" + std::string(name, std::strcspn(name, "\n"));
-    }
-    if (ls != nullptr) {
-        ::pclose(ls);
-    }
-    ASSERT_FALSE(path.empty());
+    std::vector<std::filesystem::path> files(std::filesystem::directory_iterator(folder), {});
+    ASSERT_EQ(files.size(), 1u);
+    const std::string path = files[0].string();
     EXPECT_NE(path.find("_31.lfr"), std::string::npos);
     std::ifstream in(path, std::ios::binary);
     const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
@@ -328,8 +321,7 @@ TEST_F(Link, SavedFramesHoldTheFrameAsReceived) {
     ASSERT_EQ(sink.frames, 1);
     EXPECT_EQ(sink.got.getFrameID(), 31);
     EXPECT_EQ(sink.got.getScanData()->m_vecLaserPoints, frame->m_vecLaserPoints);
-    std::remove(path.c_str());
-    ::rmdir(folder.c_str());
+    std::filesystem::remove_all(folder);
 }
 
 TEST(LinkWithoutPeer, CommandsFailAndTheLinkKeepsTryingUntilADeviceListens) {

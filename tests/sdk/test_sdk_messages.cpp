@@ -56,21 +56,70 @@ std::shared_ptr<tagScanData> makeFrame(int points, int markers) {
     return f;
 }
 
+// A receipt with every member set.
+CMessage_Receipt fullReceipt() {
+    CMessage_Receipt r;
+    r.setReceiptKind(RECEIPT_LOWPART_CONFIG);
+    r.setWorkResponsInfo({1, 5, "late", "SCN"});
+    r.setHeartData({{1, "SCN", {120, 60}, {35.f, 36.f, 37.f}}});
+    tagCameraImageList images;
+    images.vecImages.push_back({"left", 640, 480, 0, {1, 2, 3}});
+    r.setCameraImages(images);
+    r.setLowPartConfig({4, 2, {"AIR-1", "AIR-2"}, "sys", 1, 1, 1});
+    r.setPripladDevices({{"pad", "AIR-1", "10.0.0.2", "1.0", 80, 90, 1, 2}});
+    r.setRemainingRGF({{{3, "laser", 0}, {5, "led", 0}}});
+    r.setCalibraResult(0.125);
+    lumora::DiagnosticInfo diag;
+    diag.set_strbarid("BAR");
+    r.setDiagnosisInfo(diag);
+    r.setTrackRangeLevel(2);
+    r.setTrackerBarState(1);
+    r.setWIFIConnectInfo({1, 2, "SCN", "wpa_state=COMPLETED"});
+    r.setWIFISignalStrength({"SCN", 70, -50, 6, 1});
+    r.setCalibFileName("cal.bin");
+    r.setFarLaserCalibResult(FAR_LASER_CALIB_FAILED);
+    r.setScannerDistance({312.5});
+    lumora::FirmwareVersionCheck check;
+    check.set_devicesn("SCN");
+    r.setFirmwareVersionCheck(check);
+    r.setViewPoints({1, 2, 3});
+    r.setFirmwareVersion("2.1.0");
+    return r;
+}
+
+std::vector<char> packed(CMessage_Base& m) {
+    std::vector<char> body;
+    EXPECT_GE(m.pack(&body), 0);
+    return body;
+}
+
+// Every field of the packed body carries a value: with every member filled, pack wrote each.
+template <typename Body>
+void expectEveryFieldWritten(CMessage_Base& m) {
+    const std::vector<char> bytes = packed(m);
+    Body body;
+    ASSERT_TRUE(body.ParseFromArray(bytes.data(), static_cast<int>(bytes.size())));
+    const auto* reflection = body.GetReflection();
+    for (int i = 0; i < body.GetDescriptor()->field_count(); ++i) {
+        const auto* field = body.GetDescriptor()->field(i);
+        EXPECT_TRUE(field->is_repeated() ? reflection->FieldSize(body, field) > 0
+                                         : reflection->HasField(body, field))
+            << field->name();
+    }
+}
+
+// Packs `in`, unpacks the body into a fresh message and checks that the copy packs to the
+// same bytes, so that nothing pack writes is lost by unpack.
 template <typename M>
 M roundTrip(M& in) {
-    std::vector<char> body;
-    const int n = in.pack(&body);
-    EXPECT_EQ(n, static_cast<int>(body.size()));
+    const std::vector<char> body = packed(in);
     M out;
     EXPECT_EQ(out.unpack(body.data(), static_cast<int>(body.size())), 0);
+    EXPECT_EQ(packed(out), body);
     return out;
 }
 
 }  // namespace
-
-// ---------------------------------------------------------------------------------------------
-// Copy semantics
-// ---------------------------------------------------------------------------------------------
 
 TEST(MessageCopy, CopyConstructorCopiesBaseFieldsAndOwnsDeviceIds) {
     CMessage_Button a;
@@ -86,13 +135,19 @@ TEST(MessageCopy, CopyConstructorCopiesBaseFieldsAndOwnsDeviceIds) {
     ASSERT_NE(b.getDeviceIds(), nullptr);
     EXPECT_NE(b.getDeviceIds(), a.getDeviceIds());  // its own copy
     EXPECT_EQ(*b.getDeviceIds(), ids);
-    EXPECT_EQ(b.getButtonCode(), 51);
-    EXPECT_EQ(b.getButtonAction(), 2);
+    EXPECT_EQ(packed(b), packed(a));
 
     // Changing the original afterwards does not reach the copy.
     ids.push_back("X");
     a.setDeviceIds(&ids);
     EXPECT_EQ(b.getDeviceIds()->size(), 2u);
+
+    // Handing a message its own list back keeps it; nullptr clears it.
+    a.setDeviceIds(a.getDeviceIds());
+    ASSERT_NE(a.getDeviceIds(), nullptr);
+    EXPECT_EQ(a.getDeviceIds()->back(), "X");
+    a.setDeviceIds(nullptr);
+    EXPECT_EQ(a.getDeviceIds(), nullptr);
 }
 
 TEST(MessageCopy, AssignmentReplacesEverythingIncludingClearedDeviceIds) {
@@ -101,7 +156,6 @@ TEST(MessageCopy, AssignmentReplacesEverythingIncludingClearedDeviceIds) {
     a.setConnect(true);
     a.setDeviceType(DEVICE_TRACKER);
     lumora::DeviceInfo info;
-    info.set_id("TRK-9");
     info.set_trackertype(3);
     a.setDeviceInfo(info);
     a.setDeviceSN("TRK-9");
@@ -112,25 +166,12 @@ TEST(MessageCopy, AssignmentReplacesEverythingIncludingClearedDeviceIds) {
     b = a;
     EXPECT_EQ(b.getID(), 7);
     EXPECT_EQ(b.getDeviceIds(), nullptr);
-    EXPECT_TRUE(b.getConnect());
-    EXPECT_EQ(b.getDeviceType(), DEVICE_TRACKER);
+    EXPECT_EQ(packed(b), packed(a));
     EXPECT_EQ(b.getDeviceInfo().trackertype(), 3);
-    EXPECT_EQ(b.getDeviceSN(), "TRK-9");
 
     const CMessage_Device& same = b;
     b = same;  // self-assignment keeps the state
     EXPECT_EQ(b.getDeviceSN(), "TRK-9");
-}
-
-TEST(MessageCopy, SettingOwnDeviceIdsPointerIsHarmless) {
-    CMessage_Connect a;
-    deviceids ids{"A"};
-    a.setDeviceIds(&ids);
-    a.setDeviceIds(a.getDeviceIds());
-    ASSERT_NE(a.getDeviceIds(), nullptr);
-    EXPECT_EQ(a.getDeviceIds()->front(), "A");
-    a.setDeviceIds(nullptr);
-    EXPECT_EQ(a.getDeviceIds(), nullptr);
 }
 
 TEST(MessageCopy, ScanDataCopiesShareTheFrameAndCopyTheMatrixBlock) {
@@ -144,90 +185,74 @@ TEST(MessageCopy, ScanDataCopiesShareTheFrameAndCopyTheMatrixBlock) {
     a.setTrackerMatrix(m);
 
     CMessage_ScanData b(a);
-    EXPECT_EQ(b.getScanData(), a.getScanData());
-    EXPECT_EQ(b.getScanData_Shared().use_count(), 3);  // a, b and the temporary
-    EXPECT_EQ(b.getFrameID(), 12);
-    EXPECT_EQ(std::memcmp(b.getTrackerMatrix(), m, sizeof(m)), 0);
-
     CMessage_ScanData c;
     c = a;
-    EXPECT_EQ(c.getScanData(), a.getScanData());
-    EXPECT_EQ(c.getTrackerMatrix()[15], 15.0);
+    EXPECT_EQ(b.getScanData_Shared().use_count(), 4);  // a, b, c and the temporary
+    for (CMessage_ScanData* copy : {&b, &c}) {
+        EXPECT_EQ(copy->getScanData(), a.getScanData());
+        EXPECT_EQ(copy->getFrameID(), 12);
+        EXPECT_EQ(std::memcmp(copy->getTrackerMatrix(), m, sizeof(m)), 0);
+    }
 }
 
 TEST(MessageCopy, ReceiptCopiesEveryMember) {
-    CMessage_Receipt a;
-    a.setReceiptKind(RECEIPT_WIFI_CONNECT);
-    a.setWorkResponsInfo({1, 5, "late", "SCN"});
-    a.setHeartData({{0, "TRK", {60}, {30.5f, 31.f, 32.f}}});
-    a.setCalibraResult(0.125);
-    tagWIFIConnectInfo wifi{1, 2, "SCN", "wpa_state=COMPLETED"};
-    a.setWIFIConnectInfo(wifi);
-    a.setFirmwareVersion("2.1.0");
-    lumora::DiagnosticInfo diag;
-    diag.set_strbarid("BAR");
-    a.setDiagnosisInfo(diag);
-
+    CMessage_Receipt a = fullReceipt();
+    expectEveryFieldWritten<sdk_link::ReceiptBody>(a);
     CMessage_Receipt b;
     b = a;
     CMessage_Receipt c(a);
-    for (const CMessage_Receipt* r : {&b, &c}) {
-        EXPECT_EQ(r->getReceiptKind(), RECEIPT_WIFI_CONNECT);
-        tagWorkRespons w;
-        ASSERT_TRUE(r->getWorkResponsInfo(&w));
-        EXPECT_EQ(w.state, 5);
-        std::vector<tagHeartData> hearts;
-        ASSERT_TRUE(r->getHeartData(&hearts));
-        ASSERT_EQ(hearts.size(), 1u);
-        EXPECT_FLOAT_EQ(hearts[0].temp[2], 32.f);
-        EXPECT_DOUBLE_EQ(r->getCalibraResult(), 0.125);
-        EXPECT_EQ(r->getWIFIConnectInfo().strEventMessage, "wpa_state=COMPLETED");
-        EXPECT_EQ(r->getFirmwareVersion(), "2.1.0");
-        EXPECT_EQ(r->getDiagnosisInfo().strbarid(), "BAR");
-    }
+    EXPECT_EQ(packed(b), packed(a));
+    EXPECT_EQ(packed(c), packed(a));
     EXPECT_FALSE(a.getWorkResponsInfo(nullptr));
 }
-
-// ---------------------------------------------------------------------------------------------
-// pack / unpack
-// ---------------------------------------------------------------------------------------------
 
 TEST(MessagePacking, ScanDataRoundTripKeepsEveryMember) {
     CMessage_ScanData a;
     a.setScanData(makeFrame(5, 3));
     a.setFrameID(99);
+    double m[16];
+    for (int i = 0; i < 16; ++i) {
+        m[i] = i + 1.0;
+    }
+    a.setTrackerMatrix(m);
+    expectEveryFieldWritten<sdk_link::ScanFrameBody>(a);
+
     CMessage_ScanData b = roundTrip(a);
     ASSERT_NE(b.getScanData(), nullptr);
     const tagScanData& x = *a.getScanData();
     const tagScanData& y = *b.getScanData();
     EXPECT_EQ(b.getFrameID(), 99);
+    EXPECT_EQ(std::memcmp(b.getTrackerMatrix(), m, sizeof(m)), 0);
     EXPECT_EQ(std::memcmp(x.m_dRotation, y.m_dRotation, sizeof(x.m_dRotation)), 0);
-    EXPECT_EQ(std::memcmp(x.m_dTranslation, y.m_dTranslation, sizeof(x.m_dTranslation)), 0);
-    EXPECT_EQ(y.m_nFrameValue, 77);
-    EXPECT_EQ(y.m_nFrameCount, 15);
-    EXPECT_FLOAT_EQ(y.m_fValue, 412.5f);
-    EXPECT_EQ(y.m_nAcquisitionKind, 1);
-    EXPECT_EQ(y.m_vecLaserLineCounts, x.m_vecLaserLineCounts);
     EXPECT_EQ(y.m_vecLaserPoints, x.m_vecLaserPoints);
     EXPECT_EQ(y.m_vecLaserNormals, x.m_vecLaserNormals);
-    EXPECT_EQ(y.m_vecLaserQuality, x.m_vecLaserQuality);
-    ASSERT_EQ(y.m_vecLaserLines.size(), 1u);
-    EXPECT_EQ(y.m_vecLaserLines[0].dPlane[3], -7);
-    EXPECT_EQ(y.m_vecMarkerIds, x.m_vecMarkerIds);
     EXPECT_EQ(y.m_vecMarkerCenters, x.m_vecMarkerCenters);
     EXPECT_EQ(y.m_vecMarkerNormals, x.m_vecMarkerNormals);
-    EXPECT_EQ(y.m_vecMarkerDiameters, x.m_vecMarkerDiameters);
     EXPECT_EQ(y.m_vecMarkerValid, x.m_vecMarkerValid);
-    EXPECT_EQ(y.m_strTrackerId, "TRK-1");
-    EXPECT_EQ(y.m_camParam.i_m_l(0), 1234.5);
-    EXPECT_EQ(y.m_mkImage.left_rt(0), 0.25);
-    ASSERT_EQ(y.m_vecHoles.size(), 1u);
-    EXPECT_EQ(y.m_vecHoles[0].nState, 7);
     EXPECT_EQ(y.m_vecHoles[0].vecEdgePoints, x.m_vecHoles[0].vecEdgePoints);
-    ASSERT_EQ(y.m_vecEdgeIndex.size(), 1u);
     EXPECT_FLOAT_EQ(y.m_vecEdgeIndex[0].fQuality, 0.75f);
-    ASSERT_EQ(y.m_vecEdgePoints.size(), 1u);
-    EXPECT_EQ(y.m_vecEdgePoints[0].dOutward[2], 1);
+}
+
+TEST(MessagePacking, ReceiptRoundTripCarriesEveryMember) {
+    CMessage_Receipt a = fullReceipt();
+    CMessage_Receipt b = roundTrip(a);
+    tagLowPartConfig config;
+    ASSERT_TRUE(b.getLowPartConfig(&config));
+    EXPECT_EQ(config.nSysId, 4);
+    EXPECT_EQ(config.vecPripladIds, (std::vector<std::string>{"AIR-1", "AIR-2"}));
+    std::vector<tagHeartData> hearts;
+    ASSERT_TRUE(b.getHeartData(&hearts));
+    ASSERT_EQ(hearts.size(), 1u);
+    EXPECT_EQ(hearts[0].framerate, (std::vector<int32_t>{120, 60}));
+    EXPECT_EQ(hearts[0].temp, (std::vector<float>{35.f, 36.f, 37.f}));
+    tagRemainingRGFs rgf;
+    b.getRemainingRGF(rgf);
+    ASSERT_EQ(rgf.vecRGF.size(), 2u);
+    EXPECT_EQ(rgf.vecRGF[1].strName, "led");
+    EXPECT_EQ(rgf.vecRGF[1].nCount, 5);
+    EXPECT_EQ(b.getWIFISignalStrength().nSignalDb, -50);
+    EXPECT_EQ(b.getFarLaserCalibResult(), FAR_LASER_CALIB_FAILED);
+    EXPECT_EQ(b.getViewPoints(), (std::vector<double>{1, 2, 3}));
 }
 
 TEST(MessagePacking, ScanBodyIsStandardProtocolBuffersBothWays) {
@@ -314,6 +339,13 @@ TEST(MessagePacking, InconsistentScanFrameIsRefusedBothWays) {
     a.setScanData(frame);
     std::vector<char> body;
     EXPECT_EQ(a.pack(&body), -1);
+    frame->m_vecMarkerDiameters.push_back(6.0);
+    frame->m_vecLaserLineCounts = {2};  // three points on lines of two
+    EXPECT_EQ(a.pack(&body), -1);
+    frame->m_vecLaserLineCounts = {1, 2};
+    EXPECT_GT(a.pack(&body), 0);
+    frame->m_vecLaserNormals.pop_back();
+    EXPECT_EQ(a.pack(&body), -1);
 
     // The same inconsistency built directly on the wire is refused by unpack, and the
     // message keeps its previous frame.
@@ -332,67 +364,6 @@ TEST(MessagePacking, InconsistentScanFrameIsRefusedBothWays) {
     auto before = b.getScanData_Shared();
     EXPECT_EQ(b.unpack(bytes.data(), static_cast<int>(bytes.size())), -1);
     EXPECT_EQ(b.getScanData(), before.get());
-}
-
-TEST(MessagePacking, LaserCountsMustAddUp) {
-    auto frame = makeFrame(4, 0);
-    frame->m_vecLaserLineCounts = {3};  // four points on the lines of three
-    CMessage_ScanData a;
-    a.setScanData(frame);
-    std::vector<char> body;
-    EXPECT_EQ(a.pack(&body), -1);
-    frame->m_vecLaserLineCounts = {1, 3};
-    EXPECT_GT(a.pack(&body), 0);
-    frame->m_vecLaserNormals.pop_back();
-    EXPECT_EQ(a.pack(&body), -1);
-}
-
-TEST(MessagePacking, ReceiptRoundTripCarriesTheKindSpecificMembers) {
-    CMessage_Receipt a;
-    a.setReceiptKind(RECEIPT_LOWPART_CONFIG);
-    tagLowPartConfig cfg;
-    cfg.nSysId = 4;
-    cfg.nUsePriplad = 2;
-    cfg.vecPripladIds = {"AIR-1", "AIR-2"};
-    a.setLowPartConfig(cfg);
-    a.setPripladDevices({{"pad", "AIR-1", "10.0.0.2", "1.0", 80, 90, 1, 2}});
-    tagRemainingRGFs rgf;
-    rgf.vecRGF = {{3, "laser", 0}, {5, "led", 0}};
-    a.setRemainingRGF(rgf);
-    a.setHeartData({{1, "SCN", {120, 60}, {35.f, 36.f, 37.f}}});
-    tagCameraImageList images;
-    images.vecImages.push_back({"left", 640, 480, 0, {1, 2, 3}});
-    a.setCameraImages(images);
-    a.setViewPoints({1, 2, 3});
-
-    CMessage_Receipt b = roundTrip(a);
-    tagLowPartConfig c2;
-    ASSERT_TRUE(b.getLowPartConfig(&c2));
-    EXPECT_EQ(c2.nSysId, 4);
-    EXPECT_EQ(c2.nUsePriplad, 2);
-    EXPECT_EQ(c2.vecPripladIds, cfg.vecPripladIds);
-    std::vector<tagPripladDeviceData> pads;
-    ASSERT_TRUE(b.getPripladDevices(&pads));
-    ASSERT_EQ(pads.size(), 1u);
-    EXPECT_EQ(pads[0].strDeviceId, "AIR-1");
-    EXPECT_EQ(pads[0].nCurElectric, 90);
-    tagRemainingRGFs r2;
-    b.getRemainingRGF(r2);
-    ASSERT_EQ(r2.vecRGF.size(), 2u);
-    EXPECT_EQ(r2.vecRGF[1].strName, "led");
-    EXPECT_EQ(r2.vecRGF[1].nCount, 5);
-    std::vector<tagHeartData> hearts;
-    b.getHeartData(&hearts);
-    ASSERT_EQ(hearts.size(), 1u);
-    EXPECT_EQ(hearts[0].kind, 1);
-    EXPECT_EQ(hearts[0].name, "SCN");
-    EXPECT_EQ(hearts[0].framerate, (std::vector<int32_t>{120, 60}));
-    EXPECT_EQ(hearts[0].temp, (std::vector<float>{35.f, 36.f, 37.f}));
-    tagCameraImageList i2;
-    b.getCameraImages(i2);
-    ASSERT_EQ(i2.vecImages.size(), 1u);
-    EXPECT_EQ(i2.vecImages[0].nHeight, 480);
-    EXPECT_EQ(i2.vecImages[0].vecData, (std::vector<uint8_t>{1, 2, 3}));
 }
 
 TEST(MessagePacking, SmallMessagesRoundTrip) {
@@ -438,19 +409,13 @@ TEST(MessagePacking, CalibDataRoundTrip) {
     cd.vecLattice = {1, 0, 1, 1, 0, 1};
     a.setScannerCalib(cd);
 
+    expectEveryFieldWritten<sdk_link::CalibDataBody>(a);
     CMessage_CalibData b = roundTrip(a);
-    EXPECT_EQ(b.getTrackerGrabIndex(), CALIB_STEP_SCANNER_CALIB);
-    EXPECT_EQ(b.getLocationNumber(), 6);
     double r2[9], t2[3];
     CLBBARPOSE pose;
     b.getTrackerPose(r2, t2, &pose);
     EXPECT_EQ(std::memcmp(r2, rot, sizeof(rot)), 0);
-    EXPECT_EQ(t2[2], 7);
     EXPECT_EQ(pose, CLBBAR_VERTICAL_POSE);
-    int rows = 0, cols = 0;
-    b.getBoardLattice(rows, cols);
-    EXPECT_EQ(rows, 9);
-    EXPECT_EQ(cols, 11);
     tagCalibData cd2;
     b.getScannerCalib(cd2);
     EXPECT_EQ(cd2.camera[1].dMatrix[2][3], 8.5);
