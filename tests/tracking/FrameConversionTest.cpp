@@ -60,14 +60,9 @@ TEST_F(FrameConversion, TheCameraBlockCarriesImagePointsParametersAndTheCamerasR
     ASSERT_TRUE(CTPScan_MarkpointAccess::Frame2MarkPoint(frame, marks, frameValue, false));
     ASSERT_EQ(marks.size(), 6u);
     const Quill::mark_data& m = marks[4];
-    EXPECT_EQ(m.img[0], 104.0f);
-    EXPECT_EQ(m.img[1], 200.0f);
-    EXPECT_EQ(m.img[2], 300.0f);
-    EXPECT_EQ(m.img[3], 404.0f);
-    EXPECT_EQ(m.cam_param[0], 2400.0);
-    EXPECT_EQ(m.cam_param[3], 1024.0);
-    EXPECT_EQ(m.cam_param[4], 2401.0);
-    EXPECT_EQ(m.cam_param[7], 1025.0);
+    EXPECT_EQ(std::vector<float>(m.img, m.img + 4), (std::vector<float>{104, 200, 300, 404}));
+    EXPECT_EQ(std::vector<double>(m.cam_param, m.cam_param + 8),
+              (std::vector<double>{2400, 2401, 1224, 1024, 2401, 2402, 1225, 1025}));
 
     // The twelve doubles carry a point from the first camera into the second.
     Eigen::Matrix3d R;

@@ -19,9 +19,7 @@ protected:
     Library() : scene(sim::MarkerScene::randomPart(60, 23)) {
         near = scene.nearestTo(scene.centroid(), 30);
         tracker.initLibrary();
-        for (auto& row : rt) {
-            std::fill(row, row + 3, kSentinel);
-        }
+        std::fill(&rt[0][0], &rt[0][0] + 12, kSentinel);
     }
 
     std::vector<int> nearest(int first, int last) const {
@@ -57,8 +55,8 @@ TEST_F(Library, FramesOfFourMarkersAreLeftAloneFramesOfFiveRegister) {
     SDK_NV::tagScanData four = view(nearest(0, 3), 1);
     EXPECT_EQ(tracker.addOneFrameToLibrary(four, out, rt, true), 0);
     EXPECT_TRUE(sameSet(out, filledSet()));
-    EXPECT_EQ(rt[0][0], kSentinel);
-    EXPECT_EQ(rt[3][2], kSentinel);
+    EXPECT_TRUE(untouched(&rt[0][0], 12, kSentinel));
+    EXPECT_FALSE(tracker.getResultData(out));  // nothing registered: nothing to optimise
 
     // Five markers seed the library; without returnMatchCount the result is the number of
     // markers written to `out`, labelled with the frame's per-marker validity values.
@@ -75,51 +73,42 @@ TEST_F(Library, FramesOfFourMarkersAreLeftAloneFramesOfFiveRegister) {
 }
 
 TEST_F(Library, AFrameIsRegisteredIntoTheSeedingFramesCoordinates) {
-    const sim::RigidMotion poseA = trackerPose(1);
-    const sim::RigidMotion poseB = trackerPose(2);
-    SDK_NV::tagScanData a = toScanData(viewOf(scene, nearest(0, 11), poseA), 1);
-    SDK_NV::tagScanData b = toScanData(viewOf(scene, nearest(4, 19), poseB), 2);
+    SDK_NV::tagScanData a = view(nearest(0, 11), 1);
+    SDK_NV::tagScanData b = view(nearest(4, 19), 2);
     device::tagRefMarkpointData out;
     ASSERT_EQ(tracker.addOneFrameToLibrary(a, out, rt, true), 12);
     EXPECT_EQ(tracker.addOneFrameToLibrary(b, out, rt, true), 8);  // near[4..11] are known
 
     // `out`: the frame's markers, in order, in the library's (= first frame's) coordinates.
+    const sim::RigidMotion poseA = trackerPose(1);
     const std::vector<int> indices = nearest(4, 19);
     ASSERT_EQ(out.labels.size(), indices.size());
     for (std::size_t i = 0; i < indices.size(); ++i) {
         const Eigen::Vector3d expected = poseA.inverse().apply(scene[indices[i]].position);
-        const Eigen::Vector3d p(out.positions[3 * i], out.positions[3 * i + 1],
-                                out.positions[3 * i + 2]);
-        EXPECT_LT((p - expected).norm(), 0.01);
+        EXPECT_LT((pointAt(out.positions, i) - expected).norm(), 0.01);
     }
     // `rt` carries library coordinates into the frame's: rt[c][r] = M(r, c).
-    const Eigen::Matrix4d M = (poseB.inverse() * poseA).matrix();
+    const Eigen::Matrix4d M = (trackerPose(2).inverse() * poseA).matrix();
     for (int c = 0; c < 4; ++c) {
         for (int r = 0; r < 3; ++r) {
             EXPECT_NEAR(rt[c][r], M(r, c), c == 3 ? 0.01 : 1e-5) << "rt[" << c << "][" << r << "]";
         }
     }
-}
 
-TEST_F(Library, TheShortFormWritesTheFirstRotationColumnAndTheTranslation) {
+    // The short form gives the number of markers written and only the first rotation column
+    // and the translation.
     CTPScan_Markpoint twin;
     twin.initLibrary();
-    SDK_NV::tagScanData a = view(nearest(0, 11), 1);
-    SDK_NV::tagScanData b = view(nearest(4, 19), 2);
-    device::tagRefMarkpointData out;
     double rt16[16];
     std::fill(rt16, rt16 + 16, kSentinel);
-    ASSERT_GT(tracker.addOneFrameToLibrary(a, out, rt, false), 0);
     ASSERT_GT(twin.addOneFrameToLibrary(a, rt16), 0);
-    ASSERT_EQ(tracker.addOneFrameToLibrary(b, out, rt, false), 16);
     ASSERT_EQ(twin.addOneFrameToLibrary(b, rt16), 16);
     for (int k = 0; k < 3; ++k) {
         EXPECT_EQ(rt16[k], rt[0][k]);
         EXPECT_EQ(rt16[4 + k], rt[3][k]);
     }
-    for (int k : {3, 7, 8, 9, 10, 11, 12, 13, 14, 15}) {
-        EXPECT_EQ(rt16[k], kSentinel) << k;
-    }
+    EXPECT_EQ(rt16[3], kSentinel);
+    EXPECT_TRUE(untouched(rt16 + 7, 9, kSentinel));
 }
 
 TEST_F(Library, AfterFreeLibraryEveryOperationFailsUntilClearLibrary) {
@@ -160,9 +149,7 @@ TEST_F(Library, AFixedSetIsInstalledButDeliversNoResults) {
     ASSERT_EQ(tracker.addOneFrameToLibrary(b, out, rt, true), 16);
     const std::vector<int> indices = nearest(10, 25);
     for (std::size_t i = 0; i < indices.size(); ++i) {
-        const Eigen::Vector3d p(out.positions[3 * i], out.positions[3 * i + 1],
-                                out.positions[3 * i + 2]);
-        EXPECT_LT((p - scene[indices[i]].position).norm(), 0.01);
+        EXPECT_LT((pointAt(out.positions, i) - scene[indices[i]].position).norm(), 0.01);
     }
     // ... and it was kept as the reference.
     double rt16[16];
@@ -212,12 +199,6 @@ TEST_F(Library, ResultLabelsArePositionsInTheOptimisersListWithGaps) {
         EXPECT_EQ(out.normals[3 * i + 2], static_cast<double>(r.nz));
         EXPECT_EQ(out.values[i], static_cast<double>(r.value));
     }
-}
-
-TEST_F(Library, WithNothingRegisteredTheOptimisationFails) {
-    device::tagRefMarkpointData out;
-    tracker.clearLibrary();
-    EXPECT_FALSE(tracker.getResultData(out));
 }
 
 TEST_F(Library, FrameAdditionAndHostCommandsMayOverlap) {

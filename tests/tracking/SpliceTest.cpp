@@ -41,9 +41,7 @@ protected:
                            near[5], near[11], near[6], near[7]};
         pose = trackerPose(5);
         observed = viewOf(scene, observedIndices, pose);
-        for (auto& row : rt) {
-            std::fill(row, row + 3, kSentinel);
-        }
+        std::fill(&rt[0][0], &rt[0][0] + 12, kSentinel);
     }
 
     sim::MarkerScene scene;
@@ -56,10 +54,6 @@ protected:
     CTPScan_Markpoint tracker;  // no library needed
     double rt[4][3];
 };
-
-Eigen::Vector3d pointAt(const std::vector<double>& v, std::size_t i) {
-    return Eigen::Vector3d(v[3 * i], v[3 * i + 1], v[3 * i + 2]);
-}
 
 TEST_F(Splice, MatchedMarkersKeepTheirLabelsNewOnesAreNumberedFromCountMinusOne) {
     const Observation o = observe(observed);
@@ -83,18 +77,11 @@ TEST_F(Splice, MatchedMarkersKeepTheirLabelsNewOnesAreNumberedFromCountMinusOne)
     EXPECT_EQ(added.values, (std::vector<double>{kMarkerDiameter, kMarkerDiameter}));
 
     // The pose: rt carries model coordinates into the observation's, rt[c][r] = M(r, c) with
-    // rt[3] the translation.
-    Eigen::Matrix3d R;
-    for (int c = 0; c < 3; ++c) {
-        for (int r = 0; r < 3; ++r) {
-            R(r, c) = rt[c][r];
-        }
-    }
+    // rt[3] the translation; its inverse maps the observation onto the model.
+    const Eigen::Matrix3d R = Eigen::Map<const Eigen::Matrix3d>(&rt[0][0]);
     const Eigen::Vector3d t(rt[3][0], rt[3][1], rt[3][2]);
-    std::vector<Eigen::Vector3d> inObservation, inModel;
-    truePoints(observed, scene, inObservation, inModel);
     EXPECT_LT(sim::rotationAngleDeg(R, pose.R.transpose()), 1e-3);
-    EXPECT_LT(worstMapping(R, t, inModel, inObservation), 1e-3);
+    EXPECT_LT(worstMapping(R.transpose(), -R.transpose() * t, observed, scene), 1e-3);
 }
 
 TEST_F(Splice, EmptyModelOrObservationReturnsMinusOneAndWritesNothing) {
@@ -146,17 +133,14 @@ TEST_F(Splice, MarkPointSplitNeedsOnlyThreeMatches) {
     ASSERT_EQ(tracker.MarkPointSplit(moving, model, rt16), 0);
     // TranRT layout of the moving-to-fixed transform, which is the observation's pose.
     EXPECT_LT(sim::rotationAngleDeg(rotationOf(rt16), pose.R), 1e-3);
-    std::vector<Eigen::Vector3d> inObservation, inModel;
-    truePoints(three, scene, inObservation, inModel);
-    EXPECT_LT(worstMapping(rotationOf(rt16), translationOf(rt16), inObservation, inModel), 1e-3);
-    EXPECT_EQ(rt16[3], 0.0);
-    EXPECT_EQ(rt16[15], 1.0);
+    EXPECT_LT(worstMapping(rotationOf(rt16), translationOf(rt16), three, scene), 1e-3);
+    EXPECT_TRUE(hasTranRTLayout(rt16));
 
     // Two markers are not enough; nothing is written.
     moving.labels.resize(2);
     std::fill(rt16, rt16 + 16, kSentinel);
     EXPECT_EQ(tracker.MarkPointSplit(moving, model, rt16), -1);
-    EXPECT_TRUE(std::all_of(rt16, rt16 + 16, [](double v) { return v == kSentinel; }));
+    EXPECT_TRUE(untouched(rt16, 16, kSentinel));
 }
 
 }  // namespace

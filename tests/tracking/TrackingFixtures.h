@@ -102,43 +102,45 @@ inline sim::RigidMotion trackerPose(std::uint64_t seed) {
     return pose;
 }
 
-// Row-major rotation and translation of a 16-double transform in the TranRT layout.
+// Point i of a flat x, y, z array.
+inline Eigen::Vector3d pointAt(const std::vector<double>& v, std::size_t i) {
+    return Eigen::Vector3d(v[3 * i], v[3 * i + 1], v[3 * i + 2]);
+}
+
+// True when all `n` values still hold `sentinel`: nothing was written.
+inline bool untouched(const double* values, int n, double sentinel) {
+    return std::all_of(values, values + n, [&](double v) { return v == sentinel; });
+}
+
+// A 16-double transform in the TranRT layout: rotation row by row in elements 0-2, 4-6, 8-10,
+// translation in 12-14, zeros in 3, 7, 11 and a one in 15.
 inline Eigen::Matrix3d rotationOf(const double* rt16) {
     Eigen::Matrix3d R;
-    for (int r = 0; r < 3; ++r) {
-        for (int c = 0; c < 3; ++c) {
-            R(r, c) = rt16[4 * r + c];
-        }
+    for (int k = 0; k < 9; ++k) {
+        R(k / 3, k % 3) = rt16[4 * (k / 3) + k % 3];
     }
     return R;
 }
 inline Eigen::Vector3d translationOf(const double* rt16) {
     return Eigen::Vector3d(rt16[12], rt16[13], rt16[14]);
 }
-
-// Largest distance between a transform (rotation R, translation t on column vectors) applied
-// to `from` and the points `to`: how well it maps a region, unlike a bare translation that
-// depends on the lever arm.
-inline double worstMapping(const Eigen::Matrix3d& R, const Eigen::Vector3d& t,
-                           const std::vector<Eigen::Vector3d>& from,
-                           const std::vector<Eigen::Vector3d>& to) {
-    double worst = 0.0;
-    for (std::size_t i = 0; i < from.size() && i < to.size(); ++i) {
-        worst = std::max(worst, (R * from[i] + t - to[i]).norm());
-    }
-    return worst;
+inline bool hasTranRTLayout(const double* rt16) {
+    return rt16[3] == 0.0 && rt16[7] == 0.0 && rt16[11] == 0.0 && rt16[15] == 1.0;
 }
 
-// The true markers of `frame`, exactly in the frame's coordinates and in the scene's.
-inline void truePoints(const sim::Frame& frame, const sim::MarkerScene& scene,
-                       std::vector<Eigen::Vector3d>& inFrame,
-                       std::vector<Eigen::Vector3d>& inScene) {
+// Largest distance between R p + t for the true markers p of `frame`, in the frame's
+// coordinates, and the same markers in the scene: how well the transform maps a region,
+// unlike a bare translation that depends on the lever arm.
+inline double worstMapping(const Eigen::Matrix3d& R, const Eigen::Vector3d& t,
+                           const sim::Frame& frame, const sim::MarkerScene& scene) {
+    double worst = 0.0;
     for (const sim::ObservedMarker& m : frame.markers) {
         if (m.truth >= 0) {
-            inScene.push_back(scene[m.truth].position);
-            inFrame.push_back(frame.pose.inverse().apply(scene[m.truth].position));
+            const Eigen::Vector3d p = scene[m.truth].position;
+            worst = std::max(worst, (R * frame.pose.inverse().apply(p) + t - p).norm());
         }
     }
+    return worst;
 }
 
 }  // namespace tracking_test
