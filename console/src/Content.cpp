@@ -433,6 +433,7 @@ bool Console::buildCalib(int step, const Fields& f, CMessage_CalibData& c,
             }
             if (ok) {
                 c.setTrackerPose(rot.data(), tr.data(), static_cast<CLBBARPOSE>(pose));
+                c.setLocationNumber(location);
             }
             break;
         }

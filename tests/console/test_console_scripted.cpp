@@ -582,10 +582,19 @@ TEST_F(Scripted, ACalibrationRunPlaysEveryModesSteps) {
         ASSERT_TRUE(console.control("calib run " + std::to_string(mode) + " value=-0.5"));
         const size_t to = barrier();
         std::vector<int> got;
+        std::vector<int> posedAt;  // the location each pose belongs to
         for (const auto* m : between(from, to, isType(MSG_CALIBDATA))) {
-            got.push_back(as<CMessage_CalibData>(m).getTrackerGrabIndex());
+            const auto& c = as<CMessage_CalibData>(m);
+            got.push_back(c.getTrackerGrabIndex());
+            if (c.getTrackerGrabIndex() == CALIB_STEP_TRACKER_POSE ||
+                c.getTrackerGrabIndex() == CALIB_STEP_TRACKER_POSE_LONG) {
+                posedAt.push_back(c.getLocationNumber());
+            }
         }
         EXPECT_EQ(got, steps) << "mode " << mode;
+        if (mode == CALIB_BAR || mode == CALIB_SCANNER_POSITION) {
+            EXPECT_EQ(posedAt, (std::vector<int>{1, 2})) << "mode " << mode;
+        }
         const auto results = between(from, to, isReceipt(RECEIPT_CALIB_RESULT));
         ASSERT_EQ(results.size(), 1u) << "mode " << mode;
         EXPECT_EQ(as<CMessage_Receipt>(results[0]).getCalibraResult(), -0.5);
