@@ -1,249 +1,788 @@
-// The module as a host uses it, against a real lumora_console on a private port. The console
-// is steered through its control lines (standard input).
+// The module as a host uses it, against a real lumora_console on a private port. The console is
+// steered through its control lines; its command log shows what the module sent.
 #include <gtest/gtest.h>
 
-#include <stdio.h>
 #include <stdlib.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <filesystem>
-#include <numeric>
-#include <thread>
+#include <fstream>
+#include <functional>
+#include <regex>
 
+#include "ConsoleProcess.h"
 #include "DeviceTestSupport.h"
 #include "platform/Platform.h"
 #include "sdk/Wire.h"
-
-#ifndef LUMORA_CONSOLE_PATH
-#error "LUMORA_CONSOLE_PATH names the console program"
-#endif
 
 namespace {
 
 using namespace device;
 using devtest::Event;
+using devtest::waitFor;
+using Lines = std::vector<std::string>;
 
-constexpr int kWaitMs = 10000;
-
-template <class Pred>
-bool waitFor(Pred done) {
-    for (int i = 0; i < kWaitMs / 5; ++i) {
-        if (done()) {
-            return true;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return done();
+std::string readFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
-// Points LUMORA_ENDPOINT at a free loopback port and shortens the device protocol's waits (in
-// this process and in every console it starts).
-void usePrivateEndpoint() {
-    const std::string endpoint = "127.0.0.1:" + std::to_string(devtest::freePort());
-    ::setenv(SDK_NV::wire::kEndpointEnv, endpoint.c_str(), 1);
-    devtest::useTestTimeScale();
+void writeFile(const std::string& path, const std::string& content) {
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    std::ofstream(path, std::ios::binary) << content;
 }
 
-// A console started by the test, with a pipe to its control lines.
-class ConsoleProcess {
-public:
-    explicit ConsoleProcess(const std::string& options = {}) {
-        const std::string command =
-            std::string("exec '") + LUMORA_CONSOLE_PATH + "' --heartbeat-ms 600000 " + options;
-        m_pipe = ::popen(command.c_str(), "w");
-    }
-    ~ConsoleProcess() {
-        if (m_pipe != nullptr) {
-            control("quit");
-            ::pclose(m_pipe);
-        }
-    }
-    bool running() const { return m_pipe != nullptr; }
-    void control(const std::string& line) {
-        std::fputs((line + "\n").c_str(), m_pipe);
-        std::fflush(m_pipe);
-    }
-
-private:
-    FILE* m_pipe = nullptr;
-};
+int count(const Lines& lines, const std::string& line) {
+    return static_cast<int>(std::count(lines.begin(), lines.end(), line));
+}
 
 class WithConsole : public ::testing::Test {
 protected:
     void SetUp() override {
-        annex = devtest::makeTempAnnex();  // no companion programs: init starts nothing
-        usePrivateEndpoint();
+        annex = devtest::makeTempAnnex();
+        commandLog = annex + "/commands.log";
+        resetThermalRecords();
+        recorder = std::make_shared<devtest::Recorder>();
     }
     void TearDown() override {
         device.reset();
         console.reset();
         std::filesystem::remove_all(annex);
     }
-    // Starts the console and brings the device up against it.
-    void connect(const std::string& options = {}) {
-        console = std::make_unique<ConsoleProcess>(options);
-        ASSERT_TRUE(console->running());
-        recorder = std::make_shared<devtest::Recorder>();
+
+    // A console with heartbeats on demand only, on `port` (0: a free one), for the devices
+    // created afterwards.
+    void startConsole(const Lines& options = {}, uint16_t port = 0) {
+        Lines args = {"--heartbeat-ms", "0",       "--setup",  "heartbeat period 0",
+                      "--fps",          "5",       "--points", "50",
+                      "--command-log",  commandLog};
+        args.insert(args.end(), options.begin(), options.end());
+        console = std::make_unique<sdktest::ConsoleProcess>();
+        ASSERT_TRUE(console->start(args, port));
+        ::setenv(SDK_NV::wire::kEndpointEnv, console->endpoint().c_str(), 1);
+    }
+    // Starts the console and brings the device up against it; the arrivals and the answers to
+    // the connection's own commands are behind us when it returns.
+    void connect(const Lines& options = {}) {
+        ASSERT_NO_FATAL_FAILURE(startConsole(options));
         device = std::make_unique<devtest::TestDevice>(recorder);
         ASSERT_EQ(device->init(), RESULT_SUCCESS);
-        // The console announces its devices on connection, and every state-0 answer counts as
-        // the last command's success: wait until a marker sent now comes back, so that the
-        // arrivals and the answers to the connection's own commands are behind us.
-        console->control("wifi connected-mark");
-        ASSERT_TRUE(waitFor([&] { return hasReply(REPLY_WIFI_STATE, "connected-mark"); }));
+        sync();
     }
-    bool hasReply(int code, const std::string& payload = {}) const {
-        for (const Event& e : recorder->of("reply")) {
-            if (e.a == code && (payload.empty() || e.payloadText == payload)) {
-                return true;
+    void control(const std::string& line) { ASSERT_TRUE(console->control(line)); }
+
+    // Returns once the device has handled every message the console sent before: control
+    // lines run in order, so a Wi-Fi report sent now arrives after them.
+    void settle() {
+        const std::string mark = "~settle " + std::to_string(++m_marks);
+        control("wifi " + mark);
+        ASSERT_TRUE(waitFor([&] { return !recorder->replies(REPLY_WIFI_STATE, mark).empty(); }));
+    }
+    // Returns once the console has handled every command the device sent before and the device
+    // has handled the answers: a command of its own is logged behind them. The log size.
+    size_t sync() {
+        const std::string name = "sync " + std::to_string(++m_marks);
+        device->setCustomDepth(name, 0, 0);
+        const std::string line = "setCustomDepth \"" + name + "\" 0 0";
+        size_t at = 0;
+        EXPECT_TRUE(waitFor([&] {
+            const Lines log = logged();
+            at = static_cast<size_t>(std::find(log.begin(), log.end(), line) - log.begin()) + 1;
+            return at <= log.size();
+        })) << line;
+        settle();
+        return at;
+    }
+    // The console's command log, its comment lines left out.
+    Lines logged() const {
+        Lines out;
+        std::ifstream in(commandLog);
+        for (std::string l; std::getline(in, l);) {
+            if (l.rfind('#', 0) != 0) {
+                out.push_back(l);
             }
         }
-        return false;
+        return out;
+    }
+    // The commands `op` sent, in order.
+    Lines sent(const std::function<void()>& op) {
+        const size_t from = sync();
+        op();
+        const size_t to = sync();
+        const Lines log = logged();
+        return to > from && to <= log.size() ? Lines(log.begin() + from, log.begin() + to - 1)
+                                             : Lines{"<log out of order>"};
+    }
+    // Host callbacks, the settle marks left out.
+    std::vector<Event> events() const {
+        std::vector<Event> out;
+        for (const Event& e : recorder->events()) {
+            if (!(e.a == REPLY_WIFI_STATE && e.payloadText.rfind("~settle", 0) == 0)) {
+                out.push_back(e);
+            }
+        }
+        return out;
     }
 
     std::string annex;
-    std::unique_ptr<ConsoleProcess> console;
+    std::string commandLog;
+    std::unique_ptr<sdktest::ConsoleProcess> console;
     std::shared_ptr<devtest::Recorder> recorder;
     std::unique_ptr<devtest::TestDevice> device;
+
+private:
+    int m_marks = 0;
 };
 
 // --- lifecycle --------------------------------------------------------------------------------
 
-TEST_F(WithConsole, InitTwiceKeepsTheConnection) {
+TEST_F(WithConsole, InitTwiceKeepsTheOneConnection) {
     connect();
     EXPECT_EQ(device->init(), RESULT_SUCCESS);
+    sync();
     EXPECT_TRUE(device->isConnected());
-    int connections = 0;
-    for (const Event& e : recorder->of("reply")) {
-        connections += e.a == REPLY_SDK_CONNECTED ? 1 : 0;
-    }
-    EXPECT_EQ(connections, 1);
+    EXPECT_EQ(recorder->replies(REPLY_SDK_CONNECTED).size(), 1u);
+    // The SDK announces its heartbeat interval once per connection.
+    EXPECT_EQ(count(logged(), "setHeartBeatInterval 0"), 1);
+}
+
+TEST_F(WithConsole, InitAfterAFailedInitFindsTheLinkUp) {
+    const uint16_t port = devtest::freePort();
+    const std::string endpoint = "127.0.0.1:" + std::to_string(port);
+    ::setenv(SDK_NV::wire::kEndpointEnv, endpoint.c_str(), 1);
+    device = std::make_unique<devtest::TestDevice>(recorder);
+    EXPECT_EQ(device->init(), RESULT_FAILED);  // nobody listens, no console to start
+    EXPECT_FALSE(device->hasInit());
+    // The devices come up late; the SDK keeps trying and its connection message arrives
+    // before the next init.
+    ASSERT_NO_FATAL_FAILURE(startConsole({}, port));
+    ASSERT_TRUE(waitFor([&] { return device->isConnected(); }));
+    EXPECT_EQ(device->init(), RESULT_SUCCESS);
+    EXPECT_TRUE(device->hasInit());
+}
+
+TEST_F(WithConsole, ClearClosesTheLink) {
+    connect({"--lowpart-version", "2.4.1"});
+    EXPECT_EQ(device->getLowpartVersion(), RESULT_SUCCESS);
+    ASSERT_EQ(recorder->replies(REPLY_LOWPART_VERSION).size(), 1u);
+    EXPECT_EQ(recorder->replies(REPLY_LOWPART_VERSION)[0].payloadText, "2.4.1");
+    EXPECT_EQ(device->clear(), RESULT_SUCCESS);
+    EXPECT_FALSE(device->hasInit());
+    EXPECT_EQ(device->getLowpartVersion(), RESULT_FAILED);
+    EXPECT_EQ(device->controlLaserOn(), RESULT_SEND_REFUSED);
+    EXPECT_FALSE(device->isTriggerActive());
+}
+
+TEST_F(WithConsole, EmptyCacheAndTrackPreviewerCommandSequences) {
+    connect();
+    ASSERT_EQ(device->setWorkingDevice({"SCN0001"}), RESULT_SUCCESS);
+    const Lines cache = sent([&] { EXPECT_EQ(device->emptyCache(), RESULT_SUCCESS); });
+    ASSERT_EQ(cache.size(), 2u);
+    EXPECT_EQ(cache[0], "clearMarkpointData 0");  // trackers
+    EXPECT_EQ(cache[1].rfind("setTransforRT raw(", 0), 0u) << cache[1];
+    EXPECT_TRUE(device->workingDevices().empty());
+
+    EXPECT_EQ(sent([&] { EXPECT_EQ(device->EnterTrackPreviewer(), RESULT_SUCCESS); }),
+              (Lines{"setTrigger false []", "setWorkBusiness 32", "setTrigger true []",
+                     "setImageMode 10"}));
 }
 
 // --- laser ------------------------------------------------------------------------------------
 
-TEST_F(WithConsole, LaserOnTwiceGives8) {
+TEST_F(WithConsole, LaserOnTwiceGives8AndTheBusyLaserRefusesChanges) {
     connect();
+    ASSERT_EQ(device->setWorkingDevice({"SCN0001"}), RESULT_SUCCESS);
+    testing::internal::CaptureStdout();
     EXPECT_EQ(device->controlLaserOn(), RESULT_SUCCESS);
-    EXPECT_EQ(device->controlLaserOn(), RESULT_BUSY_SCANNING);
-    EXPECT_EQ(device->controlLaserOff(), RESULT_SUCCESS);
+    const std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_TRUE(
+        std::regex_search(out, std::regex(R"(\[\d{4}-\d\d-\d\d \d\d:\d\d:\d\d:\d{3}\] Trigger\n)")))
+        << out;
+    EXPECT_EQ(count(logged(), "setTrigger true [SCN0001]"), 1);
+
+    const Lines refused = sent([&] {
+        EXPECT_EQ(device->controlLaserOn(), RESULT_BUSY_SCANNING);
+        EXPECT_EQ(device->setWorkingDevice({"TRK0001"}), RESULT_BUSY_SCANNING);
+        EXPECT_EQ(device->setScanObject(SCAN_OBJECT_SURFACE, false), RESULT_BUSY_SCANNING);
+        EXPECT_EQ(device->setDynamicTracking(SCAN_OBJECT_MARKPOINT), RESULT_BUSY_SCANNING);
+        EXPECT_EQ(device->setTrackingScanner(), RESULT_BUSY_SCANNING);
+        EXPECT_EQ(device->setDeviceCalibraMode(CALIBRA_MODE_LASER), RESULT_BUSY_SCANNING);
+        EXPECT_EQ(device->setStartCalibration(), RESULT_BUSY_SCANNING);
+    });
+    EXPECT_EQ(refused, Lines{});
+    EXPECT_EQ(device->workingDevices(), Lines{"SCN0001"});
+
+    EXPECT_EQ(sent([&] { EXPECT_EQ(device->controlLaserOff(), RESULT_SUCCESS); }),
+              Lines{"setTrigger false []"});
+    EXPECT_FALSE(device->isTriggerActive());
     EXPECT_EQ(device->controlLaserOn(), RESULT_SUCCESS);
-    device->controlLaserOff();
 }
 
-TEST_F(WithConsole, TriggerTimeoutGives7) {
+TEST_F(WithConsole, TriggerVerdictsFollowTheAnswerState) {
     connect();
-    console->control("answer setTrigger 5");
-    // The control line and the command travel on different paths: retry until the console
-    // has taken the line.
-    emDeviceResult r = device->controlLaserOn();
-    for (int i = 0; i < 20 && r != RESULT_TRIGGER_TIMEOUT; ++i) {
+    const struct {
+        const char* answer;
+        emDeviceResult result;
+    } cases[] = {
+        {"answer setTrigger 5 1", RESULT_TRIGGER_TIMEOUT},
+        {"answer setTrigger 3 1", RESULT_TRIGGER_REJECTED},
+        {"answer setTrigger 4 1", RESULT_TRIGGER_REJECTED},
+        {"answer setTrigger none 1", RESULT_NO_ANSWER},
+        {"answer setTrigger 0 1", RESULT_SUCCESS},
+    };
+    for (const auto& c : cases) {
+        control(c.answer);
+        EXPECT_EQ(device->controlLaserOn(), c.result) << c.answer;
+        // Whatever the verdict, the laser is busy until it is switched off.
+        EXPECT_TRUE(device->isTriggerActive()) << c.answer;
         device->controlLaserOff();
-        r = device->controlLaserOn();
+        sync();  // the answer to the switch-off must not count for the next trigger
     }
-    EXPECT_EQ(r, RESULT_TRIGGER_TIMEOUT);
-}
-
-TEST_F(WithConsole, RejectedTriggerGives12) {
-    connect();
-    // A trigger naming a device that is not there is refused (state 3).
+    // The console refuses a trigger naming a device that is not there.
     ASSERT_EQ(device->setWorkingDevice({"NO-SUCH-DEVICE"}), RESULT_SUCCESS);
     EXPECT_EQ(device->controlLaserOn(), RESULT_TRIGGER_REJECTED);
-    EXPECT_TRUE(device->isTriggerActive());  // a rejection does not end the busy state
-    device->controlLaserOff();
 }
 
-// --- events -----------------------------------------------------------------------------------
+TEST_F(WithConsole, OnlyAnEndingStateOfTheTriggersOwnResponseEndsTheBusyLaser) {
+    connect();
+    ASSERT_EQ(device->controlLaserOn(), RESULT_SUCCESS);
+    control("response 7 200");
+    control("response 154 -2");
+    settle();
+    EXPECT_TRUE(device->isRejected());
+    EXPECT_TRUE(device->isTriggerActive());
+    control("response 1 200");
+    settle();
+    EXPECT_FALSE(device->isTriggerActive());
+}
 
-TEST_F(WithConsole, Model3TrackerGetsHighFrameRate5BeforeItsState) {
-    connect("--tracker-model 3 --tracker-id TRK-M3");
-    ASSERT_TRUE(waitFor([&] { return !recorder->of("highframerate").empty(); }));
-    ASSERT_TRUE(waitFor([&] { return recorder->of("state").size() >= 2; }));
-    const std::vector<Event> events = recorder->events();
-    size_t rate = events.size();
-    size_t state = events.size();
-    for (size_t i = 0; i < events.size(); ++i) {
-        if (events[i].what == "highframerate" && rate == events.size()) {
-            rate = i;
-            EXPECT_EQ(events[i].a, 5);
-        }
-        if (events[i].what == "state" && events[i].text == "TRK-M3") {
-            state = i;
-        }
+TEST_F(WithConsole, TriggerLaserIgnoresTheVerdictButHonoursTheLock) {
+    connect();
+    control("answer setTrigger 5 1");
+    EXPECT_EQ(device->setTriggerLaser(true), RESULT_SUCCESS);
+    EXPECT_EQ(device->lastCommandResult(), RESULT_TRIGGER_TIMEOUT);
+    device->setLaserLock(true);
+    EXPECT_TRUE(sent([&] { EXPECT_EQ(device->setTriggerLaser(false), RESULT_FAILED); }).empty());
+    EXPECT_TRUE(device->isTriggerActive());
+}
+
+// --- devices and the link ---------------------------------------------------------------------
+
+TEST_F(WithConsole, SdkDisconnectionReportsEveryDeviceThenTheLink) {
+    connect({"--setup", "device TRK0002 on kind=tracker errors=3"});
+    int n = 0;
+    std::shared_ptr<tagDeviceInfoList> list;
+    ASSERT_EQ(device->getDeviceInfo(&n, &list), RESULT_SUCCESS);
+    ASSERT_EQ(n, 3);
+    EXPECT_EQ(list->infos[1].serialText(), "SCN0001");
+    EXPECT_EQ(list->infos[1].kind, DEVICE_TYPE_SCANNER);
+    EXPECT_EQ(list->infos[0].state, STATE_READY);
+    EXPECT_EQ(list->infos[2].state, STATE_CAMERA_OPEN_FAILED);
+
+    recorder->clear();
+    testing::internal::CaptureStdout();
+    control("drop");
+    const bool reported =
+        waitFor([&] { return !recorder->replies(REPLY_SDK_DISCONNECTED).empty(); });
+    const std::string out = testing::internal::GetCapturedStdout();
+    ASSERT_TRUE(reported);
+    EXPECT_NE(out.find("disconnect 1533\ndisconnect 1533\ndisconnect 1541\n"), std::string::npos)
+        << out;
+    const std::vector<Event> e = events();
+    ASSERT_GE(e.size(), 4u);
+    const std::pair<const char*, int> expected[] = {{"TRK0001", DEVICE_TYPE_TRACKER},
+                                                    {"TRK0002", DEVICE_TYPE_TRACKER},
+                                                    {"SCN0001", DEVICE_TYPE_SCANNER}};
+    for (size_t i = 0; i < 3; ++i) {
+        EXPECT_EQ(e[i].what, "state");
+        EXPECT_EQ(e[i].a, STATE_DISCONNECTED);
+        EXPECT_EQ(e[i].text, expected[i].first);
+        EXPECT_EQ(e[i].b, expected[i].second);
     }
-    ASSERT_LT(state, events.size());
-    EXPECT_LT(rate, state);
-    EXPECT_EQ(events[state].a, STATE_READY);
-    EXPECT_EQ(events[state].values[0], 3.0);  // model
+    EXPECT_EQ(e[3].what, "reply");
+    EXPECT_EQ(e[3].a, REPLY_SDK_DISCONNECTED);
 }
 
-TEST_F(WithConsole, ButtonWifiAndDropReachTheHost) {
+TEST_F(WithConsole, ArrivalSetsTheFrameRateOfItsModelBeforeItsState) {
+    connect();
+    const struct {
+        int model;
+        int rate;  // 0: none
+    } cases[] = {{1, 0}, {2, 3}, {3, 5}};
+    for (const auto& c : cases) {
+        const std::string id = "TRK-M" + std::to_string(c.model);
+        recorder->clear();
+        const Lines s = sent([&] {
+            control("device " + id + " on kind=tracker model=" + std::to_string(c.model));
+            settle();
+        });
+        const std::vector<Event> e = events();
+        ASSERT_GE(e.size(), c.rate != 0 ? 3u : 2u) << id;
+        size_t i = 0;
+        if (c.rate != 0) {
+            EXPECT_EQ(s.at(0), "setHighFrameRate " + std::to_string(c.rate));
+            EXPECT_EQ(e[i].what, "highframerate");
+            EXPECT_EQ(e[i++].a, c.rate);
+        }
+        EXPECT_EQ(
+            std::count_if(s.begin(), s.end(),
+                          [](const std::string& l) { return l.rfind("setHighFrameRate", 0) == 0; }),
+            c.rate != 0 ? 1 : 0);
+        EXPECT_EQ(e[i].what, "state");
+        EXPECT_EQ(e[i].a, STATE_READY);
+        EXPECT_EQ(e[i].text, id);
+        EXPECT_EQ(e[i++].values.at(0), c.model);
+        EXPECT_EQ(e[i].a, REPLY_DEVICE_INFO);
+        EXPECT_EQ(e[i].text, id);
+        EXPECT_EQ(e[i].payloadText, id);
+    }
+    // A departure reports the device as disconnected.
+    recorder->clear();
+    control("device SCN0001 off");
+    settle();
+    const std::vector<Event> gone = events();
+    ASSERT_EQ(gone.size(), 1u);
+    EXPECT_EQ(gone[0].a, STATE_DISCONNECTED);
+    EXPECT_EQ(gone[0].b, DEVICE_TYPE_SCANNER);
+    EXPECT_EQ(gone[0].text, "SCN0001");
+}
+
+// --- buttons, Wi-Fi, responses and receipts ---------------------------------------------------
+
+TEST_F(WithConsole, Button51WithAction2IsButton0Action2) {
     connect();
     recorder->clear();
-    console->control("button 51 2");
-    console->control("wifi wpa_state=ASSOCIATED");
-    ASSERT_TRUE(waitFor([&] { return hasReply(REPLY_WIFI_STATE); }));
+    control("button 51 2");
+    settle();
     const auto buttons = recorder->of("button");
     ASSERT_EQ(buttons.size(), 1u);
     EXPECT_EQ(buttons[0].a, BUTTON_FIRST);
     EXPECT_EQ(buttons[0].b, BUTTON_ACTION_LONG_PRESS);
-    EXPECT_TRUE(hasReply(REPLY_WIFI_STATE, "network card consulted with router "));
-
-    recorder->clear();
-    console->control("drop");
-    ASSERT_TRUE(waitFor([&] { return hasReply(REPLY_SDK_DISCONNECTED); }));
-    const auto events = recorder->events();
-    ASSERT_GE(events.size(), 3u);
-    EXPECT_EQ(events[0].a, STATE_DISCONNECTED);
-    EXPECT_EQ(events[0].b, DEVICE_TYPE_TRACKER);
-    EXPECT_EQ(events[1].a, STATE_DISCONNECTED);
-    EXPECT_EQ(events[1].b, DEVICE_TYPE_SCANNER);
-    EXPECT_EQ(events[2].a, REPLY_SDK_DISCONNECTED);
 }
 
-TEST_F(WithConsole, HeartbeatsKeepARunningMeanOfTheLast120) {
-    connect("--tracker-id TRK-H");
-    resetThermalRecords();
-    for (int i = 0; i < 121; ++i) {
-        console->control("heartbeat");
-    }
-    std::vector<float> samples;
-    const auto trackerBeats = [&] {
-        samples.clear();
-        for (const Event& e : recorder->of("reply")) {
-            if (e.a == REPLY_THERMAL_BALANCE && e.text == "TRK-H") {
-                samples.push_back(e.thermal.newest);
-            }
-        }
-        return samples.size() >= 121;
+TEST_F(WithConsole, WifiTextsReachTheHostTranslated) {
+    connect();
+    const struct {
+        const char* line;
+        const char* text;  // null: no Wi-Fi report
+    } cases[] = {
+        {"wifi wpa_state=ASSOCIATED", "network card consulted with router "},
+        {"wifi wpa_state=COMPLETED", "complete connection"},
+        {"wifi wpa_state=SCANNING ", "wpa_state=SCANNING "},  // not a whole state text
+        // A firmware check and a calibration result end in the Wi-Fi report too.
+        {"receipt 14 wifi=wpa_state=DISCONNECTED", "network card disconnected"},
+        {"receipt 15 value=0.5 wifi=wpa_state=SCANNING", "network card Scaning_Router"},
+        {"receipt 8 wifi=wpa_state=COMPLETED", nullptr},
     };
-    ASSERT_TRUE(waitFor(trackerBeats));
-    const tagDeviceThermalBalance last = getThermalRecords().at("TRK-H");
+    for (const auto& c : cases) {
+        recorder->clear();
+        control(c.line);
+        settle();
+        const std::vector<Event> e = events();
+        if (c.text == nullptr) {
+            EXPECT_TRUE(e.empty()) << c.line;
+            continue;
+        }
+        ASSERT_EQ(e.size(), 1u) << c.line;
+        EXPECT_EQ(e[0].a, REPLY_WIFI_STATE) << c.line;
+        EXPECT_EQ(e[0].payloadText, c.text) << c.line;
+    }
+}
+
+TEST_F(WithConsole, DeviceResponsesReachTheHost) {
+    connect();
+    const struct {
+        const char* line;
+        const char* what;
+        int a;
+    } cases[] = {
+        {"response 159 7", "fastcali", FAST_CALI_FINISHED},
+        {"response 192 7", "nodata", 0},
+        {"response 300 7", "retrigger", 0},
+        {"response 20 16", "state", STATE_DEVICE_NOTICE},
+        {"response 3 112 lamp  worn", "reply", REPLY_DEVICE_TEXT},
+    };
+    for (const auto& c : cases) {
+        recorder->clear();
+        control(c.line);
+        settle();
+        const std::vector<Event> e = events();
+        ASSERT_EQ(e.size(), 1u) << c.line;
+        EXPECT_EQ(e[0].what, c.what) << c.line;
+        EXPECT_EQ(e[0].a, c.a) << c.line;
+    }
+    EXPECT_EQ(recorder->of("reply")[0].payloadText, "lamp  worn");
+
+    // Calibration states count only while a calibration of mode 2 or above is chosen; device
+    // states 11, 12, 13 are the host's 13, 12, 14.
+    recorder->clear();
+    ASSERT_EQ(device->setDeviceCalibraMode(CALIBRA_MODE_SCANNER), RESULT_SUCCESS);
+    control("response 3 11");
+    settle();
+    EXPECT_TRUE(events().empty());
+    ASSERT_EQ(device->setDeviceCalibraMode(CALIBRA_MODE_TRACKER_BAR), RESULT_SUCCESS);
+    control("response 3 11");
+    control("response 3 12");
+    control("response 3 13");
+    settle();
+    std::vector<int> states;
+    for (const Event& e : recorder->of("state")) {
+        states.push_back(e.a);
+    }
+    EXPECT_EQ(states, (std::vector<int>{STATE_CALIB_POSE_DONE, STATE_CALIB_STEP_DONE,
+                                        STATE_CALIB_COMPLETE}));
+}
+
+TEST_F(WithConsole, ReceiptsReachTheHost) {
+    connect();
+    recorder->clear();
+    control("receipt 9 item=laser:5 item=lamp:2 item=laser:9");
+    control("receipt 4 image=left:640:480:1 image=right:320:240:0");
+    control("receipt 1");  // a track-range level: nothing for the host
+    settle();
+    const std::vector<Event> e = events();
+    ASSERT_EQ(e.size(), 3u);
+    EXPECT_EQ(e[0].a, REPLY_REMAINING_RESOURCES);
+    EXPECT_EQ(e[0].counts, (std::map<std::string, int>{{"lamp", 2}, {"laser", 9}}));
+    EXPECT_EQ(e[1].what, "image");
+    EXPECT_EQ(std::vector<int>({e[1].a, e[1].b, e[1].c}), std::vector<int>({1, 640, 480}));
+    EXPECT_EQ(e[1].text, "left");
+    EXPECT_EQ(e[2].text, "right");
+}
+
+// --- heartbeats -------------------------------------------------------------------------------
+
+TEST_F(WithConsole, HeartbeatsKeepARunningMeanOfTheLast120Samples) {
+    connect();
+    control("temperature TRK0001 ramp 25 0.25");  // 25, 25.25, ... 55 for the 121st
+    recorder->clear();
+    control("heartbeat 121");
+    settle();
+    EXPECT_EQ(recorder->replies(REPLY_THERMAL_BALANCE).size(), 242u);
+    EXPECT_EQ(recorder->of("state").size(), 242u);
+    EXPECT_EQ(recorder->of("state")[1].a, STATE_HEARTBEAT);
+    EXPECT_EQ(recorder->of("state")[1].b, DEVICE_TYPE_SCANNER);
+
+    const tagDeviceThermalBalance last = getThermalRecords().at("TRK0001");
     ASSERT_EQ(last.samples.size(), 120u);
-    const double exact = std::accumulate(samples.end() - 120, samples.end(), 0.0) / 120.0;
-    EXPECT_NEAR(last.mean, exact, 1e-3);
-    EXPECT_EQ(last.oldest, samples[samples.size() - 120]);
+    EXPECT_FLOAT_EQ(last.oldest, 25.25f);
+    EXPECT_FLOAT_EQ(last.newest, 55.0f);
+    EXPECT_NEAR(last.mean, (25.25 + 55.0) / 2.0, 1e-3);
+    EXPECT_FLOAT_EQ(last.temperature2, 54.0f);  // the others are one below and one above
+    EXPECT_FLOAT_EQ(last.temperature3, 56.0f);
+
+    // The host receives the whole map once per device, in name order.
+    recorder->clear();
+    EXPECT_EQ(device->getDeviceTemperature(), RESULT_SUCCESS);
+    const auto records = recorder->replies(REPLY_THERMAL_RECORD);
+    ASSERT_EQ(records.size(), 2u);
+    EXPECT_EQ(records[0].text, "SCN0001");
+    EXPECT_EQ(records[1].text, "TRK0001");
+    EXPECT_EQ(records[0].values, std::vector<double>{2.0});
+}
+
+// --- commands ---------------------------------------------------------------------------------
+
+TEST_F(WithConsole, OutOfRangeAndUnsupportedSettingsSendNothing) {
+    connect();
+    int unused = 0;
+    const Lines s = sent([&] {
+        EXPECT_EQ(device->setLEDExposure(1.01f), RESULT_OUT_OF_RANGE);
+        EXPECT_EQ(device->setLEDExposure(-0.5f), RESULT_OUT_OF_RANGE);
+        EXPECT_EQ(device->setLEDExposure(std::nanf("")), RESULT_OUT_OF_RANGE);
+        EXPECT_EQ(device->setLaserExposure(10.5f, unused), RESULT_OUT_OF_RANGE);
+        EXPECT_EQ(device->setDeviceLaserType(LASER_TYPE_UNAVAILABLE), RESULT_NOT_SUPPORTED);
+        EXPECT_EQ(device->updateConfigFolder(nullptr), RESULT_NOT_SUPPORTED);
+        EXPECT_EQ(device->setWorkBusiness(WORK_BUSINESS_SCAN), RESULT_SUCCESS);  // not sent
+        EXPECT_EQ(device->getCalibraResult(nullptr), RESULT_INVALID_ARGUMENT);
+    });
+    EXPECT_EQ(s, Lines{});
+}
+
+TEST_F(WithConsole, SettingsReachTheDevicesWithTheirArguments) {
+    connect();
+    int unused = 0;
+    const Lines scanPrefix = {"setTrigger false []", "setIsNeedEdgePoint false"};
+    const auto scan = [&](const std::string& last) {
+        Lines l = scanPrefix;
+        l.push_back(last);
+        return l;
+    };
+    const struct {
+        const char* what;
+        std::function<emDeviceResult()> op;
+        Lines expected;
+    } cases[] = {
+        {"LED exposure, trackers",
+         [&] { return device->setLEDExposure(1.0f); },
+         {"setLEDExposure 1 0"}},
+        {"laser exposure",
+         [&] { return device->setLaserExposure(10.0f, unused); },
+         {"setLaserExposure 10"}},
+        {"blue laser: deep-hole lines, red light",
+         [&] { return device->setDeviceLaserType(LASER_TYPE_BLUE_SINGLE); },
+         {"setLaserType 2 0"}},
+        {"warm-up",
+         [&] { return device->setWorkBusiness(WORK_BUSINESS_WARM_UP); },
+         {"setWorkBusiness 17"}},
+        {"far range",
+         [&] { return device->setCalibTrackRange(TRACK_RANGE_FAR); },
+         {"setTrackRangeLevel 2"}},
+        {"surface with edges",
+         [&] { return device->setScanObject(SCAN_OBJECT_SURFACE_EDGE, true); },
+         {"setTrigger false []", "setIsNeedEdgePoint true", "setStartScan 1"}},
+        {"rivet holes", [&] { return device->setScanObject(SCAN_OBJECT_RIVET_HOLE, false); },
+         scan("setStartScan 3")},
+        {"edges", [&] { return device->setScanObject(SCAN_OBJECT_EDGE, false); },
+         scan("setWorkBusiness 30")},
+        {"dynamic markers", [&] { return device->setDynamicTracking(SCAN_OBJECT_MARKPOINT); },
+         scan("setDynamicScan 0")},
+        {"dynamic edges", [&] { return device->setDynamicTracking(SCAN_OBJECT_EDGE); },
+         scan("setWorkBusiness 31")},
+        {"super conversion",
+         [&] {
+             device->startSuperConversionScanObject(true);
+             return device->setScanObject(SCAN_OBJECT_MARKPOINT, false);
+         },
+         scan("setWorkBusiness 25")},
+        {"tracking the scanner",
+         [&] { return device->setTrackingScanner(); },
+         {"setTrigger false []", "setTrackScanner"}},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(sent([&] { EXPECT_EQ(c.op(), RESULT_SUCCESS) << c.what; }), c.expected) << c.what;
+    }
+    // The SDK's link sends a changed heartbeat interval on its own.
+    device->setHeartBeatInterval(250);
+    EXPECT_TRUE(waitFor([&] { return count(logged(), "setHeartBeatInterval 250") == 1; }));
+}
+
+TEST_F(WithConsole, AcknowledgedSettingsWaitForTheirAnswer) {
+    connect();
+    const auto imageMode = [&] { return device->setImageMode(IMAGE_MODE_LASER); };
+    const auto region = [&] { return device->setROIErea(true); };
+    const auto zAxis = [&] { return device->setZaxisCompensation(false); };
+    const struct {
+        const char* answer;
+        std::function<emDeviceResult()> op;
+        emDeviceResult result;
+    } cases[] = {
+        {"answer setImageMode 0 1", imageMode, RESULT_SUCCESS},
+        {"answer setImageMode -1 1", imageMode, RESULT_FAILED},
+        {"answer setImageMode none 1", imageMode, RESULT_FAILED},
+        {"answer setROIErea 0 1", region, RESULT_SUCCESS},
+        {"answer setROIErea -1 1", region, RESULT_FAILED},
+        {"answer setZaxisCompensation none 1", zAxis, RESULT_FAILED},
+        {"answer setZaxisCompensation 0 1", zAxis, RESULT_SUCCESS},
+    };
+    for (const auto& c : cases) {
+        control(c.answer);
+        EXPECT_EQ(c.op(), c.result) << c.answer;
+        sync();
+    }
+}
+
+TEST_F(WithConsole, AirDeviceSwitchReconfiguresAndReconnects) {
+    connect();
+    std::vector<size_t> sizes;
+    for (const char* list : {"AIR0001,AIR0002", "none"}) {
+        control(std::string("answer getPripladDevices ids=") + list + " 1");
+        const Lines s = sent([&] { EXPECT_EQ(device->setPriplad(false), RESULT_SUCCESS); });
+        ASSERT_GE(s.size(), 4u);
+        EXPECT_EQ(s[0], "getLowPartConfigs");
+        EXPECT_EQ(s[1], "getPripladDevices");
+        ASSERT_EQ(s[2].rfind("setLowPartConfigs raw(", 0), 0u) << s[2];
+        sizes.push_back(std::stoul(s[2].substr(22)));
+        EXPECT_EQ(s[3], "setHeartBeatInterval 0");  // a new connection
+        EXPECT_TRUE(device->hasInit());
+    }
+    EXPECT_GT(sizes[0], sizes[1]);  // the air devices travel in the configuration
 }
 
 // --- calibration ------------------------------------------------------------------------------
 
-TEST_F(WithConsole, GrabOneFrameStates) {
+TEST_F(WithConsole, CalibrationStartsByMode) {
+    connect();
+    EXPECT_EQ(device->setDeviceCalibraMode(CALIBRA_MODE_NONE), RESULT_INVALID_ARGUMENT);
+    const std::string images = annex + "/images/run1";
+    ASSERT_EQ(device->setImagesSavePath(platform::widePath(images)), RESULT_SUCCESS);
+    const struct {
+        emDeviceCalibraMode mode;  // NONE: none chosen
+        Lines own;
+    } cases[] = {
+        {CALIBRA_MODE_NONE, {"setCalibrationMode 1"}},
+        {CALIBRA_MODE_SCAN_CHECK, {"setStartScan 0"}},
+        {CALIBRA_MODE_TRACKER_BAR, {"setCalibrationMode 8", "getCalibLocationStep 0"}},
+        {CALIBRA_MODE_LASER,
+         {"getCalibBoardSize", "setCalibrationMode 9", "getCalibLocationStep 1"}},
+        {CALIBRA_MODE_FAR_LASER,
+         {"getCalibBoardSize", "setCalibrationMode 10", "getCalibLocationStep 1"}},
+        {CALIBRA_MODE_SCANNER_POSITION, {"getCalibBoardSize", "setCalibrationMode 5"}},
+    };
+    for (const auto& c : cases) {
+        if (c.mode != CALIBRA_MODE_NONE) {
+            ASSERT_EQ(device->setDeviceCalibraMode(c.mode), RESULT_SUCCESS);
+            EXPECT_EQ(device->calibraValue(), -1.0);
+        }
+        ASSERT_EQ(device->setWorkingDevice({"SCN0001"}), RESULT_SUCCESS);
+        Lines expected = {"setTrigger false []", "setLEDExposure 0 1", "setLaserExposure 0"};
+        expected.insert(expected.end(), c.own.begin(), c.own.end());
+        expected.push_back("setTrigger true [SCN0001]");
+        EXPECT_EQ(sent([&] { EXPECT_EQ(device->setStartCalibration(), RESULT_SUCCESS); }), expected)
+            << "mode " << c.mode;
+        EXPECT_FALSE(device->isTriggerActive());  // a calibration does not make the laser busy
+        // Stopping forgets the working devices and the mode.
+        EXPECT_EQ(sent([&] { device->setStopCalibration(); }), Lines{"setTrigger false []"});
+        EXPECT_TRUE(device->workingDevices().empty());
+        EXPECT_EQ(device->calibraMode(), CALIBRA_MODE_NONE);
+    }
+    EXPECT_TRUE(platform::directoryExists(images));
+}
+
+TEST_F(WithConsole, CalibrationDataReachesTheHost) {
+    connect({"--setup", "calib locations 2"});
+    const auto kinds = [&] {
+        std::vector<int> out;
+        for (const Event& e : recorder->of("fastcali")) {
+            out.push_back(e.a);
+        }
+        return out;
+    };
+    recorder->clear();
+    control("calib run 8");  // tracker bar
+    settle();
+    EXPECT_EQ(kinds(), (std::vector<int>{FAST_CALI_LOCATION, FAST_CALI_TRACKER_POSE,
+                                         FAST_CALI_LOCATION, FAST_CALI_TRACKER_POSE}));
+    EXPECT_EQ(recorder->of("fastcali")[2].values, std::vector<double>{2});  // the location
+
+    recorder->clear();
+    control("calib run 5");  // scanner position
+    settle();
+    EXPECT_EQ(kinds(),
+              (std::vector<int>{FAST_CALI_BOARD_LATTICE, FAST_CALI_SCANNER_BOARD,
+                                FAST_CALI_TRACKER_POSE_LONG, FAST_CALI_TRACKER_POSE_LONG}));
+    std::vector<Event> e = recorder->of("fastcali");
+    EXPECT_EQ(e[0].values, (std::vector<double>{9, 11}));
+    EXPECT_EQ(e[1].values, (std::vector<double>{9, 11, 20, 20, 3}));
+    EXPECT_EQ(std::vector<double>(e[3].values.end() - 2, e[3].values.end()),
+              (std::vector<double>{6, 2}));  // step number as grab index, then the location
+
+    recorder->clear();
+    control("calib 5 pose=vertical rotation=0,1,0,-1,0,0,0,0,1 translation=10,20,30");
+    control("calib 7 result=3 rows=2 cols=3 unseen=2");
+    settle();
+    e = recorder->of("fastcali");
+    ASSERT_EQ(e.size(), 2u);
+    EXPECT_EQ(e[0].values,
+              (std::vector<double>{0, 1, 0, -1, 0, 0, 0, 0, 1, 10, 20, 30, CALIBRA_POSE_VERTICAL}));
+    const tagClbScannerCalibData& data = e[1].scannerCalib;
+    EXPECT_EQ(data.index, 3);
+    EXPECT_EQ(data.rows, 2);
+    EXPECT_EQ(data.columns, 3);
+    EXPECT_EQ(data.lattice, (std::vector<bool>{true, true, true, true, false, false}));
+    // The console's second camera: focal length 2403, turned 20 degrees, 180 mm aside.
+    EXPECT_EQ(data.cameras[1].rows[0][0], 2403.0);
+    EXPECT_NEAR(data.cameras[1].vectors[0][1], 20.0 * M_PI / 180.0, 1e-12);
+    EXPECT_EQ(data.cameras[1].vectors[1][0], -180.0);
+    EXPECT_EQ(data.cameras[0].vectors[1][0], 0.0);
+}
+
+TEST_F(WithConsole, GrabOneFrameResultsFollowTheAnswerState) {
     connect();
     ASSERT_EQ(device->setDeviceCalibraMode(CALIBRA_MODE_TRACKER_BAR), RESULT_SUCCESS);
     ASSERT_EQ(device->setStartCalibration(), RESULT_SUCCESS);
-    EXPECT_EQ(device->setGrabOneFrame(CALIBRA_POSE_LEVEL), RESULT_SUCCESS);
-    // The grab's calibration data follows its answer.
-    EXPECT_TRUE(waitFor([&] { return recorder->of("fastcali").size() >= 2; }));
+    const struct {
+        const char* answer;
+        emDeviceResult result;
+    } cases[] = {
+        {"answer setGrabOneFrame 0 1", RESULT_SUCCESS},
+        {"answer setGrabOneFrame -1 1", RESULT_FAILED},
+        {"answer setGrabOneFrame 3 1", RESULT_GRAB_FRAME_FAILED},
+        {"answer setGrabOneFrame none 1", RESULT_FAILED},
+    };
+    for (const auto& c : cases) {
+        control(c.answer);
+        const Lines s = sent([&] {
+            EXPECT_EQ(device->setGrabOneFrame(CALIBRA_POSE_VERTICAL), c.result) << c.answer;
+        });
+        EXPECT_EQ(s.at(0), "setGrabOneFrame 2") << c.answer;
+    }
+    // Only the accepted grab brought the bar's pose.
+    const auto poses = recorder->of("fastcali");
+    EXPECT_EQ(std::count_if(poses.begin(), poses.end(),
+                            [](const Event& e) { return e.a == FAST_CALI_TRACKER_POSE; }),
+              1);
+}
 
-    console->control("answer setGrabOneFrame -1 1");
-    emDeviceResult r = RESULT_SUCCESS;
-    ASSERT_TRUE(waitFor([&] { return (r = device->setGrabOneFrame(CALIBRA_POSE_LEVEL)) != 0; }));
-    EXPECT_EQ(r, RESULT_FAILED);
-    console->control("answer setGrabOneFrame 3 1");
-    ASSERT_TRUE(waitFor([&] { return (r = device->setGrabOneFrame(CALIBRA_POSE_LEVEL)) != 0; }));
-    EXPECT_EQ(r, RESULT_GRAB_FRAME_FAILED);
+TEST_F(WithConsole, CalibrationResultGives0For0And9ForNegativeAnd13WithoutAnswer) {
+    connect();
+    const struct {
+        emDeviceCalibraMode mode;
+        const char* answer;
+        emDeviceResult result;
+        float value;
+        const char* reload;  // the parameters reloaded afterwards, if any
+    } cases[] = {
+        {CALIBRA_MODE_TRACKER_BAR, "answer getCalibraResult value=0.0 1", RESULT_SUCCESS, 0.0f,
+         "setCalibReloadParams 0"},
+        {CALIBRA_MODE_LASER, "answer getCalibraResult value=0.25 1", RESULT_SUCCESS, 0.25f,
+         "setCalibReloadParams 1"},
+        {CALIBRA_MODE_TRACKER_BAR, "answer getCalibraResult value=-0.5 1", RESULT_CALIB_NEGATIVE,
+         -0.5f, nullptr},
+        {CALIBRA_MODE_TRACKER_BAR, "answer getCalibraResult none 1", RESULT_NO_ANSWER, -1.0f,
+         nullptr},
+    };
+    for (const auto& c : cases) {
+        ASSERT_EQ(device->setDeviceCalibraMode(c.mode), RESULT_SUCCESS);
+        control(c.answer);
+        float value = 7.0f;
+        Lines expected = {"setTrigger false []", "getCalibraResult"};
+        if (c.reload != nullptr) {
+            expected.push_back(c.reload);
+        }
+        EXPECT_EQ(sent([&] { EXPECT_EQ(device->getCalibraResult(&value), c.result) << c.answer; }),
+                  expected)
+            << c.answer;
+        EXPECT_EQ(value, c.value) << c.answer;
+        EXPECT_EQ(device->calibraMode(), CALIBRA_MODE_NONE);
+    }
+}
+
+TEST_F(WithConsole, CalibrationFilesOfEveryMode) {
+    connect();
+    EXPECT_EQ(device->setCalibrationDevice(nullptr, nullptr), RESULT_NO_CALIBRA_MODE);
+    const std::string installed = annex + "/Lumora/Calibration/";
+    const std::wstring cam = platform::widePath(annex + "/cam");
+    const std::wstring laser = platform::widePath(annex + "/laser");
+    writeFile(annex + "/cam/ScannerCamera.clb", "camera");
+    writeFile(annex + "/laser/Laser.clb", "laser");
+
+    // Laser modes take the camera file from the first folder, the laser's from the second.
+    ASSERT_EQ(device->setDeviceCalibraMode(CALIBRA_MODE_LASER), RESULT_SUCCESS);
+    EXPECT_EQ(device->setCalibrationDevice(cam.c_str(), nullptr), RESULT_INVALID_ARGUMENT);
+    EXPECT_EQ(device->setCalibrationDevice(L"", laser.c_str()), RESULT_INVALID_ARGUMENT);
+    EXPECT_EQ(device->setCalibrationDevice(cam.c_str(), laser.c_str()), RESULT_SUCCESS);
+    EXPECT_EQ(readFile(installed + "ScannerCamera.clb"), "camera");
+    EXPECT_EQ(readFile(installed + "Laser.clb"), "laser");
+    writeFile(annex + "/cam/ScannerCamera.clb", "camera 2");
+    ASSERT_EQ(device->setDeviceCalibraMode(CALIBRA_MODE_FAR_LASER), RESULT_SUCCESS);
+    EXPECT_EQ(device->setCalibrationDevice(cam.c_str(), laser.c_str()), RESULT_FAILED);
+    EXPECT_EQ(readFile(installed + "ScannerCamera.clb"), "camera 2");  // copied all the same
+
+    ASSERT_EQ(device->setDeviceCalibraMode(CALIBRA_MODE_SCANNER), RESULT_SUCCESS);
+    EXPECT_EQ(device->setCalibrationDevice(nullptr, nullptr), RESULT_SUCCESS);  // no files
+
+    // The bar's file comes from the documents without a folder, in the set of the version.
+    writeFile(annex + "/Documents/Lumora/Calibration/TrackerBar.clb", "bar v1");
+    writeFile(annex + "/Documents/Lumora/Calibration/TrackerBar_V2.clb", "bar v2");
+    ASSERT_EQ(device->setDeviceCalibraMode(CALIBRA_MODE_TRACKER_BAR), RESULT_SUCCESS);
+    EXPECT_EQ(device->setCalibrationDevice(nullptr, nullptr), RESULT_SUCCESS);
+    EXPECT_EQ(readFile(installed + "TrackerBar.clb"), "bar v1");
+    control("receipt 10 version=2.0.7");
+    settle();
+    EXPECT_EQ(device->setCalibrationDevice(nullptr, nullptr), RESULT_SUCCESS);
+    EXPECT_EQ(readFile(installed + "TrackerBar_V2.clb"), "bar v2");
 }
 
 }  // namespace

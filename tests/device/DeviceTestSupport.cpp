@@ -5,174 +5,15 @@
 #include <chrono>
 #include <cstdlib>
 
+#include "lumora.pb.h"
 #include "platform/Platform.h"
+#include "sdk/Socket.h"
 #include "sdk/Wire.h"
 
 namespace devtest {
 
 namespace net = SDK_NV::net;
 namespace wire = SDK_NV::wire;
-
-// ---------------------------------------------------------------------------------------------
-// FakeLowPart
-// ---------------------------------------------------------------------------------------------
-
-namespace {
-
-class CommandSink : public wire::FrameDecoder::Sink {
-public:
-    explicit CommandSink(std::function<void(const sdk_link::Command&)> onCommand)
-        : m_onCommand(std::move(onCommand)) {}
-    void onFrame(const wire::Frame& frame) override {
-        sdk_link::Command command;
-        if (frame.type == static_cast<uint32_t>(wire::kCommandType) &&
-            command.ParseFromArray(frame.body, static_cast<int>(frame.bodySize))) {
-            m_onCommand(command);
-        }
-    }
-    void onDrop(wire::DropReason, const std::string&) override {}
-
-private:
-    std::function<void(const sdk_link::Command&)> m_onCommand;
-};
-
-}  // namespace
-
-FakeLowPart::FakeLowPart(uint16_t port) {
-    wire::Endpoint endpoint;
-    endpoint.host = "127.0.0.1";
-    endpoint.port = port;
-    m_listener = net::listenTcp(endpoint, 4, &port);
-    const std::string text = "127.0.0.1:" + std::to_string(port);
-    ::setenv(wire::kEndpointEnv, text.c_str(), 1);
-    m_thread = std::thread([this] { run(); });
-}
-
-FakeLowPart::~FakeLowPart() {
-    m_stop.store(true);
-    dropClient();
-    m_thread.join();
-    net::closeSocket(m_listener);
-}
-
-void FakeLowPart::setResponder(Responder responder) {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_responder = std::move(responder);
-}
-
-void FakeLowPart::run() {
-    while (!m_stop.load()) {
-        if (net::waitReadable(m_listener, 20) != 1) {
-            continue;
-        }
-        net::socket_t client = net::acceptClient(m_listener);
-        if (client == net::kInvalidSocket) {
-            continue;
-        }
-        {
-            std::lock_guard<std::mutex> lock(m_sendMutex);
-            m_client = client;
-            m_sequence = 0;
-        }
-        m_clients.fetch_add(1);
-        m_changed.notify_all();
-
-        CommandSink sink([this](const sdk_link::Command& command) {
-            if (command.name() == "setHeartBeatInterval") {
-                m_heartBeat.store(command.args_size() > 0 ? static_cast<int>(command.args(0).i())
-                                                          : -1);
-                return;
-            }
-            Responder responder;
-            {
-                std::lock_guard<std::mutex> lock(m_mutex);
-                m_commands.push_back(command);
-                responder = m_responder;
-            }
-            m_changed.notify_all();
-            if (responder) {
-                responder(*this, command);
-            }
-        });
-        wire::FrameDecoder decoder;
-        char buffer[65536];
-        while (!m_stop.load()) {
-            const int ready = net::waitReadable(client, 20);
-            if (ready == 0) {
-                continue;
-            }
-            const long n = ready > 0 ? net::recvSome(client, buffer, sizeof(buffer)) : -1;
-            if (n <= 0 || !decoder.feed(buffer, static_cast<size_t>(n), sink)) {
-                break;
-            }
-        }
-        std::lock_guard<std::mutex> lock(m_sendMutex);
-        net::closeSocket(m_client);
-    }
-}
-
-bool FakeLowPart::send(SDK_NV::CMessage_Base& message) {
-    std::vector<char> body;
-    if (message.pack(&body) < 0) {
-        return false;
-    }
-    std::lock_guard<std::mutex> lock(m_sendMutex);
-    std::string frame;
-    if (m_client == net::kInvalidSocket ||
-        !wire::encodeFrame(static_cast<uint32_t>(message.getType()), message.getID(), nullptr,
-                           ++m_sequence, body.data(), body.size(), frame)) {
-        return false;
-    }
-    return net::sendAll(m_client, frame.data(), frame.size());
-}
-
-void FakeLowPart::dropClient() {
-    std::lock_guard<std::mutex> lock(m_sendMutex);
-    net::shutdownSocket(m_client);
-}
-
-bool FakeLowPart::waitClient(int timeoutMs) {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    return m_changed.wait_for(lock, std::chrono::milliseconds(timeoutMs),
-                              [this] { return m_clients.load() > 0; });
-}
-
-std::vector<sdk_link::Command> FakeLowPart::commands() const {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_commands;
-}
-
-std::vector<std::string> FakeLowPart::names() const {
-    std::vector<std::string> out;
-    for (const sdk_link::Command& c : commands()) {
-        out.push_back(c.name());
-    }
-    return out;
-}
-
-int FakeLowPart::count(const std::string& name) const {
-    int n = 0;
-    for (const std::string& s : names()) {
-        n += s == name ? 1 : 0;
-    }
-    return n;
-}
-
-void FakeLowPart::clearCommands() {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_commands.clear();
-}
-
-bool FakeLowPart::waitCommand(const std::string& name, int n, int timeoutMs) {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    return m_changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] {
-        int seen = 0;
-        for (const sdk_link::Command& c : m_commands) {
-            seen += c.name() == name ? 1 : 0;
-        }
-        return seen >= n;
-    });
-}
 
 // ---------------------------------------------------------------------------------------------
 // Recorder and TestDevice
@@ -192,6 +33,16 @@ std::vector<Event> Recorder::of(const std::string& what) const {
     std::vector<Event> out;
     for (const Event& e : events()) {
         if (e.what == what) {
+            out.push_back(e);
+        }
+    }
+    return out;
+}
+
+std::vector<Event> Recorder::replies(int code, const std::string& payload) const {
+    std::vector<Event> out;
+    for (const Event& e : of("reply")) {
+        if (e.a == code && (payload.empty() || e.payloadText == payload)) {
             out.push_back(e);
         }
     }
@@ -271,9 +122,9 @@ TestDevice::TestDevice(std::shared_ptr<Recorder> recorder) : m_recorder(std::mov
                 e.values = {static_cast<double>(v[0]), static_cast<double>(v[1])};
                 break;
             }
-            case FAST_CALI_SCANNER_BOARD: {  // tests send three values
+            case FAST_CALI_SCANNER_BOARD: {  // the console's boards have five values
                 const auto* v = static_cast<const double*>(p);
-                e.values = {v[0], v[1], v[2]};
+                e.values.assign(v, v + 5);
                 break;
             }
             case FAST_CALI_TRACKER_POSE:
@@ -369,17 +220,6 @@ std::string makeTempAnnex() {
     device::CDeviceBase::setAnnexPath(platform::widePath(annex));
     device::CDeviceBase::setDocumentPath(platform::widePath(annex + "/Documents"));
     return annex;
-}
-
-std::unique_ptr<SDK_NV::CMessage_Receipt> response(int code, int state, const std::string& text) {
-    auto m = std::make_unique<SDK_NV::CMessage_Receipt>();
-    m->setReceiptKind(SDK_NV::RECEIPT_WORK_RESPONSE);
-    SDK_NV::tagWorkRespons r;
-    r.code = code;
-    r.state = state;
-    r.text = text;
-    m->setWorkResponsInfo(r);
-    return m;
 }
 
 }  // namespace devtest
