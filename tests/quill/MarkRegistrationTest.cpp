@@ -12,12 +12,28 @@ using namespace quilltest;
 
 namespace {
 
+// A scene as the fixed marker set, frames of it, and a matcher set up as the tracker sets it.
 struct Fixture {
+    sim::MarkerScene scene;
+    sim::FrameGenerator gen;
+    std::vector<Quill::mark_data> fixed;
     Quill::MyMatchMarkClass_update matcher;
-    Fixture() { applyTrackerSettings(matcher); }
-    int run(std::vector<Quill::mark_data>& moving, std::vector<Quill::mark_data>& fixed) {
+
+    Fixture(sim::MarkerScene s, std::uint64_t frameSeed, bool normals = true)
+        : scene(std::move(s)), gen(scene, frameSeed), fixed(sceneMarks(scene, normals)) {
+        applyTrackerSettings(matcher);
+    }
+    // A random scene part of `n` markers (seed) and its frames (seed + 1).
+    Fixture(int n, std::uint64_t seed) : Fixture(sim::MarkerScene::randomPart(n, seed), seed + 1) {}
+
+    int run(std::vector<Quill::mark_data> moving) {
         return matcher.MarkRegistration(moving.data(), static_cast<int>(moving.size()),
                                         fixed.data(), static_cast<int>(fixed.size()), -1, 0);
+    }
+    int run(const sim::Frame& f, bool normals = true) { return run(frameMarks(f, normals)); }
+    bool matchedTruth(const sim::Frame& f, double tolerance) {
+        return transformError(matcher.get_final_transform(), f) <= tolerance &&
+               wrongFlags(matcher.get_final_match_flag(), f) == 0;
     }
 };
 
@@ -33,14 +49,10 @@ sim::FrameOptions frameOpts(int visible, double drop = 0.0, double spurious = 0.
 }  // namespace
 
 TEST(MarkRegistration, RecoversAKnownRigidMotion) {
-    const auto scene = sim::MarkerScene::randomPart(300, 11);
-    sim::FrameGenerator gen(scene, 12);
-    auto fixed = sceneMarks(scene);
+    Fixture fx(300, 11);
     for (int trial = 0; trial < 5; ++trial) {
-        const sim::Frame f = gen.randomFrame(frameOpts(30));
-        auto moving = frameMarks(f);
-        Fixture fx;
-        ASSERT_EQ(fx.run(moving, fixed), 1) << "trial " << trial;
+        const sim::Frame f = fx.gen.randomFrame(frameOpts(30));
+        ASSERT_EQ(fx.run(f), 1) << "trial " << trial;
         const Eigen::Matrix4d T = fx.matcher.get_final_transform();
         EXPECT_LT(transformError(T, f), 0.1);
         EXPECT_LT(sim::rotationAngleDeg(T.topLeftCorner<3, 3>(), f.pose.R), 0.1);
@@ -52,15 +64,11 @@ TEST(MarkRegistration, RecoversAKnownRigidMotion) {
 }
 
 TEST(MarkRegistration, FlagsNameTheFixedMarkersDespiteDropsAndSpuriousPoints) {
-    const auto scene = sim::MarkerScene::randomPart(500, 21);
-    sim::FrameGenerator gen(scene, 22);
-    auto fixed = sceneMarks(scene);
-    const sim::Frame f = gen.randomFrame(frameOpts(40, 0.3, 0.3));
-    auto moving = frameMarks(f);
-    Fixture fx;
-    ASSERT_EQ(fx.run(moving, fixed), 1);
+    Fixture fx(500, 21);
+    const sim::Frame f = fx.gen.randomFrame(frameOpts(40, 0.3, 0.3));
+    ASSERT_EQ(fx.run(f), 1);
     const std::vector<int> flags = fx.matcher.get_final_match_flag();
-    ASSERT_EQ(flags.size(), moving.size());
+    ASSERT_EQ(flags.size(), f.markers.size());
     int matched = 0;
     for (std::size_t i = 0; i < flags.size(); ++i) {
         EXPECT_EQ(flags[i], f.markers[i].truth) << "marker " << i;
@@ -71,21 +79,16 @@ TEST(MarkRegistration, FlagsNameTheFixedMarkersDespiteDropsAndSpuriousPoints) {
 }
 
 TEST(MarkRegistration, FlagsUseTheCallersIndexingWhenFixedMarkersAreSkipped) {
-    const auto scene = sim::MarkerScene::randomPart(200, 31);
-    sim::FrameGenerator gen(scene, 32);
-    auto fixed = sceneMarks(scene);
+    Fixture fx(200, 31);
     // A non-finite marker and a duplicate in front shift every index by two.
     Quill::mark_data bad;
     bad.x = std::nanf("");
-    fixed.insert(fixed.begin(), fixed[5]);
-    fixed.insert(fixed.begin(), bad);
-    const sim::Frame f = gen.randomFrame(frameOpts(25));
-    auto moving = frameMarks(f);
-    Fixture fx;
-    ASSERT_EQ(fx.run(moving, fixed), 1);
+    fx.fixed.insert(fx.fixed.begin(), fx.fixed[5]);
+    fx.fixed.insert(fx.fixed.begin(), bad);
+    const sim::Frame f = fx.gen.randomFrame(frameOpts(25));
+    ASSERT_EQ(fx.run(f), 1);
     const auto flags = fx.matcher.get_final_match_flag();
     for (std::size_t i = 0; i < flags.size(); ++i) {
-        ASSERT_GE(flags[i], 0);
         // Scene marker 5 appears twice (indices 1 and 7); the first copy is the one kept.
         const int truth = f.markers[i].truth;
         EXPECT_EQ(flags[i], truth == 5 ? 1 : truth + 2);
@@ -93,83 +96,73 @@ TEST(MarkRegistration, FlagsUseTheCallersIndexingWhenFixedMarkersAreSkipped) {
 }
 
 TEST(MarkRegistration, FailsCleanlyBelowTheMinimumMatchCount) {
-    const auto scene = sim::MarkerScene::randomPart(200, 41);
-    sim::FrameGenerator gen(scene, 42);
-    auto fixed = sceneMarks(scene);
-    auto moving = frameMarks(gen.randomFrame(frameOpts(4)));
-    Fixture fx;
-    EXPECT_EQ(fx.run(moving, fixed), 0);
+    Fixture fx(200, 41);
+    const sim::Frame four = fx.gen.randomFrame(frameOpts(4));
+    EXPECT_EQ(fx.run(four), 0);
     EXPECT_EQ(fx.matcher.get_final_status(), Quill::kMatchTooFewMarkers);
     EXPECT_EQ(fx.matcher.get_final_match_n(), 0);
     EXPECT_TRUE(fx.matcher.get_final_transform().isIdentity());
-    EXPECT_EQ(fx.matcher.get_final_match_flag(), std::vector<int>(moving.size(), -1));
+    EXPECT_EQ(fx.matcher.get_final_match_flag(), std::vector<int>(four.markers.size(), -1));
 
     // Six true markers: enough for the tracker's minimum of five, not for a minimum of seven.
-    auto six = frameMarks(gen.randomFrame(frameOpts(6)));
-    EXPECT_EQ(fx.run(six, fixed), 1);
+    const sim::Frame six = fx.gen.randomFrame(frameOpts(6));
+    EXPECT_EQ(fx.run(six), 1);
     fx.matcher.set_min_final_match_n(7);
-    EXPECT_EQ(fx.run(six, fixed), 0);
+    EXPECT_EQ(fx.run(six), 0);
 }
 
 TEST(MarkRegistration, HonoursTheMatchedFractionAndTheFinalErrorLimit) {
-    const auto scene = sim::MarkerScene::randomPart(300, 51);
-    sim::FrameGenerator gen(scene, 52);
-    auto fixed = sceneMarks(scene);
+    Fixture fx(300, 51);
     // 20 true markers and 6 spurious points: 77 % of the frame can be matched.
-    auto partly = frameMarks(gen.randomFrame(frameOpts(20, 0.0, 0.3)));
-    Fixture fx;
+    const sim::Frame partly = fx.gen.randomFrame(frameOpts(20, 0.0, 0.3));
     fx.matcher.set_su_point_percentage(0.7f);
-    EXPECT_EQ(fx.run(partly, fixed), 1);
+    EXPECT_EQ(fx.run(partly), 1);
     fx.matcher.set_su_point_percentage(0.85f);
-    EXPECT_EQ(fx.run(partly, fixed), 0);
+    EXPECT_EQ(fx.run(partly), 0);
 
     sim::FrameOptions o = frameOpts(30);
     o.noiseSigma = 0.12;  // RMS residual about 0.2 mm
-    auto noisy = frameMarks(gen.randomFrame(o));
-    Fixture limits;
-    limits.matcher.set_max_err_for_three_mark(0.2f);
-    EXPECT_EQ(limits.run(noisy, fixed), 0);
-    EXPECT_EQ(limits.matcher.get_final_status(), Quill::kMatchErrorTooLarge);
-    limits.matcher.set_max_final_err(0.4f);
-    EXPECT_EQ(limits.run(noisy, fixed), 1);
+    const sim::Frame noisy = fx.gen.randomFrame(o);
+    fx.matcher.set_su_point_percentage(0.0f);
+    fx.matcher.set_max_err_for_three_mark(0.2f);
+    EXPECT_EQ(fx.run(noisy), 0);
+    EXPECT_EQ(fx.matcher.get_final_status(), Quill::kMatchErrorTooLarge);
+    fx.matcher.set_max_final_err(0.4f);
+    EXPECT_EQ(fx.run(noisy), 1);
 }
 
 TEST(MarkRegistration, RejectsInvalidArguments) {
     std::vector<Quill::mark_data> some(10);
-    Fixture fx;
-    EXPECT_EQ(fx.matcher.MarkRegistration(nullptr, 5, some.data(), 10, -1, 0), -1);
-    EXPECT_EQ(fx.matcher.MarkRegistration(some.data(), 10, nullptr, 5, -1, 0), -1);
-    EXPECT_EQ(fx.matcher.MarkRegistration(some.data(), -1, some.data(), 10, -1, 0), -1);
-    EXPECT_EQ(fx.matcher.get_final_status(), Quill::kMatchBadInput);
+    Quill::MyMatchMarkClass_update m;
+    EXPECT_EQ(m.MarkRegistration(nullptr, 5, some.data(), 10, -1, 0), -1);
+    EXPECT_EQ(m.MarkRegistration(some.data(), 10, nullptr, 5, -1, 0), -1);
+    EXPECT_EQ(m.MarkRegistration(some.data(), -1, some.data(), 10, -1, 0), -1);
+    EXPECT_EQ(m.get_final_status(), Quill::kMatchBadInput);
     // Empty sets are valid input with nothing to match.
-    EXPECT_EQ(fx.matcher.MarkRegistration(nullptr, 0, some.data(), 10, -1, 0), 0);
-    EXPECT_EQ(fx.matcher.MarkRegistration(some.data(), 10, nullptr, 0, -1, 0), 0);
-    EXPECT_EQ(fx.matcher.get_final_status(), Quill::kMatchTooFewMarkers);
+    EXPECT_EQ(m.MarkRegistration(nullptr, 0, some.data(), 10, -1, 0), 0);
+    EXPECT_EQ(m.MarkRegistration(some.data(), 10, nullptr, 0, -1, 0), 0);
+    EXPECT_EQ(m.get_final_status(), Quill::kMatchTooFewMarkers);
 }
 
 TEST(MarkRegistration, RefusesCollinearMarkers) {
     // Markers along a line: the rotation about the line is undetermined.
-    std::vector<Quill::mark_data> fixed;
+    std::vector<sim::Marker> line;
     std::vector<Quill::mark_data> moving;
     const double gaps[] = {0, 17, 41, 58, 90, 111, 140, 152, 181, 203};
     for (int i = 0; i < 10; ++i) {
-        fixed.push_back(toMark(Eigen::Vector3d(gaps[i], 0, 0), Eigen::Vector3d::Zero(), i));
+        line.push_back(sim::Marker{Eigen::Vector3d(gaps[i], 0, 0), Eigen::Vector3d::Zero()});
         moving.push_back(
             toMark(Eigen::Vector3d(0, gaps[i] + 5.0, 3.0), Eigen::Vector3d::Zero(), i));
     }
-    Fixture fx;
-    EXPECT_EQ(fx.run(moving, fixed), 0);
+    Fixture fx(sim::MarkerScene(line), 1);
+    EXPECT_EQ(fx.run(moving), 0);
     EXPECT_NE(fx.matcher.get_final_status(), Quill::kMatchOk);
 }
 
 TEST(MarkRegistration, RefusesAmbiguousPatchesOfARegularGrid) {
-    const auto grid = sim::MarkerScene::grid(12, 12, 25.0);
-    sim::FrameGenerator gen(grid, 61);
-    auto fixed = sceneMarks(grid);
+    Fixture fx(sim::MarkerScene::grid(12, 12, 25.0), 61);
     for (int trial = 0; trial < 10; ++trial) {
-        auto moving = frameMarks(gen.randomFrame(frameOpts(16, 0.1, 0.1)));
-        Fixture fx;
-        EXPECT_EQ(fx.run(moving, fixed), 0) << "trial " << trial;
+        EXPECT_EQ(fx.run(fx.gen.randomFrame(frameOpts(16, 0.1, 0.1))), 0) << "trial " << trial;
         EXPECT_EQ(fx.matcher.get_final_status(), Quill::kMatchAmbiguous) << "trial " << trial;
     }
 
@@ -177,14 +170,11 @@ TEST(MarkRegistration, RefusesAmbiguousPatchesOfARegularGrid) {
     // still fits all but one marker, which a single dropped marker would explain.
     std::vector<sim::Marker> markers = sim::MarkerScene::grid(8, 8, 25.0).markers();
     markers.erase(markers.begin() + 3 * 8 + 4);
-    const sim::MarkerScene holed(markers);
-    auto holedFixed = sceneMarks(holed);
-    sim::FrameGenerator around(holed, 71);
-    auto moving = frameMarks(around.frameAt(Eigen::Vector3d(4 * 25.0, 3 * 25.0, 0.0),
-                                            sim::randomMotion(around.rng(), 500), frameOpts(20)));
-    Fixture fx;
-    EXPECT_EQ(fx.run(moving, holedFixed), 0);
-    EXPECT_EQ(fx.matcher.get_final_status(), Quill::kMatchAmbiguous);
+    Fixture holed(sim::MarkerScene(markers), 71);
+    EXPECT_EQ(holed.run(holed.gen.frameAt(Eigen::Vector3d(4 * 25.0, 3 * 25.0, 0.0),
+                                          sim::randomMotion(holed.gen.rng(), 500), frameOpts(20))),
+              0);
+    EXPECT_EQ(holed.matcher.get_final_status(), Quill::kMatchAmbiguous);
 }
 
 TEST(MarkRegistration, AcceptsAGridWhenIrregularMarkersPinThePose) {
@@ -197,43 +187,29 @@ TEST(MarkRegistration, AcceptsAGridWhenIrregularMarkersPinThePose) {
                                 rng.uniform(5, 15));
         markers.push_back(sim::Marker{p, Eigen::Vector3d::UnitZ()});
     }
-    const sim::MarkerScene scene(markers);
-    auto fixed = sceneMarks(scene);
-    sim::FrameGenerator gen(scene, 73);
-    const sim::Frame f = gen.frameAt(Eigen::Vector3d(112.5, 112.5, 0.0),
-                                     sim::randomMotion(gen.rng(), 500), frameOpts(30));
-    auto moving = frameMarks(f);
-    Fixture fx;
-    ASSERT_EQ(fx.run(moving, fixed), 1);
-    EXPECT_LT(transformError(fx.matcher.get_final_transform(), f), 0.2);
-    EXPECT_EQ(wrongFlags(fx.matcher.get_final_match_flag(), f), 0);
+    Fixture fx(sim::MarkerScene(markers), 73);
+    const sim::Frame f = fx.gen.frameAt(Eigen::Vector3d(112.5, 112.5, 0.0),
+                                        sim::randomMotion(fx.gen.rng(), 500), frameOpts(30));
+    ASSERT_EQ(fx.run(f), 1);
+    EXPECT_TRUE(fx.matchedTruth(f, 0.2));
 }
 
 TEST(MarkRegistration, NormalsPruneWhenEnabled) {
-    const auto scene = sim::MarkerScene::randomPart(300, 81);
-    sim::FrameGenerator gen(scene, 82);
-    auto fixed = sceneMarks(scene);
-    sim::Frame f = gen.randomFrame(frameOpts(30));
+    Fixture fx(300, 81);
+    sim::Frame f = fx.gen.randomFrame(frameOpts(30));
     for (auto& o : f.markers)
         o.normal = -o.normal;  // every normal turned around
-    auto moving = frameMarks(f);
-    Fixture fx;
-    EXPECT_EQ(fx.run(moving, fixed), 0);
+    EXPECT_EQ(fx.run(f), 0);
     fx.matcher.set_use_nor(0);
-    EXPECT_EQ(fx.run(moving, fixed), 1);
+    EXPECT_EQ(fx.run(f), 1);
     EXPECT_LT(transformError(fx.matcher.get_final_transform(), f), 0.1);
 }
 
 TEST(MarkRegistration, WorksWithoutNormals) {
-    const auto scene = sim::MarkerScene::randomPart(1000, 91);
-    sim::FrameGenerator gen(scene, 92);
-    auto fixed = sceneMarks(scene, false);
-    const sim::Frame f = gen.randomFrame(frameOpts(30, 0.2, 0.2));
-    auto moving = frameMarks(f, false);
-    Fixture fx;
-    ASSERT_EQ(fx.run(moving, fixed), 1);
-    EXPECT_LT(transformError(fx.matcher.get_final_transform(), f), 0.2);
-    EXPECT_EQ(wrongFlags(fx.matcher.get_final_match_flag(), f), 0);
+    Fixture fx(sim::MarkerScene::randomPart(1000, 91), 92, false);
+    const sim::Frame f = fx.gen.randomFrame(frameOpts(30, 0.2, 0.2));
+    ASSERT_EQ(fx.run(f, false), 1);
+    EXPECT_TRUE(fx.matchedTruth(f, 0.2));
 }
 
 // A few hundred random trials across library sizes, frame sizes, drops and spurious points:
@@ -244,20 +220,15 @@ TEST(MarkRegistrationRobustness, RandomTrialsNeverAcceptAWrongMatch) {
     const int trials = 300;
     for (int trial = 0; trial < trials; ++trial) {
         const int libSize = rng.uniformInt(50, 1500);
-        const auto scene = sim::MarkerScene::randomPart(libSize, rng.next());
-        sim::FrameGenerator gen(scene, rng.next());
-        sim::FrameOptions o = frameOpts(std::min(rng.uniformInt(6, 60), scene.size()),
-                                        rng.uniform(0.0, 0.3), rng.uniform(0.0, 0.3));
-        const sim::Frame f = gen.randomFrame(o);
-        auto moving = frameMarks(f);
-        auto fixed = sceneMarks(scene);
-        Fixture fx;
-        const int r = fx.run(moving, fixed);
+        const std::uint64_t sceneSeed = rng.next();
+        Fixture fx(sim::MarkerScene::randomPart(libSize, sceneSeed), rng.next());
+        const sim::Frame f =
+            fx.gen.randomFrame(frameOpts(std::min(rng.uniformInt(6, 60), fx.scene.size()),
+                                         rng.uniform(0.0, 0.3), rng.uniform(0.0, 0.3)));
         const bool hasUnique = f.trueCount() >= 5;
         unique += hasUnique ? 1 : 0;
-        if (r == 1) {
-            const bool ok = transformError(fx.matcher.get_final_transform(), f) <= 1.0 &&
-                            wrongFlags(fx.matcher.get_final_match_flag(), f) == 0;
+        if (fx.run(f) == 1) {
+            const bool ok = fx.matchedTruth(f, 1.0);
             wrong += ok ? 0 : 1;
             succeeded += ok && hasUnique ? 1 : 0;
         }
