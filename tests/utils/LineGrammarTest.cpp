@@ -101,17 +101,3 @@ TEST(LineAnalysis, ScannerAgreesWithRegularExpressions) {
         ASSERT_EQ(grammar::tokens(s, r), grammar::tokens(s, n)) << i;
     }
 }
-
-TEST(LineAnalysis, VeryLongLinesAreAnalysedWhole) {
-    const std::wstring value(300000, L'v');
-    expectSplit({L"key = " + value + L"   # note", L"key", L" = ", value});
-    const std::wstring blanks(300000, L' ');
-    expectSplit({blanks + L"x"});
-    EXPECT_EQ(grammar::stripNotes(blanks + L"# n"), L"");
-    std::wstring numbers;
-    for (int i = 0; i < 50000; ++i) {
-        numbers += L"12,";
-    }
-    EXPECT_EQ(grammar::tokens(numbers).size(), 50000u);
-    EXPECT_EQ(grammar::tokens(value).size(), 1u);
-}

@@ -283,15 +283,3 @@ TEST_F(Storage, HeaderNoteBlockAndFileAttributes) {
     EXPECT_EQ(attribute.size, 6);
     EXPECT_TRUE(std::regex_match(attribute.modifyTime, std::wregex(kStamp)));
 }
-
-TEST_F(Storage, ModuleWideDebugEditor) {
-    CConfigEditor& editor = zq::utils::debugConfig();
-    EXPECT_EQ(&editor, &zq::utils::debugConfig());
-    EXPECT_TRUE(editor.state());  // constructed empty
-    writeBytes(path("Debug.dbg"), "SaveScanFrame = 1\n");
-    ASSERT_TRUE(editor.load(platform::joinPath(m_dir.wstring(), zq::utils::kDebugConfigFileName),
-                            false, true));
-    EXPECT_TRUE(editor.getBoolean(zq::utils::kSaveScanFrameKey));
-    editor.close(false);
-    EXPECT_TRUE(editor.state());
-}
