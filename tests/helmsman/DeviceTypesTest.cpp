@@ -145,10 +145,7 @@ TEST(DeviceData, ClearReturnsAFilledRecordToItsZeroedConstructedState) {
     EXPECT_EQ(summary(d), fresh);
 }
 
-TEST(OtherRecords, DefaultsAndClearing) {
-    const tagDeviceThermalBalance t;
-    EXPECT_EQ(t.kind, -1);
-    EXPECT_EQ(t.capacity, 120u);
+TEST(OtherRecords, IdentityTransformAndMarkerSetClearing) {
     const TransformTrackingMatrix m;
     for (int i = 0; i < 16; ++i) {
         EXPECT_EQ(m.matrix[i], (i % 5 == 0) ? 1.0 : 0.0) << "element " << i;
