@@ -166,6 +166,17 @@ inline int responseState(const SDK_NV::CMessage_Base& m) {
     return w.state;
 }
 
+// A frame header as the wire carries it: magic, frame length and envelope length, little-endian.
+inline std::string frameHeader(uint32_t magic, uint32_t frameBytes, uint32_t envelopeBytes) {
+    std::string h;
+    for (uint32_t v : {magic, frameBytes, envelopeBytes}) {
+        for (int i = 0; i < 4; ++i) {
+            h.push_back(static_cast<char>((v >> (8 * i)) & 0xFF));
+        }
+    }
+    return h;
+}
+
 // ---------------------------------------------------------------------------------------------
 // A device-side peer: one listening socket, one client at a time, raw bytes.
 // ---------------------------------------------------------------------------------------------

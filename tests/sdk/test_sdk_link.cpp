@@ -43,12 +43,8 @@ TEST_F(Link, BadFramesAreDroppedAndCountedWhileGoodOnesArrive) {
     ASSERT_TRUE(peer.sendMessage(first));
 
     // Oversized: a declared length above the limit, followed by that many bytes.
-    std::string head(12, '\0');
-    const uint32_t magic = wire::kFrameMagic;
     const uint32_t n = static_cast<uint32_t>(wire::kMaxFrameBytes + 1);
-    std::memcpy(&head[0], &magic, 4);
-    std::memcpy(&head[4], &n, 4);
-    ASSERT_TRUE(peer.sendRaw(head));
+    ASSERT_TRUE(peer.sendRaw(frameHeader(wire::kFrameMagic, n, 0)));
     const std::string chunk(1 << 20, '\0');
     for (uint64_t left = n; left > 0;) {
         const size_t k = static_cast<size_t>(std::min<uint64_t>(left, chunk.size()));
@@ -57,12 +53,7 @@ TEST_F(Link, BadFramesAreDroppedAndCountedWhileGoodOnesArrive) {
     }
     // Malformed: a body that does not parse, then an envelope that does not parse.
     ASSERT_TRUE(peer.sendBody(MSG_RECEIPT, std::string("\x0a\xff\xff\xff", 4)));
-    std::string badEnvelope(12, '\0');
-    const uint32_t three = 3;
-    std::memcpy(&badEnvelope[0], &magic, 4);
-    std::memcpy(&badEnvelope[4], &three, 4);
-    std::memcpy(&badEnvelope[8], &three, 4);
-    ASSERT_TRUE(peer.sendRaw(badEnvelope + "\x08\xff\xff"));
+    ASSERT_TRUE(peer.sendRaw(frameHeader(wire::kFrameMagic, 3, 3) + "\x08\xff\xff"));
     // Unknown types: one no class has, the SDK's own connection type and a command.
     ASSERT_TRUE(peer.sendBody(42, ""));
     ASSERT_TRUE(peer.sendBody(MSG_CONNECT, ""));

@@ -4,11 +4,13 @@
 #include <cstdlib>
 #include <random>
 
+#include "SdkTestSupport.h"
 #include "sdk/Wire.h"
 #include "sdk_link.pb.h"
 
 using namespace SDK_NV;
 using namespace SDK_NV::wire;
+using sdktest::frameHeader;
 
 namespace {
 
@@ -28,16 +30,6 @@ std::string frame(uint32_t type, const std::string& body, uint64_t seq = 1) {
     std::vector<std::string> ids{"SCN0001"};
     EXPECT_TRUE(encodeFrame(type, 7, &ids, seq, body.data(), body.size(), out));
     return out;
-}
-
-std::string header(uint32_t magic, uint32_t n, uint32_t e) {
-    std::string h(12, '\0');
-    for (int i = 0; i < 4; ++i) {
-        h[static_cast<size_t>(i)] = static_cast<char>((magic >> (8 * i)) & 0xFF);
-        h[static_cast<size_t>(4 + i)] = static_cast<char>((n >> (8 * i)) & 0xFF);
-        h[static_cast<size_t>(8 + i)] = static_cast<char>((e >> (8 * i)) & 0xFF);
-    }
-    return h;
 }
 
 }  // namespace
@@ -73,7 +65,7 @@ TEST(FrameDecoding, FramesSplitAtEveryByteBoundaryDecodeTheSame) {
 TEST(FrameDecoding, OversizedFrameIsSkippedWithoutStoringIt) {
     FrameDecoder d(1024);
     Collect sink;
-    const std::string big = header(kFrameMagic, 5000, 0) + std::string(5000, 'z');
+    const std::string big = frameHeader(kFrameMagic, 5000, 0) + std::string(5000, 'z');
     const std::string good = frame(3, "after");
     // Fed in small pieces, the decoder never holds more than a chunk of the big frame.
     for (size_t pos = 0; pos < big.size(); pos += 100) {
@@ -91,7 +83,7 @@ TEST(FrameDecoding, DeclaredLengthDoesNotDriveAllocation) {
     // A header promising 60 MiB followed by nothing: the buffer grows only by what arrived.
     FrameDecoder d;
     Collect sink;
-    const std::string h = header(kFrameMagic, 60u << 20, 10);
+    const std::string h = frameHeader(kFrameMagic, 60u << 20, 10);
     ASSERT_TRUE(d.feed(h.data(), h.size(), sink));
     size_t cap = 0;
     d.writable(&cap);
@@ -104,9 +96,9 @@ TEST(FrameDecoding, MalformedEnvelopesAreDroppedAndTheStreamContinues) {
     FrameDecoder d;
     Collect sink;
     // Envelope length above the frame length.
-    std::string bad1 = header(kFrameMagic, 4, 10) + "abcd";
+    std::string bad1 = frameHeader(kFrameMagic, 4, 10) + "abcd";
     // An envelope that does not parse (a truncated varint).
-    std::string bad2 = header(kFrameMagic, 3, 3) + "\x08\xff\xff";
+    std::string bad2 = frameHeader(kFrameMagic, 3, 3) + "\x08\xff\xff";
     const std::string good = frame(1, "ok");
     const std::string all = bad1 + bad2 + good;
     ASSERT_TRUE(d.feed(all.data(), all.size(), sink));
@@ -120,7 +112,7 @@ TEST(FrameDecoding, MalformedEnvelopesAreDroppedAndTheStreamContinues) {
 TEST(FrameDecoding, BadMagicBreaksTheStreamUntilReset) {
     FrameDecoder d;
     Collect sink;
-    const std::string junk = header(0x12345678u, 0, 0);
+    const std::string junk = frameHeader(0x12345678u, 0, 0);
     EXPECT_FALSE(d.feed(junk.data(), junk.size(), sink));
     EXPECT_TRUE(d.broken());
     ASSERT_EQ(sink.drops.size(), 1u);
