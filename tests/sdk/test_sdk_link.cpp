@@ -170,10 +170,7 @@ TEST_F(Link, MessagesAreDeliveredOneAtATimeInOrder) {
         CMessage_Receipt r = response(i, 0);
         ASSERT_TRUE(peer.sendMessage(r));
     }
-    const auto deadline = std::chrono::steady_clock::now() + 10s;
-    while (count < 50 && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(5ms);
-    }
+    eventually([&] { return count == 50; });
     wrapper.setCloseWrapper(true);  // nothing else may reach the locals
     EXPECT_EQ(maxInside.load(), 1);
     std::lock_guard<std::mutex> lock(codesMutex);
@@ -193,10 +190,7 @@ TEST_F(Link, AThrowingCallbackIsContained) {
     CMessage_Receipt a = response(1, 0), b = response(2, 0);
     ASSERT_TRUE(peer.sendMessage(a));
     ASSERT_TRUE(peer.sendMessage(b));
-    const auto deadline = std::chrono::steady_clock::now() + 10s;
-    while (calls < 2 && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(5ms);
-    }
+    eventually([&] { return calls >= 2; });
     wrapper.setCloseWrapper(true);
     EXPECT_GE(calls.load(), 2);
     EXPECT_EQ(wrapper.getLinkCounters().callbackExceptions, 1u);
