@@ -8,20 +8,7 @@ using zq::utils::CConfigEditor;
 
 namespace {
 
-class Modify : public cfgtest::TempDirTest {
-protected:
-    void loadText(CConfigEditor& editor, const std::string& content) {
-        writeBytes(path("m.cfg"), content);
-        ASSERT_TRUE(editor.load(wpath("m.cfg"), false, true));
-    }
-    static std::vector<std::wstring> texts(const CConfigEditor& editor) {
-        std::vector<std::wstring> out;
-        for (const auto& line : editor.getConfigFile()->lines) {
-            out.push_back(line.text);
-        }
-        return out;
-    }
-};
+using Modify = cfgtest::TempDirTest;
 
 }  // namespace
 
@@ -75,10 +62,10 @@ TEST_F(Modify, AddedKeyIsRemodifiedWithoutSeparator) {
     ASSERT_TRUE(e.modify("mode", "slow"));
     EXPECT_EQ(texts(e).back(), L"modeslow");
     ASSERT_TRUE(e.save(true));
-    EXPECT_EQ(readBytes(path("m.cfg")), "a = 1\nmodeslow\n");
+    EXPECT_EQ(readBytes(path("test.cfg")), "a = 1\nmodeslow\n");
 
     // A reload sees what was written.
-    ASSERT_TRUE(e.load(wpath("m.cfg")));
+    ASSERT_TRUE(e.load(wpath("test.cfg")));
     EXPECT_FALSE(e.contains("mode"));
 }
 

@@ -11,15 +11,7 @@ using zq::utils::CConfigEditor;
 
 namespace {
 
-class Reading : public cfgtest::TempDirTest {
-protected:
-    // Writes `content` and loads it read-only into `editor`.
-    void loadText(CConfigEditor& editor, const std::string& content) {
-        writeBytes(path("read.cfg"), content);
-        ASSERT_TRUE(editor.load(wpath("read.cfg"), false, true));
-        ASSERT_FALSE(editor.state());
-    }
-};
+using Reading = cfgtest::TempDirTest;
 
 }  // namespace
 

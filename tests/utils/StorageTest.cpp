@@ -15,13 +15,7 @@ using zq::utils::tagConfigFileLine;
 
 namespace {
 
-class Storage : public cfgtest::TempDirTest {
-protected:
-    static std::vector<tagConfigFileLine> lines(const CConfigEditor& e) {
-        return e.getConfigFile() != nullptr ? e.getConfigFile()->lines
-                                            : std::vector<tagConfigFileLine>{};
-    }
-};
+using Storage = cfgtest::TempDirTest;
 
 const std::string kSample =
     "# header note\n"

@@ -1,4 +1,4 @@
-// A fresh temporary directory per test, removed afterwards, with small file helpers.
+// A fresh temporary directory per test, removed afterwards, with small file and editor helpers.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -8,6 +8,9 @@
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <vector>
+
+#include "utils/ConfigEditor.h"
 
 namespace cfgtest {
 
@@ -33,6 +36,24 @@ protected:
     static std::string readBytes(const std::string& file) {
         std::ifstream in(file, std::ios::binary);
         return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    }
+
+    // Writes `content` as a text file and loads it read-only into `editor`.
+    void loadText(zq::utils::CConfigEditor& editor, const std::string& content) {
+        writeBytes(path("test.cfg"), content);
+        ASSERT_TRUE(editor.load(wpath("test.cfg"), false, true));
+        ASSERT_FALSE(editor.state());
+    }
+    static std::vector<zq::utils::tagConfigFileLine> lines(const zq::utils::CConfigEditor& e) {
+        return e.getConfigFile() != nullptr ? e.getConfigFile()->lines
+                                            : std::vector<zq::utils::tagConfigFileLine>{};
+    }
+    static std::vector<std::wstring> texts(const zq::utils::CConfigEditor& e) {
+        std::vector<std::wstring> out;
+        for (const auto& line : lines(e)) {
+            out.push_back(line.text);
+        }
+        return out;
     }
 
     std::filesystem::path m_dir;
