@@ -13,21 +13,11 @@ using namespace quilltest;
 
 namespace {
 
-struct Model {
-    Quill::MyRealTimeMarkMatch_class rt;
+// A library built frame by frame, then refined by the optimiser.
+struct Model : Library {
     Quill::MarkOpt_class opt;
     std::vector<Eigen::Matrix4d> rts;
-    Model() {
-        EXPECT_EQ(rt.init_all(30000, 5000, 1), 1);
-        rt.set_max_count_lib2lib(50);
-        rt.set_mark_point_w(20);
-        applyTrackerSettings(*rt.get_mark_match(0));
-        opt.set_wh(2448, 2048);
-    }
-    int add(const sim::Frame& f) {
-        auto marks = frameMarks(f);
-        return rt.MarkRegistration_loop(marks.data(), static_cast<int>(marks.size()), 0);
-    }
+    Model() { opt.set_wh(2448, 2048); }
     int run() {
         rts = rt.get_final_rt_array(0);
         return opt.Run_FastKeyGlobalRegistrtion_MarkPoint_nCam_Global(

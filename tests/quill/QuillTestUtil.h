@@ -1,6 +1,9 @@
-// Conversions between the synthetic scenes and the matcher's records, and the checks the
+// Conversions between the synthetic scenes and the matcher's records, the library matcher as
+// the tracking code configures it, and the checks the
 // tests share.
 #pragma once
+
+#include <gtest/gtest.h>
 
 #include <Eigen/Core>
 #include <Eigen/Geometry>
@@ -77,6 +80,27 @@ inline void applyTrackerSettings(Quill::MyMatchMarkClass_update& m) {
     m.set_max_second_final_err(0.05f);
     m.set_su_point_percentage(0.0f);
 }
+
+// A matcher configured as the tracking code configures its library matcher.
+struct Library {
+    Quill::MyRealTimeMarkMatch_class rt;
+    explicit Library(int maxMarks = 30000, int maxFrames = 5000, int cams = 1) {
+        EXPECT_EQ(rt.init_all(maxMarks, maxFrames, cams), 1);
+        rt.set_max_count_lib2lib(50);
+        rt.set_mark_point_w(20);
+        for (int c = 0; c < rt.get_cam_n(); ++c)
+            applyTrackerSettings(*rt.get_mark_match(c));
+    }
+    int add(const sim::Frame& f, int value = 0) {
+        auto marks = frameMarks(f);
+        return rt.MarkRegistration_loop(marks.data(), static_cast<int>(marks.size()), value);
+    }
+    int size() { return rt.get_mark_match(0)->get_glo_mark_n(); }
+    int sourceLabel(int index) {
+        Quill::mark_data m;
+        return rt.get_mark_match(0)->get_glo_mark(index, m) ? m.label : -2;
+    }
+};
 
 // Largest distance between where the found and the true transform put the frame's markers.
 inline double transformError(const Eigen::Matrix4d& found, const sim::Frame& f) {

@@ -14,27 +14,6 @@ using namespace quilltest;
 
 namespace {
 
-// A matcher configured as the tracking code configures its library matcher.
-struct Library {
-    Quill::MyRealTimeMarkMatch_class rt;
-    explicit Library(int maxMarks = 30000, int maxFrames = 5000, int cams = 1) {
-        EXPECT_EQ(rt.init_all(maxMarks, maxFrames, cams), 1);
-        rt.set_max_count_lib2lib(50);
-        rt.set_mark_point_w(20);
-        for (int c = 0; c < rt.get_cam_n(); ++c)
-            applyTrackerSettings(*rt.get_mark_match(c));
-    }
-    int add(const sim::Frame& f, int value = 0) {
-        auto marks = frameMarks(f);
-        return rt.MarkRegistration_loop(marks.data(), static_cast<int>(marks.size()), value);
-    }
-    int size() { return rt.get_mark_match(0)->get_glo_mark_n(); }
-    int sourceLabel(int index) {
-        Quill::mark_data m;
-        return rt.get_mark_match(0)->get_glo_mark(index, m) ? m.label : -2;
-    }
-};
-
 sim::FrameOptions walkOpts() {
     sim::FrameOptions o;
     o.visible = 30;
