@@ -1,6 +1,5 @@
 // Conversions between the synthetic scenes and the matcher's records, the library matcher as
-// the tracking code configures it, and the checks the
-// tests share.
+// the tracking code configures it, and the checks the tests share.
 #pragma once
 
 #include <gtest/gtest.h>
