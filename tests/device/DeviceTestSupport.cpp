@@ -15,10 +15,6 @@ namespace devtest {
 namespace net = SDK_NV::net;
 namespace wire = SDK_NV::wire;
 
-// ---------------------------------------------------------------------------------------------
-// Recorder and TestDevice
-// ---------------------------------------------------------------------------------------------
-
 void Recorder::add(Event e) {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_events.push_back(std::move(e));
@@ -54,123 +50,107 @@ void Recorder::clear() {
     m_events.clear();
 }
 
+namespace {
+
+Event event(const char* what, int a = 0, int b = 0, int c = 0, const std::string& text = {}) {
+    Event e;
+    e.what = what;
+    e.a = a;
+    e.b = b;
+    e.c = c;
+    e.text = text;
+    return e;
+}
+
+// The payload of a reply, as far as tests look at it.
+void readReply(device::emDeviceReply reply, const void* p, Event& e) {
+    using namespace device;
+    if (p == nullptr) {
+        return;
+    }
+    if (reply == REPLY_WIFI_STATE || reply == REPLY_DEVICE_TEXT) {
+        e.payloadText = static_cast<const char*>(p);
+    } else if (reply == REPLY_LOWPART_VERSION) {
+        e.payloadText = *static_cast<const std::string*>(p);
+    } else if (reply == REPLY_REMAINING_RESOURCES) {
+        e.counts = *static_cast<const std::map<std::string, int>*>(p);
+    } else if (reply == REPLY_THERMAL_BALANCE) {
+        e.thermal = *static_cast<const tagDeviceThermalBalance*>(p);
+    } else if (reply == REPLY_THERMAL_RECORD) {
+        e.values = {static_cast<double>(
+            static_cast<const std::map<std::string, tagDeviceThermalBalance>*>(p)->size())};
+    } else if (reply == REPLY_DEVICE_INFO) {
+        e.payloadText = static_cast<const lumora::DeviceInfo*>(p)->id();
+    }
+}
+
+// The payload of a calibration step: numbers in order, or the scanner's calibration record.
+void readFastCali(device::emDeviceTFastCali kind, const void* p, Event& e) {
+    using namespace device;
+    const auto ints = static_cast<const int32_t*>(p);
+    switch (kind) {
+        case FAST_CALI_LOCATION:
+            e.values = {static_cast<double>(ints[0])};
+            break;
+        case FAST_CALI_BOARD_LATTICE:
+            e.values = {static_cast<double>(ints[0]), static_cast<double>(ints[1])};
+            break;
+        case FAST_CALI_SCANNER_BOARD:  // the console's boards have five values
+            e.values.assign(static_cast<const double*>(p), static_cast<const double*>(p) + 5);
+            break;
+        case FAST_CALI_TRACKER_POSE:
+        case FAST_CALI_TRACKER_POSE_LONG: {
+            const auto* ex = static_cast<const tagClbTrackerPoseEx*>(p);
+            const tagClbTrackerPose& pose = kind == FAST_CALI_TRACKER_POSE
+                                                ? *static_cast<const tagClbTrackerPose*>(p)
+                                                : ex->pose;
+            e.values.assign(pose.rotation, pose.rotation + 9);
+            e.values.insert(e.values.end(), pose.translation, pose.translation + 3);
+            e.values.push_back(pose.barPose);
+            if (kind == FAST_CALI_TRACKER_POSE_LONG) {
+                e.values.insert(e.values.end(), {static_cast<double>(ex->grabIndex),
+                                                 static_cast<double>(ex->location)});
+            }
+            break;
+        }
+        case FAST_CALI_SCANNER_DATA:
+            e.scannerCalib = *static_cast<const tagClbScannerCalibData*>(p);
+            break;
+        case FAST_CALI_FINISHED:
+            e.values = {*static_cast<const bool*>(p) ? 1.0 : 0.0};
+            break;
+    }
+}
+
+}  // namespace
+
 TestDevice::TestDevice(std::shared_ptr<Recorder> recorder) : m_recorder(std::move(recorder)) {
     using namespace device;
     Recorder* rec = m_recorder.get();
     tagDeviceHandlers h;
     h.onDeviceState = [rec](emDeviceState state, const tagDeviceInfo& info, const void*) {
-        Event e;
-        e.what = "state";
-        e.a = state;
-        e.b = info.kind;
-        e.text = info.serialText();
+        Event e = event("state", state, info.kind, 0, info.serialText());
         e.values = {static_cast<double>(info.model), static_cast<double>(info.state)};
         rec->add(e);
     };
     h.onDeviceReply = [rec](const std::string& text, emDeviceReply reply, const void* p) {
-        Event e;
-        e.what = "reply";
-        e.a = reply;
-        e.text = text;
-        if (p != nullptr) {
-            switch (reply) {
-                case REPLY_WIFI_STATE:
-                case REPLY_DEVICE_TEXT:
-                    e.payloadText = static_cast<const char*>(p);
-                    break;
-                case REPLY_LOWPART_VERSION:
-                    e.payloadText = *static_cast<const std::string*>(p);
-                    break;
-                case REPLY_REMAINING_RESOURCES:
-                    e.counts = *static_cast<const std::map<std::string, int>*>(p);
-                    break;
-                case REPLY_THERMAL_BALANCE:
-                    e.thermal = *static_cast<const tagDeviceThermalBalance*>(p);
-                    break;
-                case REPLY_THERMAL_RECORD: {
-                    const auto& map =
-                        *static_cast<const std::map<std::string, tagDeviceThermalBalance>*>(p);
-                    e.values = {static_cast<double>(map.size())};
-                    break;
-                }
-                case REPLY_DEVICE_INFO:
-                    e.payloadText = static_cast<const lumora::DeviceInfo*>(p)->id();
-                    break;
-                default:
-                    break;
-            }
-        }
+        Event e = event("reply", reply, 0, 0, text);
+        readReply(reply, p, e);
         rec->add(e);
     };
     h.onDeviceButton = [rec](emDeviceButton button, emDeviceButtonAction action) {
-        Event e;
-        e.what = "button";
-        e.a = button;
-        e.b = action;
-        rec->add(e);
+        rec->add(event("button", button, action));
     };
     h.onDeviceFastCali = [rec](emDeviceTFastCali kind, const void* p) {
-        Event e;
-        e.what = "fastcali";
-        e.a = kind;
-        switch (kind) {
-            case FAST_CALI_LOCATION:
-                e.values = {static_cast<double>(*static_cast<const int32_t*>(p))};
-                break;
-            case FAST_CALI_BOARD_LATTICE: {
-                const auto* v = static_cast<const int32_t*>(p);
-                e.values = {static_cast<double>(v[0]), static_cast<double>(v[1])};
-                break;
-            }
-            case FAST_CALI_SCANNER_BOARD: {  // the console's boards have five values
-                const auto* v = static_cast<const double*>(p);
-                e.values.assign(v, v + 5);
-                break;
-            }
-            case FAST_CALI_TRACKER_POSE:
-            case FAST_CALI_TRACKER_POSE_LONG: {
-                const tagClbTrackerPose& pose =
-                    kind == FAST_CALI_TRACKER_POSE
-                        ? *static_cast<const tagClbTrackerPose*>(p)
-                        : static_cast<const tagClbTrackerPoseEx*>(p)->pose;
-                e.values.assign(pose.rotation, pose.rotation + 9);
-                e.values.insert(e.values.end(), pose.translation, pose.translation + 3);
-                e.values.push_back(pose.barPose);
-                if (kind == FAST_CALI_TRACKER_POSE_LONG) {
-                    const auto* ex = static_cast<const tagClbTrackerPoseEx*>(p);
-                    e.values.push_back(ex->grabIndex);
-                    e.values.push_back(ex->location);
-                }
-                break;
-            }
-            case FAST_CALI_SCANNER_DATA:
-                e.scannerCalib = *static_cast<const tagClbScannerCalibData*>(p);
-                break;
-            case FAST_CALI_FINISHED:
-                e.values = {*static_cast<const bool*>(p) ? 1.0 : 0.0};
-                break;
-        }
+        Event e = event("fastcali", kind);
+        readFastCali(kind, p, e);
         rec->add(e);
     };
     h.onDeviceImage = [rec](int a, int b, int c, const std::string& name, const void*) {
-        Event e;
-        e.what = "image";
-        e.a = a;
-        e.b = b;
-        e.c = c;
-        e.text = name;
-        rec->add(e);
+        rec->add(event("image", a, b, c, name));
     };
-    h.onDeviceNeedRetrigger = [rec] {
-        Event e;
-        e.what = "retrigger";
-        rec->add(e);
-    };
-    h.onDeviceTriggerNoData = [rec] {
-        Event e;
-        e.what = "nodata";
-        rec->add(e);
-    };
+    h.onDeviceNeedRetrigger = [rec] { rec->add(event("retrigger")); };
+    h.onDeviceTriggerNoData = [rec] { rec->add(event("nodata")); };
     setHandlers(h);
 }
 
