@@ -1,5 +1,6 @@
 // A lumora_console child process for the integration tests: started on a free port (or a
-// given one), its standard output collected, control lines written to its standard input.
+// given one), control lines written to its standard input. Its standard output is read (so
+// that it never blocks) for the listening line.
 #pragma once
 
 #include <fcntl.h>
@@ -21,7 +22,18 @@ namespace sdktest {
 
 class ConsoleProcess {
 public:
-    ~ConsoleProcess() { kill(); }
+    ~ConsoleProcess() {
+        if (m_pid > 0) {
+            ::kill(m_pid, SIGKILL);
+            ::waitpid(m_pid, nullptr, 0);
+        }
+        if (m_stdin >= 0) {
+            ::close(m_stdin);
+        }
+        if (m_reader.joinable()) {
+            m_reader.join();
+        }
+    }
 
     // Starts the console with `args` on `port` (0: a free one) and waits for its listening
     // line. False when it did not come up.
@@ -46,20 +58,18 @@ public:
         posix_spawn_file_actions_destroy(&fa);
         ::close(out[1]);
         ::close(in[0]);
+        m_stdin = in[1];
         if (rc != 0) {
             ::close(out[0]);
-            ::close(in[1]);
             m_pid = -1;
             return false;
         }
-        m_stdin = in[1];
         m_reader = std::thread([this, fd = out[0]] { readLoop(fd); });
         std::unique_lock<std::mutex> lock(m_mutex);
         m_cv.wait_for(lock, std::chrono::seconds(10), [&] { return m_port != 0 || m_eof; });
         return m_port != 0;
     }
 
-    uint16_t port() const { return m_port; }
     std::string endpoint() const { return "127.0.0.1:" + std::to_string(m_port); }
 
     bool control(const std::string& line) {
@@ -67,73 +77,20 @@ public:
         return ::write(m_stdin, l.data(), l.size()) == static_cast<ssize_t>(l.size());
     }
 
-    // Waits for an output line containing `text`.
-    bool waitOutput(const std::string& text, std::chrono::milliseconds timeout) {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        return m_cv.wait_for(lock, timeout, [&] {
-            for (const std::string& l : m_lines) {
-                if (l.find(text) != std::string::npos) {
-                    return true;
-                }
-            }
-            return false;
-        });
-    }
-
-    // Ends the process abruptly (SIGKILL) and reaps it.
-    void kill() {
-        if (m_pid > 0) {
-            ::kill(m_pid, SIGKILL);
-            ::waitpid(m_pid, nullptr, 0);
-            m_pid = -1;
-        }
-        finish();
-    }
-
-    // Asks the process to quit and returns its exit status (-1 when it did not end).
-    int quit() {
-        int status = -1;
-        if (m_pid > 0) {
-            ::kill(m_pid, SIGTERM);
-            ::waitpid(m_pid, &status, 0);
-            m_pid = -1;
-        }
-        finish();
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-
 private:
-    void finish() {
-        if (m_stdin >= 0) {
-            ::close(m_stdin);
-            m_stdin = -1;
-        }
-        if (m_reader.joinable()) {
-            m_reader.join();
-        }
-    }
-
     void readLoop(int fd) {
         std::string pending;
         char buf[4096];
-        for (;;) {
-            const ssize_t n = ::read(fd, buf, sizeof(buf));
-            if (n <= 0) {
-                break;
-            }
+        for (ssize_t n; (n = ::read(fd, buf, sizeof(buf))) > 0;) {
             pending.append(buf, static_cast<size_t>(n));
-            size_t eol;
-            while ((eol = pending.find('\n')) != std::string::npos) {
-                std::string line = pending.substr(0, eol);
+            for (size_t eol; (eol = pending.find('\n')) != std::string::npos;) {
+                const std::string line = pending.substr(0, eol);
                 pending.erase(0, eol + 1);
                 std::lock_guard<std::mutex> lock(m_mutex);
-                const std::string key = "listening on ";
-                const size_t at = line.find(key);
-                if (at != std::string::npos && m_port == 0) {
+                if (m_port == 0 && line.find("listening on ") != std::string::npos) {
                     m_port = static_cast<uint16_t>(std::stoi(line.substr(line.rfind(':') + 1)));
+                    m_cv.notify_all();
                 }
-                m_lines.push_back(std::move(line));
-                m_cv.notify_all();
             }
         }
         ::close(fd);
@@ -147,7 +104,6 @@ private:
     std::thread m_reader;
     std::mutex m_mutex;
     std::condition_variable m_cv;
-    std::vector<std::string> m_lines;
     uint16_t m_port = 0;
     bool m_eof = false;
 };

@@ -19,9 +19,11 @@ bool parse(std::vector<const char*> args, ConsoleOptions& o, std::string& error)
 TEST(ConsoleOptions, ValuesAreReadAndCheckedForRange) {
     ConsoleOptions o;
     std::string error;
-    ASSERT_TRUE(parse({"--endpoint", "127.0.0.1:0", "--fps", "120", "--seed", "9", "--points",
-                       "20000", "--tracker-model", "3", "--no-stdin", "--script", "s.txt"},
-                      o, error))
+    ASSERT_TRUE(
+        parse({"--endpoint", "127.0.0.1:0", "--fps", "120", "--seed", "9", "--points", "20000",
+               "--tracker-model", "3", "--no-stdin", "--setup", "device TRK0002 on kind=tracker",
+               "--setup", "calib locations 2", "--command-log", "cmd.log", "--heartbeat-ms", "0"},
+              o, error))
         << error;
     EXPECT_EQ(o.endpoint.port, 0);
     EXPECT_DOUBLE_EQ(o.fps, 120.0);
@@ -29,9 +31,12 @@ TEST(ConsoleOptions, ValuesAreReadAndCheckedForRange) {
     EXPECT_EQ(o.laserPoints, 20000);
     EXPECT_EQ(o.trackerModel, 3);
     EXPECT_FALSE(o.readStdin);
-    EXPECT_EQ(o.scriptPath, "s.txt");
+    EXPECT_EQ(o.setupLines,
+              (std::vector<std::string>{"device TRK0002 on kind=tracker", "calib locations 2"}));
+    EXPECT_EQ(o.commandLogPath, "cmd.log");
+    EXPECT_EQ(o.heartbeatMs, 0);
 
-    for (std::vector<const char*> bad :
+    for (const std::vector<const char*>& bad :
          std::vector<std::vector<const char*>>{{"--fps", "-1"},
                                                {"--fps", "fast"},
                                                {"--points", "-5"},
@@ -44,46 +49,70 @@ TEST(ConsoleOptions, ValuesAreReadAndCheckedForRange) {
         EXPECT_FALSE(parse(bad, fresh, error)) << bad[0];
         EXPECT_FALSE(error.empty());
     }
-}
 
-TEST(ConsoleOptions, HelpStopsParsing) {
-    ConsoleOptions o;
     const char* argv[] = {"lumora_console", "--help", "--bogus"};
     bool help = false;
-    std::string error;
-    EXPECT_TRUE(console::parseOptions(3, argv, o, help, error));
+    EXPECT_TRUE(console::parseOptions(3, argv, o, help, error));  // help stops parsing
     EXPECT_TRUE(help);
     EXPECT_NE(console::usageText().find("--endpoint"), std::string::npos);
 }
 
-TEST(ConsoleControl, LinesAreCheckedBeforeAnythingIsSent) {
+TEST(ConsoleOptions, ASetupLineThatIsNotUnderstoodFailsTheStart) {
+    ConsoleOptions o;
+    o.readStdin = false;
+    o.setupLines = {"device TRK0002 on kind=tracker", "answer setTrigger 5"};
+    EXPECT_TRUE(Console(o).setupOk());
+    o.setupLines.push_back("device GHOST on");
+    EXPECT_FALSE(Console(o).setupOk());
+}
+
+// Each refused line fails a different check; nothing is changed or sent.
+TEST(ConsoleControl, LinesAreCheckedBeforeAnythingIsDone) {
     ConsoleOptions o;
     o.readStdin = false;
     Console c(o);
     std::string error;
-    EXPECT_TRUE(c.control("", error));
-    EXPECT_TRUE(c.control("# a comment", error));
-    EXPECT_TRUE(c.control("answer setTrigger 5", error));
-    EXPECT_TRUE(c.control("answer setTrigger 4 2", error));
-    EXPECT_TRUE(c.control("answer setTrigger default", error));
-    EXPECT_TRUE(c.control("fps 60", error));
-    EXPECT_TRUE(c.control("trigger off", error));
-    EXPECT_TRUE(c.control("device TRK0001 off", error));
-
-    const char* refused[] = {"button 51 2",  // no client to send to
-                             "receipt 2",
-                             "frames 3",
-                             "answer setTrigger",
-                             "answer setTrigger x",
-                             "answer setTrigger 5 0",
-                             "fps -3",
-                             "device NOPE on",
-                             "launch rockets",
-                             "button 51"};
-    for (const char* line : refused) {
+    for (const char* good :
+         {"", "# a comment", "answer setTrigger 4 2", "answer setTrigger default",
+          "answer getCalibraResult value=nan 1",
+          "answer getWIFIConnectInfo text=\"wpa_state=SCANNING \"", "answer setImageMode 0 delay=5",
+          "device PEN on kind=lightpen", "device AIR on kind=3 version=2.0", "device * off",
+          "temperature SCN0001 seq 30 31 32", "heartbeat period default", "drop 0", "fps 60",
+          "trigger off"}) {
+        EXPECT_TRUE(c.control(good, error)) << good << ": " << error;
+    }
+    for (const char* bad : {"launch rockets",                     // unknown verb
+                            "button 51 2",                        // needs a client
+                            "button 51",                          // too few words
+                            "answer setTrigger x",                // not a state
+                            "answer setTrigger 5 0",              // zero times
+                            "answer getCalibraResult 0",          // a query takes data
+                            "answer setTrigger state=5",          // a setting takes a state
+                            "answer getCalibraResult valu=1",     // a key the answer does not have
+                            "answer getCalibraResult value=abc",  // not a number
+                            "answer getHeartBeat temp=3",         // heartbeats take no fields
+                            "answer setImageMode none delay=5",   // nothing to delay
+                            "answer setImageMode 0 delay=-1",     // negative delay
+                            "answer setImageMode default 1",      // default takes nothing
+                            "device NEW on model=3",              // unknown without a kind
+                            "device NEW on kind=robot",           // no such kind
+                            "device TRK0001 on errors=3,x",       // not integers
+                            "device TRK0001 off model=3",         // off takes no fields
+                            "device NOPE off",                    // unknown device
+                            "temperature TRK0001 seq",            // no values
+                            "temperature TRK0001 ramp 25",        // no step
+                            "heartbeat period -1",
+                            "heartbeat 0",  // out of range
+                            "calib locations 0",
+                            "calib run x",
+                            "calib 2 location",
+                            "receipt 24",
+                            "receipt 4 image",
+                            "drop 1 2",
+                            "fps -3"}) {
         error.clear();
-        EXPECT_FALSE(c.control(line, error)) << line;
-        EXPECT_FALSE(error.empty()) << line;
+        EXPECT_FALSE(c.control(bad, error)) << bad;
+        EXPECT_FALSE(error.empty()) << bad;
     }
     EXPECT_TRUE(c.control("quit", error));
 }
@@ -126,94 +155,4 @@ TEST(ControlWords, FieldsReportBadValuesAndUnknownKeys) {
     EXPECT_NE(error.find("typo"), std::string::npos);
     EXPECT_FALSE(console::Fields::parse({"novalue"}, 0, f, error));
     EXPECT_FALSE(console::Fields::parse({"=3"}, 0, f, error));
-}
-
-TEST(ConsoleControl, ScriptedAnswersAreCheckedWhenGiven) {
-    ConsoleOptions o;
-    o.readStdin = false;
-    Console c(o);
-    std::string error;
-    for (const char* good :
-         {"answer setImageMode none", "answer setImageMode none 2", "answer setGrabOneFrame -1",
-          "answer getCalibraResult value=-0.5", "answer getCalibraResult value=nan 1",
-          "answer getCalibraResult none", "answer getCalibBoardSize rows=7 board=7,5,15,15,2",
-          "answer getPripladDevices ids=none",
-          "answer getWIFIConnectInfo text=\"wpa_state=SCANNING \""}) {
-        EXPECT_TRUE(c.control(good, error)) << good << ": " << error;
-    }
-    for (const char* bad : {"answer getCalibraResult 0",          // a query takes data
-                            "answer setTrigger state=5",          // a setting takes a state
-                            "answer getCalibraResult valu=1",     // misspelt key
-                            "answer getCalibraResult value=abc",  // not a number
-                            "answer getCalibBoardSize rows=7 location=2",
-                            "answer getHeartBeat temp=3",  // heartbeats take no fields
-                            "answer setImageMode none 0", "answer setImageMode none 1 2",
-                            "answer setImageMode default 1", "answer setImageMode none delay=5",
-                            "answer setImageMode 0 delay=-1", "answer setImageMode 0 delay=x",
-                            "answer setImageMode default delay=5"}) {
-        error.clear();
-        EXPECT_FALSE(c.control(bad, error)) << bad;
-        EXPECT_FALSE(error.empty()) << bad;
-    }
-}
-
-TEST(ConsoleControl, DevicesTemperaturesAndCalibrationSettingsAreChecked) {
-    ConsoleOptions o;
-    o.readStdin = false;
-    Console c(o);
-    std::string error;
-    for (const char* good :
-         {"device TRK0002 on kind=tracker model=3 errors=3,4", "device TRK0002 on errors=none",
-          "device PEN on kind=lightpen", "device AIR on kind=3 version=2.0", "device * off",
-          "device TRK0002 off", "temperature TRK0001 30 29 31", "temperature TRK0001 none",
-          "temperature SCN0001 seq 30 31 32", "temperature SCN0001 ramp 25 0.5",
-          "temperature SCN0001 default", "heartbeat period 0", "heartbeat period default",
-          "calib locations 3", "drop", "drop 0"}) {
-        EXPECT_TRUE(c.control(good, error)) << good << ": " << error;
-    }
-    for (const char* bad : {"device NEW on model=3",         // unknown without a kind
-                            "device NEW on kind=robot",      // no such kind
-                            "device TRK0001 on errors=3,x",  // not integers
-                            "device TRK0001 on colour=red",  // unknown key
-                            "device TRK0001 off model=3",    // off takes no fields
-                            "device NOPE off",
-                            "device TRK0001 up",
-                            "temperature NOPE 30",
-                            "temperature TRK0001 seq",
-                            "temperature TRK0001 ramp 25",
-                            "temperature TRK0001 hot",
-                            "heartbeat period -1",
-                            "heartbeat 0",
-                            "heartbeat 2 NOPE",
-                            "calib locations 0",
-                            "calib run x",
-                            "calib run value=1 bogus=2",
-                            "drop -5",
-                            "drop 1 2",
-                            "receipt 24",
-                            "receipt 4 image",
-                            "calib 2 location"}) {
-        error.clear();
-        EXPECT_FALSE(c.control(bad, error)) << bad;
-        EXPECT_FALSE(error.empty()) << bad;
-    }
-}
-
-TEST(ConsoleOptions, SetupLinesAndTheCommandLogAreRead) {
-    ConsoleOptions o;
-    std::string error;
-    ASSERT_TRUE(parse({"--setup", "device TRK0002 on kind=tracker", "--setup", "calib locations 2",
-                       "--command-log", "cmd.log", "--heartbeat-ms", "0"},
-                      o, error))
-        << error;
-    EXPECT_EQ(o.setupLines,
-              (std::vector<std::string>{"device TRK0002 on kind=tracker", "calib locations 2"}));
-    EXPECT_EQ(o.commandLogPath, "cmd.log");
-    EXPECT_EQ(o.heartbeatMs, 0);
-
-    o.readStdin = false;
-    o.commandLogPath.clear();
-    EXPECT_TRUE(Console(o).setupOk());
-    o.setupLines.push_back("device GHOST on");
-    EXPECT_FALSE(Console(o).setupOk());
 }

@@ -119,26 +119,6 @@ protected:
 
 // --- devices and the link ---------------------------------------------------------------------
 
-TEST_F(Scripted, SetupDevicesAreAnnouncedOnConnectionInOrder) {
-    connect({"--setup", "device TRK0002 on kind=tracker model=3 errors=3,4", "--setup",
-             "device PEN01 on kind=lightpen"},
-            4);
-    const auto devices = between(0, barrier(), isType(MSG_DEVICE));
-    ASSERT_EQ(devices.size(), 4u);
-    const std::vector<std::string> ids = {"TRK0001", "SCN0001", "TRK0002", "PEN01"};
-    for (size_t i = 0; i < 4; ++i) {
-        EXPECT_EQ(as<CMessage_Device>(devices[i]).deviceInfo().id(), ids[i]);
-    }
-    const lumora::DeviceInfo& t2 = as<CMessage_Device>(devices[2]).deviceInfo();
-    EXPECT_EQ(t2.trackertype(), 3);
-    ASSERT_EQ(t2.errcodes_size(), 2);
-    EXPECT_EQ(t2.errcodes(0), lumora::OPEN_CAMERA_ERR);
-    EXPECT_EQ(t2.errcodes(1), lumora::START_USB2_ERR);
-    EXPECT_EQ(as<CMessage_Device>(devices[3]).getDeviceType(), DEVICE_LIGHTPEN);
-    EXPECT_EQ(static_cast<int>(as<CMessage_Device>(devices[3]).deviceInfo().dtype()), 2);
-    EXPECT_EQ(wrapper.getTPDeviceManager()->getTracker(), (deviceids{"TRK0001", "TRK0002"}));
-}
-
 TEST_F(Scripted, DevicesComeChangeAndGoOnCommand) {
     connect();
     size_t from = barrier();
@@ -244,32 +224,11 @@ TEST_F(Scripted, ADelayedAnswerComesAfterTheAnswersToLaterCommands) {
     EXPECT_EQ(sound.size(), 1u);
 }
 
-TEST_F(Scripted, ARefusedGrabBringsNoCalibrationData) {
-    connect();
-    wrapper.setCalibrationMode(CALIB_BAR);
-    ASSERT_TRUE(console.control("answer setGrabOneFrame -1 1"));
-    size_t from = recorder.size();
-    wrapper.setGrabOneFrame(CLBBAR_LEVEL_POSE);
-    wrapper.setResetCamera();
-    int mark = expectMessage(from, isResponse(12));
-    ASSERT_GE(mark, 0);
-    const auto grabs = between(from, static_cast<size_t>(mark), isResponse(179));
-    ASSERT_EQ(grabs.size(), 1u);
-    EXPECT_EQ(work(grabs[0]).state, -1);
-    EXPECT_TRUE(between(from, static_cast<size_t>(mark), isType(MSG_CALIBDATA)).empty());
-
-    from = recorder.size();
-    wrapper.setGrabOneFrame(CLBBAR_LEVEL_POSE);  // answered normally again
-    EXPECT_EQ(work(message(expectMessage(from, isResponse(179)))).state, 0);
-    EXPECT_GE(expectMessage(from, isCalib(CALIB_STEP_TRACKER_POSE)), 0);
-}
-
 TEST_F(Scripted, QueriesAreAnsweredWithTheScriptedData) {
     connect();
     ASSERT_TRUE(console.control("answer getCalibraResult value=-0.5 1"));
-    ASSERT_TRUE(console.control("answer getLowpartVersion version=2.0.1"));
     ASSERT_TRUE(console.control("answer getCalibBoardSize rows=7 cols=5 board=7,5,15,15,2"));
-    size_t from = recorder.size();
+    const size_t from = recorder.size();
     wrapper.getCalibraResult();
     wrapper.getCalibraResult();
     wrapper.getCalibBoardSize();
@@ -291,12 +250,6 @@ TEST_F(Scripted, QueriesAreAnsweredWithTheScriptedData) {
     std::vector<double> values;
     as<CMessage_CalibData>(board[0]).getScannerBoard(&values);
     EXPECT_EQ(values, (std::vector<double>{7, 5, 15, 15, 2}));
-
-    from = recorder.size();
-    wrapper.getLowpartVersion();
-    const int v = expectMessage(from, isReceipt(RECEIPT_LOWPART_VERSION));
-    ASSERT_GE(v, 0);
-    EXPECT_EQ(as<CMessage_Receipt>(message(v)).getFirmwareVersion(), "2.0.1");
 }
 
 TEST_F(Scripted, TheCommandLogNamesEveryCommandWithItsArguments) {
@@ -350,14 +303,10 @@ TEST_F(Scripted, ReceiptFieldsReplaceTheStandardContent) {
     const size_t from = barrier();
     const std::vector<std::string> lines = {
         "receipt 0 code=154 state=-2 text=\"two  words \" device=TRK0001",
-        "receipt 4 frame=17 image=left:640:480:0 image=right:640:480:1",
         "receipt 5 trackers=0 scanners=0 sync=0",
         "receipt 6 priplad=2 ids=none name=bench",
         "receipt 7 ids=AIR7,AIR8,AIR9 battery=12",
         "receipt 8 strength=33 db=-70",
-        "receipt 9 item=laser:5 item=laser:7 item=disk:1",
-        "receipt 15 value=0.0 wifi=wpa_state=SCANNING",
-        "receipt 23 text=\"wpa_state=SCANNING \"",
     };
     for (const std::string& l : lines) {
         ASSERT_TRUE(console.control(l));
@@ -370,59 +319,24 @@ TEST_F(Scripted, ReceiptFieldsReplaceTheStandardContent) {
     EXPECT_EQ(w.text, "two  words ");
     EXPECT_EQ(w.deviceId, "TRK0001");
 
-    tagCameraImageList images;
-    as<CMessage_Receipt>(r[1]).getCameraImages(images);
-    EXPECT_EQ(images.nFrameIndex, 17);
-    ASSERT_EQ(images.vecImages.size(), 2u);
-    EXPECT_EQ(images.vecImages[1].strName, "right");
-    EXPECT_EQ(images.vecImages[1].nWidth, 640);
-    EXPECT_EQ(images.vecImages[1].nHeight, 480);
-    EXPECT_EQ(images.vecImages[1].nCameraIndex, 1);
-
-    const lumora::DiagnosticInfo d = as<CMessage_Receipt>(r[2]).getDiagnosisInfo();
+    const lumora::DiagnosticInfo d = as<CMessage_Receipt>(r[1]).getDiagnosisInfo();
     EXPECT_EQ(d.trackerdiagnosticinfo_size() + d.scannerdiagnosticinfo_size(), 0);
     EXPECT_FALSE(d.bdevicesyncstatus());
 
     tagLowPartConfig cfg;
-    as<CMessage_Receipt>(r[3]).getLowPartConfig(&cfg);
+    as<CMessage_Receipt>(r[2]).getLowPartConfig(&cfg);
     EXPECT_EQ(cfg.nUsePriplad, 2);
     EXPECT_TRUE(cfg.vecPripladIds.empty());
     EXPECT_EQ(cfg.strSysName, "bench");
 
     std::vector<tagPripladDeviceData> air;
-    as<CMessage_Receipt>(r[4]).getPripladDevices(&air);
+    as<CMessage_Receipt>(r[3]).getPripladDevices(&air);
     ASSERT_EQ(air.size(), 3u);
     EXPECT_EQ(air[2].strDeviceId, "AIR9");
     EXPECT_EQ(air[2].nCurElectric, 12);
 
-    EXPECT_EQ(as<CMessage_Receipt>(r[5]).getWIFISignalStrength().nSignalStrength, 33);
-    EXPECT_EQ(as<CMessage_Receipt>(r[5]).getWIFISignalStrength().nSignalDb, -70);
-
-    tagRemainingRGFs rgf;
-    as<CMessage_Receipt>(r[6]).getRemainingRGF(rgf);
-    ASSERT_EQ(rgf.vecRGF.size(), 3u);  // a repeated name is kept, in order
-    EXPECT_EQ(rgf.vecRGF[1].strName, "laser");
-    EXPECT_EQ(rgf.vecRGF[1].nCount, 7);
-
-    EXPECT_EQ(as<CMessage_Receipt>(r[7]).getCalibraResult(), 0.0);
-    EXPECT_EQ(as<CMessage_Receipt>(r[7]).getWIFIConnectInfo().strEventMessage,
-              "wpa_state=SCANNING");
-    EXPECT_EQ(as<CMessage_Receipt>(r[8]).getWIFIConnectInfo().strEventMessage,
-              "wpa_state=SCANNING ");
-}
-
-TEST_F(Scripted, FreeTextKeepsItsBlanks) {
-    connect();
-    const size_t from = barrier();
-    ASSERT_TRUE(console.control("wifi wpa_state=SCANNING "));
-    ASSERT_TRUE(console.control("response 3 112 disk  almost full"));
-    const auto r = between(from, barrier(), isType(MSG_RECEIPT));
-    ASSERT_EQ(r.size(), 2u);
-    EXPECT_EQ(as<CMessage_Receipt>(r[0]).getWIFIConnectInfo().strEventMessage,
-              "wpa_state=SCANNING ");
-    EXPECT_EQ(work(r[1]).code, 3);
-    EXPECT_EQ(work(r[1]).state, 112);
-    EXPECT_EQ(work(r[1]).text, "disk  almost full");
+    EXPECT_EQ(as<CMessage_Receipt>(r[4]).getWIFISignalStrength().nSignalStrength, 33);
+    EXPECT_EQ(as<CMessage_Receipt>(r[4]).getWIFISignalStrength().nSignalDb, -70);
 }
 
 // --- heartbeats and buttons ---------------------------------------------------------------------
@@ -449,21 +363,15 @@ TEST_F(Scripted, HeartbeatsCarryTheChosenTemperatures) {
         EXPECT_EQ(beats[2].kind, DEVICE_LIGHTPEN);
         EXPECT_TRUE(beats[2].temp.empty());
     }
-}
-
-TEST_F(Scripted, ARampGivesOneSamplePerHeartbeatForTheListedDevice) {
-    connect();
-    ASSERT_TRUE(console.control("temperature TRK0001 ramp 25 0.25"));
-    const size_t from = barrier();
-    ASSERT_TRUE(console.control("heartbeat 121 TRK0001"));
-    const auto hb = between(from, barrier(), isReceipt(RECEIPT_HEARTBEAT));
-    ASSERT_EQ(hb.size(), 121u);
-    for (size_t k = 0; k < hb.size(); ++k) {
-        std::vector<tagHeartData> beats;
-        as<CMessage_Receipt>(hb[k]).getHeartData(&beats);
-        ASSERT_EQ(beats.size(), 1u);
-        EXPECT_EQ(beats[0].temp.at(0), 25.0f + 0.25f * static_cast<float>(k));
-    }
+    // A heartbeat for listed devices only.
+    const size_t listed = barrier();
+    ASSERT_TRUE(console.control("heartbeat 1 SCN0001"));
+    const auto one = between(listed, barrier(), isReceipt(RECEIPT_HEARTBEAT));
+    ASSERT_EQ(one.size(), 1u);
+    std::vector<tagHeartData> beats;
+    as<CMessage_Receipt>(one[0]).getHeartData(&beats);
+    ASSERT_EQ(beats.size(), 1u);
+    EXPECT_EQ(beats[0].name, "SCN0001");
 }
 
 TEST_F(Scripted, PeriodicHeartbeatsCanBeStartedByAControlLine) {
@@ -479,94 +387,62 @@ TEST_F(Scripted, PeriodicHeartbeatsCanBeStartedByAControlLine) {
     }));
 }
 
-TEST_F(Scripted, ButtonsCarryCodeActionAndDevice) {
-    connect();
-    const size_t from = barrier();
-    ASSERT_TRUE(console.control("button 51 2"));
-    ASSERT_TRUE(console.control("button 53 1 TRK0001"));
-    const auto b = between(from, barrier(), isType(MSG_BUTTON));
-    ASSERT_EQ(b.size(), 2u);
-    EXPECT_EQ(as<CMessage_Button>(b[0]).getButtonCode(), 51);
-    EXPECT_EQ(as<CMessage_Button>(b[0]).getButtonAction(), 2);
-    EXPECT_EQ(*b[0]->getDeviceIds(), deviceids{"SCN0001"});
-    EXPECT_EQ(as<CMessage_Button>(b[1]).getButtonCode(), 53);
-    EXPECT_EQ(as<CMessage_Button>(b[1]).getButtonAction(), 1);
-    EXPECT_EQ(*b[1]->getDeviceIds(), deviceids{"TRK0001"});
-}
-
 // --- calibration --------------------------------------------------------------------------------
 
-TEST_F(Scripted, BarCalibrationReportsPosesAndLocationsUntilTheLast) {
+// Runs driven by the SDK's commands, with one grab more than there are locations: the steps
+// each mode reports, the locations they belong to, and nothing after the last location.
+TEST_F(Scripted, CommandDrivenRunsReportEachModesStepsUntilTheLastLocation) {
     connect({"--setup", "calib locations 2"});
-    size_t from = recorder.size();
-    wrapper.setCalibrationMode(CALIB_BAR);
-    wrapper.getCalibLocationStep(CALIB_BAR_LOCATION);
-    int at = expectMessage(from, isCalib(CALIB_STEP_LOCATION));
-    ASSERT_GE(at, 0);
-    EXPECT_EQ(as<CMessage_CalibData>(message(at)).getLocationNumber(), 1);
-
-    from = recorder.size();
-    wrapper.setGrabOneFrame(CLBBAR_VERTICAL_POSE);
-    at = expectMessage(from, isCalib(CALIB_STEP_TRACKER_POSE));
-    ASSERT_GE(at, 0);
-    double R1[9], t1[3];
-    CLBBARPOSE pose = CLBBAR_ERROR_POSE;
-    as<CMessage_CalibData>(message(at)).getTrackerPose(R1, t1, &pose);
-    EXPECT_EQ(pose, CLBBAR_VERTICAL_POSE);
-    expectRotation(R1);
-    EXPECT_GT(t1[2], 1000.0);  // in front of the tracker
-    at = expectMessage(static_cast<size_t>(at), isCalib(CALIB_STEP_LOCATION));
-    ASSERT_GE(at, 0);
-    EXPECT_EQ(as<CMessage_CalibData>(message(at)).getLocationNumber(), 2);
-
-    // The last location: the pose (another one) and no further location; then nothing more.
-    from = recorder.size();
-    wrapper.setGrabOneFrame(CLBBAR_LEVEL_POSE);
-    wrapper.setGrabOneFrame(CLBBAR_LEVEL_POSE);
-    wrapper.setResetCamera();
-    const int mark = expectMessage(from, isResponse(12));
-    ASSERT_GE(mark, 0);
-    const auto calib = between(from, static_cast<size_t>(mark), isType(MSG_CALIBDATA));
-    ASSERT_EQ(calib.size(), 1u);
-    ASSERT_TRUE(isCalib(CALIB_STEP_TRACKER_POSE)(*calib[0]));
-    double R2[9], t2[3];
-    as<CMessage_CalibData>(calib[0]).getTrackerPose(R2, t2, &pose);
-    EXPECT_EQ(pose, CLBBAR_LEVEL_POSE);
-    expectRotation(R2);
-    EXPECT_NE(t2[2], t1[2]);
-    EXPECT_EQ(between(from, static_cast<size_t>(mark), isResponse(179)).size(), 2u);
-}
-
-TEST_F(Scripted, ScannerCalibrationEndsWithTheCalibrationData) {
-    connect({"--setup", "calib locations 3"});
-    size_t from = recorder.size();
-    wrapper.getCalibBoardSize();
-    wrapper.setCalibrationMode(CALIB_SCANNER_BOARD);
-    wrapper.getCalibLocationStep(CALIB_SCANNER);
-    for (int i = 0; i < 3; ++i) {
-        wrapper.setGrabOneFrame(CLBBAR_LEVEL_POSE);
-    }
-    wrapper.setResetCamera();
-    const int mark = expectMessage(from, isResponse(12));
-    ASSERT_GE(mark, 0);
-    std::vector<int> steps;
-    std::vector<int> locations;
-    const auto calib = between(from, static_cast<size_t>(mark), isType(MSG_CALIBDATA));
-    for (const auto* m : calib) {
-        const auto& c = as<CMessage_CalibData>(m);
-        steps.push_back(c.getTrackerGrabIndex());
-        if (c.getTrackerGrabIndex() == CALIB_STEP_LOCATION) {
-            locations.push_back(c.getLocationNumber());
+    const struct {
+        CALIBMODE mode;
+        std::vector<int> steps;
+        std::vector<int> locations;  // of the location and pose steps
+    } cases[] = {
+        {CALIB_BAR, {2, 5, 2, 5}, {1, 1, 2, 2}},
+        {CALIB_SCANNER_BOARD, {3, 4, 2, 2, 7}, {1, 2}},
+        {CALIB_SCANNER_POSITION, {3, 4, 6, 6}, {1, 2}},
+    };
+    for (const auto& c : cases) {
+        const size_t from = recorder.size();
+        if (c.mode != CALIB_BAR) {
+            wrapper.getCalibBoardSize();
+        }
+        wrapper.setCalibrationMode(c.mode);
+        if (c.mode != CALIB_SCANNER_POSITION) {
+            wrapper.getCalibLocationStep(c.mode == CALIB_BAR ? CALIB_BAR_LOCATION : CALIB_SCANNER);
+        }
+        for (int i = 0; i < 3; ++i) {
+            wrapper.setGrabOneFrame(CLBBAR_VERTICAL_POSE);
+        }
+        wrapper.setResetCamera();  // answered after everything before it
+        const int mark = expectMessage(from, isResponse(12));
+        ASSERT_GE(mark, 0);
+        EXPECT_EQ(between(from, static_cast<size_t>(mark), isResponse(179)).size(), 3u);
+        std::vector<int> steps, locations;
+        std::vector<std::vector<double>> translations;
+        for (const auto* m : between(from, static_cast<size_t>(mark), isType(MSG_CALIBDATA))) {
+            const auto& d = as<CMessage_CalibData>(m);
+            const int step = d.getTrackerGrabIndex();
+            steps.push_back(step);
+            if (step == CALIB_STEP_LOCATION || step == CALIB_STEP_TRACKER_POSE ||
+                step == CALIB_STEP_TRACKER_POSE_LONG) {
+                locations.push_back(d.getLocationNumber());
+            }
+            if (step == CALIB_STEP_TRACKER_POSE || step == CALIB_STEP_TRACKER_POSE_LONG) {
+                double R[9], t[3];
+                CLBBARPOSE pose = CLBBAR_ERROR_POSE;
+                d.getTrackerPose(R, t, &pose);
+                expectRotation(R);
+                translations.emplace_back(t, t + 3);
+                EXPECT_TRUE(step != CALIB_STEP_TRACKER_POSE || pose == CLBBAR_VERTICAL_POSE);
+            }
+        }
+        EXPECT_EQ(steps, c.steps) << "mode " << c.mode;
+        EXPECT_EQ(locations, c.locations) << "mode " << c.mode;
+        if (translations.size() == 2) {
+            EXPECT_NE(translations[0], translations[1]) << "mode " << c.mode;
         }
     }
-    EXPECT_EQ(steps, (std::vector<int>{3, 4, 2, 2, 2, 7}));
-    EXPECT_EQ(locations, (std::vector<int>{1, 2, 3}));
-    tagCalibData d;
-    ASSERT_TRUE(as<CMessage_CalibData>(calib.back()).getScannerCalib(d));
-    EXPECT_EQ(d.nResult, 0);
-    EXPECT_EQ(d.vecLattice.size(), static_cast<size_t>(d.nRows * d.nCols));
-    EXPECT_GT(d.camera[0].dMatrix[0][0], 100.0);  // a focal length in pixels
-    EXPECT_NE(d.camera[1].dTranslation[0], 0.0);  // the second camera sits aside
 }
 
 TEST_F(Scripted, ACalibrationRunPlaysEveryModesSteps) {
@@ -606,11 +482,10 @@ TEST_F(Scripted, CalibrationStepsTakeChosenContent) {
     const size_t from = barrier();
     ASSERT_TRUE(console.control("calib 2 location=4"));
     ASSERT_TRUE(console.control("calib 5 pose=up translation=1,2,3"));
-    ASSERT_TRUE(console.control("calib 7 result=5 rows=3 cols=4 unseen=2"));
     ASSERT_TRUE(console.control("calib 7 lattice=none"));
     ASSERT_TRUE(console.control("calib 8"));
     const auto c = between(from, barrier(), isType(MSG_CALIBDATA));
-    ASSERT_EQ(c.size(), 5u);
+    ASSERT_EQ(c.size(), 4u);
     EXPECT_EQ(as<CMessage_CalibData>(c[0]).getLocationNumber(), 4);
     double R[9], t[3];
     CLBBARPOSE pose = CLBBAR_ERROR_POSE;
@@ -620,9 +495,6 @@ TEST_F(Scripted, CalibrationStepsTakeChosenContent) {
     expectRotation(R);
     tagCalibData d;
     as<CMessage_CalibData>(c[2]).getScannerCalib(d);
-    EXPECT_EQ(d.nResult, 5);
-    EXPECT_EQ(d.vecLattice, (std::vector<uint8_t>{1, 1, 1, 1, 1, 1, 1, 1, 1, 1, 0, 0}));
-    as<CMessage_CalibData>(c[3]).getScannerCalib(d);
     EXPECT_TRUE(d.vecLattice.empty());
-    EXPECT_EQ(as<CMessage_CalibData>(c[4]).getTrackerGrabIndex(), 8);
+    EXPECT_EQ(as<CMessage_CalibData>(c[3]).getTrackerGrabIndex(), 8);
 }
