@@ -1,11 +1,8 @@
 // Conversions that need no device (buttons, scan objects, Wi-Fi texts, wire device records, the
-// thermal balance) and the module's own identity and process search.
+// thermal balance) and the module's own identity.
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <filesystem>
 #include <regex>
-#include <thread>
 
 #include "Mappings.h"
 #include "device/Pathfinder.h"
@@ -186,26 +183,6 @@ TEST(ModuleIdentity, VersionComesFromTheBuildAndTheFolderFromTheModule) {
     EXPECT_TRUE(std::regex_match(version, std::regex(R"(\d+\.\d+\.\d+\.\d+)"))) << version;
     const std::string folder = platform::nativePath(getAnnexPath());
     EXPECT_TRUE(platform::fileExists(folder + "/libPathfinder.so")) << folder;
-}
-
-TEST(ModuleIdentity, FindProcessByNameFindsAndEndsOnlyThatName) {
-    // A copy of `sleep` under a name no other process has.
-    const std::string name = "pf_sleeper_" + std::to_string(platform::currentProcessId());
-    const std::filesystem::path copy = std::filesystem::temp_directory_path() / name;
-    std::filesystem::copy_file("/bin/sleep", copy,
-                               std::filesystem::copy_options::overwrite_existing);
-    const int pid = platform::startProcess(copy.string(), {"30"});
-    ASSERT_GT(pid, 0);
-    const std::wstring wide = platform::widePath(name);
-    EXPECT_EQ(FindProcessByName(wide, false), 1);
-    EXPECT_TRUE(platform::processAlive(pid));  // looking ends nothing
-    EXPECT_EQ(FindProcessByName(wide, true), 1);
-    for (int i = 0; i < 500 && platform::processAlive(pid); ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    EXPECT_FALSE(platform::processAlive(pid));
-    EXPECT_EQ(FindProcessByName(wide, false), 0);
-    std::filesystem::remove(copy);
 }
 
 }  // namespace
