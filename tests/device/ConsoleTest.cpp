@@ -419,8 +419,8 @@ TEST_F(WithConsole, HeartbeatsKeepARunningMeanOfTheLast120Samples) {
     settle();
     EXPECT_EQ(recorder->replies(REPLY_THERMAL_BALANCE).size(), 242u);
     EXPECT_EQ(recorder->of("state").size(), 242u);
-    EXPECT_EQ(recorder->of("state")[1].a, STATE_HEARTBEAT);
-    EXPECT_EQ(recorder->of("state")[1].b, DEVICE_TYPE_SCANNER);
+    EXPECT_EQ(recorder->of("state").at(1).a, STATE_HEARTBEAT);
+    EXPECT_EQ(recorder->of("state").at(1).b, DEVICE_TYPE_SCANNER);
 
     const tagDeviceThermalBalance last = getThermalRecords().at("TRK0001");
     ASSERT_EQ(last.samples.size(), 120u);
@@ -530,15 +530,16 @@ TEST_F(WithConsole, AirDeviceSwitchReconfiguresAndReconnects) {
     for (const char* list : {"AIR0001,AIR0002", "none"}) {
         control(std::string("answer getPripladDevices ids=") + list + " 1");
         const Lines s = sent([&] { EXPECT_EQ(device->setPriplad(false), RESULT_SUCCESS); });
-        ASSERT_GE(s.size(), 4u);
+        ASSERT_GE(s.size(), 3u);
         EXPECT_EQ(s[0], "getLowPartConfigs");
         EXPECT_EQ(s[1], "getPripladDevices");
         ASSERT_EQ(s[2].rfind("setLowPartConfigs raw(", 0), 0u) << s[2];
         sizes.push_back(std::stoul(s[2].substr(22)));
-        EXPECT_EQ(s[3], "setHeartBeatInterval 0");  // a new connection
         EXPECT_TRUE(device->hasInit());
     }
     EXPECT_GT(sizes[0], sizes[1]);  // the air devices travel in the configuration
+    // Each switch ends with a new connection; the SDK announces its interval on each.
+    EXPECT_TRUE(waitFor([&] { return count(logged(), "setHeartBeatInterval 0") == 3; }));
 }
 
 // --- calibration ------------------------------------------------------------------------------
