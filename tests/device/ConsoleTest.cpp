@@ -594,14 +594,14 @@ TEST_F(WithConsole, CalibrationDataReachesTheHost) {
     recorder->clear();
     control("calib run 8");  // tracker bar
     settle();
-    EXPECT_EQ(kinds(), (std::vector<int>{FAST_CALI_LOCATION, FAST_CALI_TRACKER_POSE,
+    ASSERT_EQ(kinds(), (std::vector<int>{FAST_CALI_LOCATION, FAST_CALI_TRACKER_POSE,
                                          FAST_CALI_LOCATION, FAST_CALI_TRACKER_POSE}));
     EXPECT_EQ(recorder->of("fastcali")[2].values, std::vector<double>{2});  // the location
 
     recorder->clear();
     control("calib run 5");  // scanner position
     settle();
-    EXPECT_EQ(kinds(),
+    ASSERT_EQ(kinds(),
               (std::vector<int>{FAST_CALI_BOARD_LATTICE, FAST_CALI_SCANNER_BOARD,
                                 FAST_CALI_TRACKER_POSE_LONG, FAST_CALI_TRACKER_POSE_LONG}));
     std::vector<Event> e = recorder->of("fastcali");
