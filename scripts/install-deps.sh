@@ -9,9 +9,12 @@ packages=(
   libeigen3-dev
   libopencv-dev
   libpcl-dev
+  libembree-dev
+  libcli11-dev nlohmann-json3-dev
   libgtest-dev libgmock-dev googletest
   libbenchmark-dev
   clang clang-format libclang-rt-14-dev
+  ccache
 )
 
 SUDO=""
