@@ -8,11 +8,15 @@
 #ifndef WIN32_LEAN_AND_MEAN
 #define WIN32_LEAN_AND_MEAN
 #endif
-// winsock2.h must precede windows.h.
+// The order of these headers matters and must not be sorted: winsock2.h must precede
+// windows.h (a windows.h without WIN32_LEAN_AND_MEAN pulls in the old winsock.h, which clashes
+// with it), and shellapi.h and tlhelp32.h need the types windows.h declares.
+// clang-format off
+#include <winsock2.h>
+#include <windows.h>
 #include <shellapi.h>
 #include <tlhelp32.h>
-#include <windows.h>
-#include <winsock2.h>
+// clang-format on
 
 #include <sys/stat.h>
 #include <sys/types.h>
