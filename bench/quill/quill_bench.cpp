@@ -260,6 +260,21 @@ void BM_Optimiser(benchmark::State& state) {
 }
 BENCHMARK(BM_Optimiser)->Unit(benchmark::kMillisecond)->Iterations(5);
 
+// The same run with every Gauss-Newton step taken as it comes: what the step control costs.
+void BM_Optimiser_PlainSteps(benchmark::State& state) {
+    ModelSetup& s = modelSetup();
+    Quill::MarkOpt_class opt;
+    opt.set_wh(2448, 2048);
+    opt.set_step_control(false);
+    for (auto _ : state) {
+        auto rts = s.rts;
+        benchmark::DoNotOptimize(opt.Run_FastKeyGlobalRegistrtion_MarkPoint_nCam_Global(
+            s.rt.get_mark_match(0), rts, static_cast<int>(rts.size()), 0.1f, 150));
+    }
+    state.counters["iterations"] = opt.get_iterations();
+}
+BENCHMARK(BM_Optimiser_PlainSteps)->Unit(benchmark::kMillisecond)->Iterations(5);
+
 // Plain alternating least squares on the same observations (grouped by the scene truth):
 // poses by Kabsch from the current markers, markers as means, 150 rounds.
 void BM_Optimiser_NaiveALS(benchmark::State& state) {

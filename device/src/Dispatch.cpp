@@ -1,4 +1,5 @@
 // RecvMessageFn: classification of the SDK's messages and what each one reports to the host.
+#include <chrono>
 #include <cstring>
 #include <exception>
 #include <map>
@@ -31,6 +32,70 @@ bool firstDiagnosisEntry(const lumora::DiagnosticInfo& d, bool* state) {
     return false;
 }
 
+int64_t steadyNowNs() {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+// Diagnosis requests after a device arrival. The answers come on the receiving thread, the
+// thread that runs this, so the wait must not hold it: the arrival makes the first request
+// and returns; every later message checks the round again (after it was handled, so an
+// answer ends the round at once). A round ends when an answer came, or 500 ms after the
+// fifth request; each further request goes out with the first message that comes 500 ms or
+// more after the previous one (heartbeats keep coming while a device is connected). Then
+// the received flag is cleared. A new arrival starts a new round.
+void driveDiagnosis(SDK_NV::CTPScanWrapper* wrapper, bool arrival) {
+    detail::ModuleFlags& flags = detail::moduleFlags();
+    const int64_t now = steadyNowNs();
+    const auto request = [&] {
+        flags.diagnosisRequests.fetch_add(1);
+        flags.diagnosisDueNs.store(
+            now + platform::scaledDuration(std::chrono::milliseconds(kDiagnosisWaitMs)).count());
+        wrapper->getDiagnosisInfo();
+    };
+    if (arrival) {
+        // Request first, then test: only an answer that comes after this arrival ends it.
+        flags.diagnosisReceived.store(false);
+        flags.diagnosisRequests.store(0);
+        flags.diagnosisPending.store(true);
+        request();
+        return;
+    }
+    if (!flags.diagnosisPending.load()) {
+        return;
+    }
+    if (!flags.diagnosisReceived.load()) {
+        if (now < flags.diagnosisDueNs.load()) {
+            return;
+        }
+        if (flags.diagnosisRequests.load() < kDiagnosisRequests) {
+            request();
+            return;
+        }
+    }
+    flags.diagnosisPending.store(false);
+    flags.diagnosisReceived.store(false);
+}
+
+// Runs driveDiagnosis when a message has been handled, however the handling ended.
+class AfterMessage {
+public:
+    explicit AfterMessage(SDK_NV::CTPScanWrapper* wrapper) : m_wrapper(wrapper) {}
+    AfterMessage(const AfterMessage&) = delete;
+    AfterMessage& operator=(const AfterMessage&) = delete;
+    ~AfterMessage() {
+        try {
+            driveDiagnosis(m_wrapper, false);
+        } catch (...) {
+            detail::logLine("diagnosis request failed");
+        }
+    }
+
+private:
+    SDK_NV::CTPScanWrapper* m_wrapper;
+};
+
 }  // namespace
 
 emDeviceResult CPathfinder::GetWifiConnectTransferInfo(std::string& text) {
@@ -58,6 +123,7 @@ void CPathfinder::RecvMessageFn(void* message) {
         if (m_pScanWrapper == nullptr || base == nullptr) {
             return;
         }
+        const AfterMessage after(m_pScanWrapper);
         const int type = base->getType();
         if (type < 0 || type > SDK_NV::MSG_CALIBDATA) {
             return;
@@ -210,12 +276,7 @@ void CPathfinder::RecvMessageFn(void* message) {
                     const lumora::DeviceInfo payload = m->getDeviceInfo();
                     callDeviceTReply(info.serialText(), REPLY_DEVICE_INFO, &payload);
                 }
-                detail::ModuleFlags& flags = detail::moduleFlags();
-                for (int i = 0; i < kDiagnosisRequests && !flags.diagnosisReceived.load(); ++i) {
-                    m_pScanWrapper->getDiagnosisInfo();
-                    platform::sleepMs(kDiagnosisWaitMs);
-                }
-                flags.diagnosisReceived.store(false);
+                driveDiagnosis(m_pScanWrapper, true);
                 return;
             }
 

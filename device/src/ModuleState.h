@@ -20,6 +20,12 @@ struct ModuleFlags {
     // Diagnosis receipt (kind 5) after a device arrival.
     std::atomic<bool> diagnosisReceived{false};
     std::atomic<bool> diagnosisState{false};
+    // The diagnosis requests of the last device arrival, driven on the receiving thread (see
+    // Dispatch.cpp): whether it still waits for an answer, the requests made, and when the
+    // next one is due (steady clock, nanoseconds).
+    std::atomic<bool> diagnosisPending{false};
+    std::atomic<int> diagnosisRequests{0};
+    std::atomic<int64_t> diagnosisDueNs{0};
     // Calibration result receipt (kind 15) stored in the device object.
     std::atomic<bool> calibraResultReady{false};
     // Acknowledgements: any of the responses 173, 179, 181, 182 arrived (grabAnswered), and

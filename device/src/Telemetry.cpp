@@ -31,13 +31,15 @@ void resetThermalRecords() {
 }
 
 void AddTemperature(tagDeviceThermalBalance& record, SDK_NV::tagHeartData beat) {
+    // Name and kind come first, whatever the heartbeat carries; without a temperature the
+    // samples, the trend and the temperature fields stay as they were.
+    record.name = beat.name;
+    record.kind = beat.kind;
     if (beat.temp.empty()) {
-        detail::logLine("heartbeat of " + beat.name + " without temperature ignored");
+        detail::logLine("heartbeat of " + beat.name + " without temperature: no sample");
         return;
     }
     const float t = beat.temp[0];
-    record.name = beat.name;
-    record.kind = beat.kind;
     if (beat.kind == 0 || beat.kind == 1) {
         // Field order of the record: element 0, then element 2, then element 1. A heartbeat
         // with fewer temperatures leaves the missing ones as they were.

@@ -19,9 +19,14 @@ namespace {
 constexpr double kGateSigmas = 5.0;
 // ... but never gate below this residual (mm): tiny noise must not shed good observations.
 constexpr double kMinGate = 0.02;
-// Marquardt damping added to the pose system's diagonal (relative, and absolute).
+// Levenberg-Marquardt damping of the pose system: lambda times its diagonal, plus a small
+// absolute term. Lambda starts (and is floored) at kDampRel, where the step is the plain
+// Gauss-Newton step; a step that raises the cost is taken back and lambda grows tenfold
+// (shorter steps, turning towards gradient descent); an accepted step shrinks it tenfold.
 constexpr double kDampRel = 1e-9;
 constexpr double kDampAbs = 1e-12;
+constexpr double kLambdaGrowth = 10.0;
+constexpr double kLambdaMax = 1e8;
 // Conjugate-gradient limits of one Gauss-Newton step.
 constexpr int kMaxCgIterations = 400;
 constexpr double kCgTolerance = 1e-10;  // on the preconditioned residual, relative
@@ -151,8 +156,19 @@ public:
     }
 
     bool setupSystem();
-    bool gaussNewtonStep();
+    bool gaussNewtonStep(double lambda);
     void refitLooseFrames();
+
+    // Keeps the poses, or goes back to the kept ones (a rejected step); updateMarkers then
+    // restores the markers and residuals.
+    void savePoses() {
+        savedR_ = R_;
+        savedT_ = t_;
+    }
+    void restorePoses() {
+        R_.swap(savedR_);
+        t_.swap(savedT_);
+    }
 
     void finish(std::vector<Eigen::Matrix4d>& frames, std::vector<mcXYZ_Nor_s>& out, double& rms);
 
@@ -171,6 +187,8 @@ private:
     std::vector<int> frames_;
     std::vector<Eigen::Matrix3d> R_;
     std::vector<Eigen::Vector3d> t_;
+    std::vector<Eigen::Matrix3d> savedR_;
+    std::vector<Eigen::Vector3d> savedT_;
     std::vector<Eigen::Vector3d> X_;
     std::vector<unsigned char> use_;
     std::vector<double> res_;
@@ -242,7 +260,7 @@ void Bundle::multiply(const Eigen::VectorXd& x, Eigen::VectorXd& y) const {
     }
 }
 
-bool Bundle::gaussNewtonStep() {
+bool Bundle::gaussNewtonStep(double lambda) {
     if (nVar_ == 0)
         return false;
     Q_.clear();
@@ -289,7 +307,7 @@ bool Bundle::gaussNewtonStep() {
     for (int v = 0; v < nVar_; ++v) {
         Mat6 d = diag[static_cast<std::size_t>(v)];
         for (int i = 0; i < 6; ++i) {
-            damp(6 * v + i) = kDampRel * d(i, i) + kDampAbs;
+            damp(6 * v + i) = lambda * d(i, i) + kDampAbs;
             d(i, i) += damp(6 * v + i);
         }
         pre[static_cast<std::size_t>(v)].compute(d);
@@ -432,6 +450,8 @@ struct MarkOpt_class::State {
     std::vector<mcXYZ_Nor_s> out;
     int iterations = 0;
     double rms = 0.0;
+    bool converged = false;
+    bool stepControl = true;
 };
 
 MarkOpt_class::MarkOpt_class() : d_(new State()) {}
@@ -449,6 +469,7 @@ int MarkOpt_class::Run_FastKeyGlobalRegistrtion_MarkPoint_nCam_Global(
     st.out.clear();
     st.iterations = 0;
     st.rms = 0.0;
+    st.converged = false;
     if (global == nullptr || frameCount < 1) {
         return 0;
     }
@@ -471,22 +492,44 @@ int MarkOpt_class::Run_FastKeyGlobalRegistrtion_MarkPoint_nCam_Global(
         sse = bundle.updateMarkers();
         if (!bundle.setupSystem())
             return 0;
-        for (int iter = 0; iter < maxIter; ++iter) {
+        // Every trial step counts as an iteration, taken back or not. The run converges when
+        // a step lowers the cost by less than the stop fraction, when a step that raised it
+        // did so by less than that (rounding at the minimum), or when no step is left (nothing
+        // to move, zero gradient); otherwise it ends at the iteration limit.
+        double lambda = kDampRel;
+        bool converged = false;
+        for (int iter = 0; iter < maxIter && !converged; ++iter) {
             st.iterations = iter + 1;
-            if (!bundle.gaussNewtonStep())
+            if (st.stepControl)
+                bundle.savePoses();
+            if (!bundle.gaussNewtonStep(lambda)) {
+                converged = true;
                 break;
+            }
             const double next = bundle.updateMarkers();
+            if (st.stepControl && !(next <= sse)) {
+                bundle.restorePoses();
+                bundle.updateMarkers();
+                if (std::isfinite(next) && next - sse <= stop * sse) {
+                    converged = true;
+                } else if (lambda >= kLambdaMax) {
+                    break;  // no step lowers the cost: stays unconverged
+                } else {
+                    lambda = std::min(kLambdaMax, lambda * kLambdaGrowth);
+                }
+                continue;
+            }
+            lambda = std::max(kDampRel, lambda / kLambdaGrowth);
             bundle.updateGate();
             const double gated = bundle.updateMarkers();
-            const bool converged = sse - next <= stop * sse;
+            converged = sse - next <= stop * sse;
             sse = gated;
-            if (converged)
-                break;
         }
+        st.converged = converged;
         bundle.refitLooseFrames();
         bundle.updateMarkers();
         bundle.finish(frameTransforms, st.out, st.rms);
-        return 1;
+        return converged ? 1 : 2;
     } catch (...) {
         st.out.clear();
         return 0;
@@ -503,6 +546,12 @@ int MarkOpt_class::get_iterations() const {
 }
 double MarkOpt_class::get_rms() const {
     return d_->rms;
+}
+bool MarkOpt_class::get_converged() const {
+    return d_->converged;
+}
+void MarkOpt_class::set_step_control(bool on) {
+    d_->stepControl = on;
 }
 
 }  // namespace Quill

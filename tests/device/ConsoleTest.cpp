@@ -5,6 +5,7 @@
 #include <stdlib.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <filesystem>
 #include <fstream>
@@ -338,6 +339,125 @@ TEST_F(WithConsole, ArrivalSetsTheFrameRateOfItsModelBeforeItsState) {
     control("device SCN0001 off");
     settle();
     EXPECT_EQ(described(), Lines{ev("state", STATE_DISCONNECTED, DEVICE_TYPE_SCANNER, "SCN0001")});
+}
+
+TEST_F(WithConsole, ClearEndsAfterOneSearchWhenNoCompanionRuns) {
+    // The annex has no companion programs and none of the older install's names runs: one
+    // search, no waiting for a console to end (a wait step is 500 ms at the time scale of 1
+    // used here; no console is involved).
+    device = std::make_unique<devtest::TestDevice>(recorder);
+    const double scale = platform::timeScale();
+    ASSERT_TRUE(platform::setTimeScale(1.0));
+    const auto t0 = std::chrono::steady_clock::now();
+    EXPECT_EQ(device->clear(), RESULT_SUCCESS);
+    const auto took = std::chrono::steady_clock::now() - t0;
+    platform::setTimeScale(scale);
+    EXPECT_LT(took, std::chrono::milliseconds(400));
+    EXPECT_FALSE(device->hasInit());
+}
+
+// Each arrival asks for the device's diagnosis at least once and goes on asking, 500 ms apart,
+// until an answer came or five requests were made; the answers are handled while it waits.
+TEST_F(WithConsole, EveryArrivalRequestsTheDiagnosisUntilAnswered) {
+    const auto requests = [&] { return count(logged(), "getDiagnosisInfo"); };
+    connect();
+    EXPECT_EQ(requests(), 2) << "the two arrivals of the connection, answered at once";
+
+    // Two more arrivals, one after the other: one request each.
+    control("device TRK0001 on");
+    control("device SCN0001 on");
+    settle();
+    sync();
+    EXPECT_EQ(requests(), 4);
+
+    // Heartbeats bring the receiving thread round while nothing else comes.
+    control("heartbeat period 50");
+
+    // Never answered: five requests, then no more.
+    control("answer getDiagnosisInfo none");
+    control("device TRK0001 on");
+    EXPECT_TRUE(waitFor([&] { return requests() == 9; }));
+    platform::sleepMs(1500);
+    EXPECT_EQ(requests(), 9);
+
+    // Answered 1.2 s late: the answer arrives while the arrival still waits, and ends it
+    // after about three requests (five would mean the answer waited behind the requests).
+    control("answer getDiagnosisInfo sync=1 delay=1200");
+    control("device TRK0001 on");
+    EXPECT_TRUE(waitFor([&] { return requests() >= 10; }));
+    platform::sleepMs(3000);
+    const int late = requests() - 9;
+    EXPECT_GE(late, 2);
+    EXPECT_LE(late, 4);
+
+    // The rounds are over: an arrival answered at once makes one request again.
+    control("answer getDiagnosisInfo default");
+    platform::sleepMs(2500);  // the delayed answers of the last round are in
+    const int before = requests();
+    control("device SCN0001 on");
+    settle();
+    platform::sleepMs(1000);
+    EXPECT_EQ(requests(), before + 1);
+    control("heartbeat period 0");
+}
+
+// A device never seen before whose heartbeat has no temperatures: its record carries its name
+// and kind, no sample.
+TEST_F(WithConsole, AHeartbeatWithoutTemperaturesNamesItsRecord) {
+    connect();
+    control("device TRK0009 on kind=tracker");
+    control("temperature TRK0009 none");
+    settle();
+    recorder->clear();
+    control("heartbeat 1 TRK0009");
+    settle();
+    const auto records = getThermalRecords();
+    ASSERT_EQ(records.count("TRK0009"), 1u);
+    const tagDeviceThermalBalance& r = records.at("TRK0009");
+    EXPECT_EQ(r.name, "TRK0009");
+    EXPECT_EQ(r.kind, 0);
+    EXPECT_TRUE(r.samples.empty());
+    EXPECT_EQ(r.mean, 0.0f);
+    const auto replies = recorder->replies(REPLY_THERMAL_BALANCE);
+    ASSERT_EQ(replies.size(), 1u);
+    EXPECT_EQ(replies[0].text, "TRK0009");
+    EXPECT_EQ(replies[0].thermal.name, "TRK0009");
+    ASSERT_EQ(recorder->of("state").size(), 1u);
+    EXPECT_EQ(recorder->of("state")[0].a, STATE_HEARTBEAT);
+    EXPECT_EQ(recorder->of("state")[0].text, "TRK0009");
+}
+
+// Boundaries: a connection during init's first wait, the largest laser exposure, and the
+// calibration steps that carry nothing.
+TEST_F(WithConsole, ConnectionDuringTheFirstWaitTopExposureAndEmptyCalibrationSteps) {
+    // The console is up before init: the SDK connects during the first 3 s wait, no console
+    // is started (the annex has none) and init succeeds after that wait and the settling.
+    ASSERT_NO_FATAL_FAILURE(startConsole());
+    device = std::make_unique<devtest::TestDevice>(recorder);
+    const auto t0 = std::chrono::steady_clock::now();
+    ASSERT_EQ(device->init(), RESULT_SUCCESS);
+    const auto took = std::chrono::steady_clock::now() - t0;
+    EXPECT_TRUE(device->hasInit());
+    EXPECT_TRUE(device->isConnected());
+    EXPECT_EQ(recorder->replies(REPLY_SDK_CONNECTED).size(), 1u);
+    EXPECT_GE(took, platform::scaledDuration(std::chrono::milliseconds(5000)));
+    EXPECT_LT(took, platform::scaledDuration(std::chrono::milliseconds(6000)) +
+                        std::chrono::milliseconds(500));
+    sync();
+
+    int unused = 0;
+    const Lines s =
+        sent([&] { EXPECT_EQ(device->setLaserExposure(10.0f, unused), RESULT_SUCCESS); });
+    EXPECT_EQ(s, Lines{"setLaserExposure 10"});
+
+    recorder->clear();
+    control("calib 1");
+    control("calib 8");
+    control("calib 3");  // a step that does carry data, behind them
+    settle();
+    const std::vector<Event> e = recorder->of("fastcali");
+    ASSERT_EQ(e.size(), 1u);
+    EXPECT_EQ(e[0].a, FAST_CALI_BOARD_LATTICE);
 }
 
 // --- buttons, Wi-Fi, responses and receipts ---------------------------------------------------

@@ -2,6 +2,7 @@
 // thermal balance) and the module's own identity.
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <regex>
 
 #include "Mappings.h"
@@ -168,12 +169,27 @@ TEST(ThermalBalance, OnlyTrackersAndScannersSetTheTemperatureFields) {
     EXPECT_FLOAT_EQ(r.temperature3, 32.0f);
     EXPECT_FLOAT_EQ(r.newest, 40.0f);
     EXPECT_EQ(r.kind, 2);
-    // A heartbeat without temperatures changes nothing.
+    // A heartbeat without temperatures gives its name and kind, and no sample.
     SDK_NV::tagHeartData empty;
     empty.name = "other";
+    empty.kind = 1;
     AddTemperature(r, empty);
-    EXPECT_EQ(r.name, "T1");
+    EXPECT_EQ(r.name, "other");
+    EXPECT_EQ(r.kind, 1);
     EXPECT_EQ(r.samples.size(), 2u);
+    EXPECT_FLOAT_EQ(r.newest, 40.0f);
+    EXPECT_FLOAT_EQ(r.temperature1, 30.0f);
+}
+
+TEST(ThermalBalance, AMeanOfZeroGivesTheDeviationAsComputed) {
+    tagDeviceThermalBalance r;
+    AddTemperature(r, beat(2.0f));
+    AddTemperature(r, beat(-2.0f));  // mean 0, newest -2: -2 / 0 is minus infinity
+    EXPECT_EQ(r.mean, 0.0f);
+    EXPECT_TRUE(std::isinf(r.deviation) && r.deviation < 0.0f) << r.deviation;
+    tagDeviceThermalBalance zero;
+    AddTemperature(zero, beat(0.0f));  // 0 / 0
+    EXPECT_TRUE(std::isnan(zero.deviation)) << zero.deviation;
 }
 
 // --- the module itself --------------------------------------------------------------------------

@@ -202,3 +202,88 @@ TEST(MarkOpt, RefusesWhatItCannotRefine) {
                                                                      0.1f, 150),
               0);
 }
+
+TEST(MarkOpt, AStartFarOffConvergesAndTheIterationLimitIsReported) {
+    const auto scene = sim::MarkerScene::randomPart(150, 41);
+    sim::FrameGenerator gen(scene, 42);
+    sim::FrameOptions o;
+    o.visible = 30;
+    o.noiseSigma = 0.02;
+    const auto frames = gen.walk(40, o, 15.0, 1.0);
+    Model m;
+    for (const auto& f : frames)
+        ASSERT_GT(m.add(f), 0);
+    // Start poses far off: every frame after the first turned by 1 radian about its origin,
+    // a lever arm of more than a metre to its markers.
+    std::vector<Eigen::Matrix4d> start = m.rt.get_final_rt_array(0);
+    for (std::size_t k = 1; k < start.size(); ++k) {
+        Eigen::Matrix4d turn = Eigen::Matrix4d::Identity();
+        turn.topLeftCorner<3, 3>() =
+            Eigen::AngleAxisd(1.0,
+                              Eigen::Vector3d(1.0, 2.0, 0.5 * static_cast<double>(k)).normalized())
+                .toRotationMatrix();
+        start[k] = start[k] * turn;
+    }
+    auto runFrom = [&](Quill::MarkOpt_class& opt, int maxIterations) {
+        std::vector<Eigen::Matrix4d> rts = start;
+        return opt.Run_FastKeyGlobalRegistrtion_MarkPoint_nCam_Global(
+            m.rt.get_mark_match(0), rts, static_cast<int>(rts.size()), 0.1f, maxIterations);
+    };
+    Quill::MarkOpt_class full;
+    ASSERT_EQ(runFrom(full, 150), 1);
+    EXPECT_TRUE(full.get_converged());
+    EXPECT_LT(full.get_iterations(), 20);
+    EXPECT_NEAR(full.get_rms(), std::sqrt(3.0) * o.noiseSigma, 0.3 * o.noiseSigma);
+
+    // Two steps are not enough from there: the stop is reported, with results delivered.
+    Quill::MarkOpt_class hurried;
+    EXPECT_EQ(runFrom(hurried, 2), 2);
+    EXPECT_FALSE(hurried.get_converged());
+    EXPECT_EQ(hurried.get_iterations(), 2);
+    EXPECT_GT(hurried.get_rms(), 2.0 * full.get_rms());  // not there yet
+    int count = 0;
+    EXPECT_NE(hurried.get_Mark_data(count), nullptr);
+    EXPECT_GT(count, 0);
+}
+
+TEST(MarkOpt, AnOutlierFrameMakesPlainGaussNewtonDivergeButNotTheControlledSteps) {
+    const double sigma = 0.02;
+    const auto scene = sim::MarkerScene::randomPart(100, 41);
+    sim::FrameGenerator gen(scene, 42);
+    sim::FrameOptions o;
+    o.visible = 30;
+    o.noiseSigma = sigma;
+    const auto frames = gen.walk(3, o, 10.0, 1.0);
+    Model m;
+    for (const auto& f : frames)
+        ASSERT_GT(m.add(f), 0);
+    // The last of three frames starts turned by 2.5 radians about its own origin.
+    const std::vector<Eigen::Matrix4d> registered = m.rt.get_final_rt_array(0);
+    std::vector<Eigen::Matrix4d> start = registered;
+    Eigen::Matrix4d turn = Eigen::Matrix4d::Identity();
+    turn.topLeftCorner<3, 3>() =
+        Eigen::AngleAxisd(2.5, Eigen::Vector3d(1.0, 2.0, 1.0).normalized()).toRotationMatrix();
+    start.back() = start.back() * turn;
+
+    // Plain Gauss-Newton takes its first step, which raises the cost by orders of magnitude.
+    Quill::MarkOpt_class plain;
+    plain.set_step_control(false);
+    std::vector<Eigen::Matrix4d> plainPoses = start;
+    ASSERT_NE(plain.Run_FastKeyGlobalRegistrtion_MarkPoint_nCam_Global(m.rt.get_mark_match(0),
+                                                                       plainPoses, 3, 0.1f, 150),
+              0);
+    EXPECT_GT(plain.get_rms(), 10.0);
+
+    // The controlled steps reach the noise level and the frame's true pose.
+    Quill::MarkOpt_class controlled;
+    std::vector<Eigen::Matrix4d> poses = start;
+    ASSERT_EQ(controlled.Run_FastKeyGlobalRegistrtion_MarkPoint_nCam_Global(m.rt.get_mark_match(0),
+                                                                            poses, 3, 0.1f, 150),
+              1);
+    EXPECT_TRUE(controlled.get_converged());
+    EXPECT_LT(controlled.get_rms(), 2.0 * sigma);
+    const Eigen::Matrix4d truth = registered.front().inverse() * registered.back();
+    const Eigen::Matrix4d found = poses.front().inverse() * poses.back();
+    EXPECT_LT((found.topLeftCorner<3, 3>() - truth.topLeftCorner<3, 3>()).norm(), 1e-3);
+    EXPECT_LT((found.topRightCorner<3, 1>() - truth.topRightCorner<3, 1>()).norm(), 0.5);
+}

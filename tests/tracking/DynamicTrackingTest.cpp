@@ -74,7 +74,8 @@ TEST_F(DynamicTracking, ASecondCallAppendsToTheResults) {
 }
 
 TEST_F(DynamicTracking, ObservedNormalsTakeNoPartInTheMatchButAreReported) {
-    // Normals that disagree with the reference everywhere: a match that used them would fail.
+    // Normals that disagree with the reference everywhere: the reference reaches the matcher
+    // with its normals, so a match that used the observed ones would fail.
     sim::Frame f = frameNear(90, 6);
     sim::Rng rng(99);
     for (sim::ObservedMarker& m : f.markers) {

@@ -72,6 +72,39 @@ TEST_F(Library, FramesOfFourMarkersAreLeftAloneFramesOfFiveRegister) {
     }
 }
 
+TEST_F(Library, TheShortFormLooksAtANullPoseOnlyWhereItWritesIt) {
+    // Too few markers: the full form's 0, whatever rt16 is.
+    SDK_NV::tagScanData four = view(nearest(0, 3), 1);
+    EXPECT_EQ(tracker.addOneFrameToLibrary(four, nullptr), 0);
+    // A frame that registers is added to the library; only its pose is not delivered.
+    SDK_NV::tagScanData seed = view(nearest(0, 11), 1);
+    EXPECT_EQ(tracker.addOneFrameToLibrary(seed, nullptr), 12);
+    device::tagRefMarkpointData out;
+    SDK_NV::tagScanData next = view(nearest(6, 17), 2);
+    EXPECT_EQ(tracker.addOneFrameToLibrary(next, out, rt, true), 6) << "matched the seed frame";
+}
+
+TEST_F(Library, AnInconsistentSetSetsTheOpenFlagThenIsRefused) {
+    device::tagRefMarkpointData out;
+    SDK_NV::tagScanData a = view(nearest(0, 11), 1);
+    ASSERT_GT(tracker.addOneFrameToLibrary(a, out, rt, true), 0);
+    device::tagRefMarkpointData bad = markerSet(scene);
+    bad.values.pop_back();
+
+    EXPECT_FALSE(tracker.importMarkpointToLibrary(bad, true, false));
+    out = filledSet();
+    EXPECT_FALSE(tracker.getResultData(out)) << "the library is closed by the call";
+    EXPECT_TRUE(sameSet(out, filledSet()));
+    // Nothing else changed: the built library still registers frames, no reference was kept.
+    SDK_NV::tagScanData b = view(nearest(4, 15), 2);
+    EXPECT_EQ(tracker.addOneFrameToLibrary(b, out, rt, true), 8);
+    double rt16[16];
+    EXPECT_EQ(tracker.SetTrackDynamic(b, out, rt16), -1);
+
+    EXPECT_FALSE(tracker.importMarkpointToLibrary(bad, true, true));
+    EXPECT_TRUE(tracker.getResultData(out)) << "opened again by the next call";
+}
+
 TEST_F(Library, AFrameIsRegisteredIntoTheSeedingFramesCoordinates) {
     SDK_NV::tagScanData a = view(nearest(0, 11), 1);
     SDK_NV::tagScanData b = view(nearest(4, 19), 2);

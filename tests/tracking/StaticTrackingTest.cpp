@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 #include <utility>
 
 #include "TrackingFixtures.h"
@@ -95,6 +96,80 @@ TEST_F(StaticTracking, StepsAreComparedBetweenConsecutiveFramesNotAgainstTheFirs
     const auto [result, frames] = feedUntilEvaluated(tracker, shifts);
     EXPECT_EQ(frames, 150);
     EXPECT_GT(result, 0);
+}
+
+TEST_F(StaticTracking, AStepOfExactlyThreeMillimetresPassesAnyMoreFails) {
+    // The rule itself at the boundary: 3.0 passes, the next double above it fails.
+    const Eigen::Vector3d origin(10.0, -20.0, 30.0);
+    EXPECT_FALSE(
+        CTPScan_MarkpointAccess::staticStepTooLarge(origin, origin + Eigen::Vector3d(3, 0, 0)));
+    EXPECT_FALSE(CTPScan_MarkpointAccess::staticStepTooLarge(Eigen::Vector3d::Zero(),
+                                                             Eigen::Vector3d(1, 2, -2)));
+    EXPECT_TRUE(CTPScan_MarkpointAccess::staticStepTooLarge(
+        Eigen::Vector3d::Zero(), Eigen::Vector3d(0, std::nextafter(3.0, 4.0), 0)));
+
+    // End to end with exact frames: the registered steps carry only float rounding of the
+    // marker positions, so 1 micrometre either side of 3.0 decides.
+    options.noiseSigma = 0.0;
+    options.normalNoiseDeg = 0.0;
+    std::vector<Eigen::Vector3d> shifts(150, Eigen::Vector3d::Zero());
+    for (int n = 130; n < 150; ++n) {
+        shifts[static_cast<std::size_t>(n)] = Eigen::Vector3d(0.0, 3.0 - 1e-3, 0.0);
+    }
+    const auto [below, frames] = feedUntilEvaluated(tracker, shifts);
+    EXPECT_EQ(frames, 150);
+    EXPECT_GT(below, 0);
+    for (int n = 130; n < 150; ++n) {
+        shifts[static_cast<std::size_t>(n)] = Eigen::Vector3d(0.0, 3.0 + 1e-3, 0.0);
+    }
+    EXPECT_EQ(feedUntilEvaluated(tracker, shifts), std::make_pair(-1, 150));
+}
+
+TEST_F(StaticTracking, MalformedFramesAreSkippedWithoutLosingTheBuffer) {
+    // Frames with short arrays or without a validity array, among the last 50: each is refused
+    // on its own, and the 150th good frame still evaluates the buffered ones.
+    int good = 0;
+    for (int n = 1; good < 150; ++n) {
+        SDK_NV::tagScanData frame =
+            toScanData(generator.frameAt(scene.centroid(), pose, options), n);
+        if (good >= 100 && n % 7 == 0) {
+            SDK_NV::tagScanData shortNormals = frame;
+            shortNormals.m_vecMarkerNormals.pop_back();
+            SDK_NV::tagScanData noValidity = frame;
+            noValidity.m_vecMarkerValid.clear();
+            const std::size_t before = CTPScan_MarkpointAccess::queued(tracker);
+            EXPECT_EQ(tracker.SetTrackStatic(shortNormals, rt16), -1);
+            EXPECT_EQ(tracker.SetTrackStatic(noValidity, rt16), -1);
+            EXPECT_EQ(CTPScan_MarkpointAccess::queued(tracker), before);
+            EXPECT_TRUE(untouched(rt16, 16, kSentinel));
+        }
+        const int r = tracker.SetTrackStatic(frame, rt16);
+        ++good;
+        if (good < 150) {
+            ASSERT_EQ(r, 0) << good;
+        } else {
+            EXPECT_GE(r, 5);
+            EXPECT_TRUE(hasTranRTLayout(rt16));
+        }
+    }
+}
+
+TEST_F(StaticTracking, EmptySlotsOfTheOptimisedModelNeverReachTheMatcher) {
+    // Spurious points are seen once: the optimiser leaves them out as empty slots. A reference
+    // marker where the tracker stands (the model's origin) would be matched by an empty slot's
+    // (0, 0, 0) if such a record reached the matcher.
+    options.spuriousFraction = 0.1;
+    device::tagRefMarkpointData withOrigin = markerSet(scene);
+    withOrigin.positions.insert(withOrigin.positions.end(), {pose.t.x(), pose.t.y(), pose.t.z()});
+    withOrigin.normals.insert(withOrigin.normals.end(), {0.0, 0.0, 1.0});
+    withOrigin.values.push_back(kMarkerDiameter);
+    withOrigin.labels.push_back(scene.size());
+    tracker.importMarkpointToLibrary(withOrigin, true, false);
+
+    const auto [result, frames] = feedUntilEvaluated(tracker);
+    ASSERT_EQ(frames, 150);
+    EXPECT_GE(result, 5);
+    EXPECT_LE(result, options.visible);
 }
 
 TEST_F(StaticTracking, WithoutAReferenceSetTheEvaluationFails) {

@@ -19,6 +19,9 @@ struct CTPScan_MarkpointAccess {
     }
     static Quill::MarkOpt_class* optimizer(CTPScan_Markpoint& t) { return t.optimizer.get(); }
     static std::size_t queued(const CTPScan_Markpoint& t) { return t.frameQueue.size(); }
+    static bool staticStepTooLarge(const Eigen::Vector3d& previous, const Eigen::Vector3d& t) {
+        return CTPScan_Markpoint::staticStepTooLarge(previous, t);
+    }
     static bool Frame2MarkPoint(const SDK_NV::tagScanData& frame,
                                 std::vector<Quill::mark_data>& marks, int& frameValue,
                                 bool skipCameraBlock) {

@@ -80,6 +80,39 @@ TEST_F(Storage, TextLinesSplitAtLineFeeds) {
     EXPECT_EQ(lines(e), before);
 }
 
+TEST_F(Storage, SavingKeepsTheLineEndsTheFileWasLoadedWith) {
+    // CR LF throughout: written back with CR LF, also after an edit.
+    const std::string crlf = "# note\r\na = 1\r\n\r\nb = 2\r\n";
+    writeBytes(path("w.cfg"), crlf);
+    {
+        CConfigEditor e(wpath("w.cfg"));
+        ASSERT_FALSE(e.state());
+        ASSERT_TRUE(e.save(true));
+        EXPECT_EQ(readBytes(path("w.cfg")), crlf);
+        ASSERT_TRUE(e.modify("b", "3"));
+        ASSERT_TRUE(e.save(true));
+        EXPECT_EQ(readBytes(path("w.cfg")), "# note\r\na = 1\r\n\r\nb = 3\r\n");
+        e.close(false);
+    }
+    // Mixed ends are not CR LF throughout: the file gets line feeds.
+    writeBytes(path("m.cfg"), "a = 1\r\nb = 2\n");
+    CConfigEditor mixed(wpath("m.cfg"));
+    ASSERT_TRUE(mixed.save(true));
+    EXPECT_EQ(readBytes(path("m.cfg")), "a = 1\nb = 2\n");
+    mixed.close(false);
+
+    // A new file (exclusive creation) gets line feeds.
+    CConfigEditor created(wpath("new.cfg"), false, false);
+    ASSERT_FALSE(created.state());
+    ASSERT_TRUE(created.modify("k", "1", true));
+    ASSERT_TRUE(created.modify("m", "2", true));
+    ASSERT_TRUE(created.save(true));
+    const std::string made = readBytes(path("new.cfg"));
+    EXPECT_NE(made.find('\n'), std::string::npos);
+    EXPECT_EQ(made.find('\r'), std::string::npos);
+    created.close(false);
+}
+
 TEST_F(Storage, UnchangedTextFileIsRewrittenByteForByte) {
     writeBytes(path("s.cfg"), kSample);
     {

@@ -53,6 +53,14 @@ bool useValidityAsLabels(const SDK_NV::tagScanData& frame, std::vector<Quill::ma
     return true;
 }
 
+// Whether the frame's per-marker arrays cover its label array, validity array included: the
+// frames library building and static tracking can convert.
+bool wellFormed(const SDK_NV::tagScanData& frame) {
+    const std::size_t n = frame.m_vecMarkerIds.size();
+    return frame.m_vecMarkerCenters.size() >= 3 * n && frame.m_vecMarkerNormals.size() >= 3 * n &&
+           frame.m_vecMarkerDiameters.size() >= n && frame.m_vecMarkerValid.size() >= n;
+}
+
 // Relative pose of the second camera with respect to the first, from the two cameras'
 // [R | t] lists (rotation by rows, then translation): R = R2 * R1^-1, t = t2 - R * t1, written
 // as the rotation by rows followed by the translation. False when a list is short or the
@@ -245,7 +253,8 @@ void CTPScan_Markpoint::PushData2RefrenceMarkPoint(const Quill::mark_data& mark,
 }
 
 bool CTPScan_Markpoint::RefrenceMarkPoint2MarkPoint(const device::tagRefMarkpointData& set,
-                                                    std::vector<Quill::mark_data>& marks) {
+                                                    std::vector<Quill::mark_data>& marks,
+                                                    bool withNormals) {
     if (!consistent(set)) {
         marks.clear();
         return false;
@@ -258,21 +267,28 @@ bool CTPScan_Markpoint::RefrenceMarkPoint2MarkPoint(const device::tagRefMarkpoin
         marks[i].z = static_cast<float>(set.positions[3 * i + 2]);
         marks[i].value = set.values[i];
         marks[i].label = set.labels[i];
+        if (withNormals) {
+            marks[i].nx = static_cast<float>(set.normals[3 * i]);
+            marks[i].ny = static_cast<float>(set.normals[3 * i + 1]);
+            marks[i].nz = static_cast<float>(set.normals[3 * i + 2]);
+        }
     }
     return true;
 }
 
 void CTPScan_Markpoint::MarkOptToMarkPoint(const Quill::mcXYZ_Nor_s* records, int count,
                                            std::vector<Quill::mark_data>& marks) {
-    marks.assign(records != nullptr && count > 0 ? static_cast<std::size_t>(count) : 0,
-                 Quill::mark_data());
-    for (std::size_t k = 0; k < marks.size(); ++k) {
+    // Records the optimiser left out (negative label) are empty slots, not markers: they are
+    // not converted, so that no (0, 0, 0) record reaches a matcher.
+    marks.clear();
+    const std::size_t n = records != nullptr && count > 0 ? static_cast<std::size_t>(count) : 0;
+    for (std::size_t k = 0; k < n; ++k) {
         const Quill::mcXYZ_Nor_s& r = records[k];
         const int label = static_cast<int>(r.label);
-        if (r.label < 0.0f) {
+        if (label < 0) {
             continue;
         }
-        Quill::mark_data& m = marks[k];
+        Quill::mark_data& m = marks.emplace_back();
         m.x = r.x;
         m.y = r.y;
         m.z = r.z;
@@ -325,13 +341,15 @@ bool CTPScan_Markpoint::importMarkpointToLibrary(const device::tagRefMarkpointDa
     if (!match) {
         return false;
     }
+    // The library-open flag follows the call whatever the set holds; an inconsistent set is
+    // refused after that, before anything else changes.
+    libraryOpen = keepOpen;
     if (!consistent(set)) {
         std::printf("[pathfinder] marker set not imported: %zu labels but %zu/%zu/%zu values\n",
                     set.labels.size(), set.positions.size(), set.normals.size(), set.values.size());
         return false;
     }
     try {
-        libraryOpen = keepOpen;
         if (!keepOpen) {
             const std::size_t n = set.labels.size();
             pcl::PointCloud<pcl::PointNormal> cloud;
@@ -414,13 +432,12 @@ int CTPScan_Markpoint::addOneFrameToLibrary(SDK_NV::tagScanData& frame,
 }
 
 int CTPScan_Markpoint::addOneFrameToLibrary(SDK_NV::tagScanData& frame, double* rt16) {
-    if (rt16 == nullptr) {
-        return -1;
-    }
+    // The result is the full form's; rt16 is needed only where it is written. A null rt16
+    // thus still registers the frame, and its pose is not delivered.
     device::tagRefMarkpointData scratch;
     double rt[4][3];
     const int result = addOneFrameToLibrary(frame, scratch, rt, false);
-    if (result > 0) {
+    if (result > 0 && rt16 != nullptr) {
         for (int k = 0; k < 3; ++k) {
             rt16[k] = rt[0][k];
             rt16[4 + k] = rt[3][k];
@@ -504,7 +521,10 @@ bool CTPScan_Markpoint::getResultData(device::tagRefMarkpointData& out) {
 // ---------------------------------------------------------------------------------------------
 
 int CTPScan_Markpoint::SetTrackStatic(SDK_NV::tagScanData& frame, double* rt16) {
-    if (rt16 == nullptr) {
+    // A null output or a malformed frame (marker arrays shorter than the label array, no
+    // validity array) is refused with -1 on its own: the frame is not buffered or counted,
+    // and the frames buffered so far stay for the next evaluation.
+    if (rt16 == nullptr || !wellFormed(frame)) {
         return -1;
     }
     try {
@@ -550,14 +570,13 @@ int CTPScan_Markpoint::evaluateStatic(double* rt16) {
             !useValidityAsLabels(frame, marks)) {
             return -1;
         }
-        // The matcher reports the number of matched markers; below 1 the frame was not
-        // registered.
-        if (model.MarkRegistration_loop(marks.data(), static_cast<int>(marks.size()), frameValue) <
+        // 1: registered (or seeding the model); 0: not registered; -1: bad arguments.
+        if (model.MarkRegistration_loop(marks.data(), static_cast<int>(marks.size()), frameValue) !=
             1) {
             return -1;
         }
         const Eigen::Vector3d t = model.get_final_transform().block<3, 1>(0, 3);
-        if (!first && (t - previous).norm() > kStaticMaxStep) {
+        if (!first && staticStepTooLarge(previous, t)) {
             return -1;
         }
         first = false;
@@ -589,6 +608,11 @@ int CTPScan_Markpoint::evaluateStatic(double* rt16) {
     return matcher->get_final_match_n();
 }
 
+bool CTPScan_Markpoint::staticStepTooLarge(const Eigen::Vector3d& previous,
+                                           const Eigen::Vector3d& current) {
+    return (current - previous).norm() > kStaticMaxStep;
+}
+
 int CTPScan_Markpoint::SetTrackDynamic(SDK_NV::tagScanData& frame, device::tagRefMarkpointData& out,
                                        double* rt16) {
     if (rt16 == nullptr) {
@@ -596,8 +620,11 @@ int CTPScan_Markpoint::SetTrackDynamic(SDK_NV::tagScanData& frame, device::tagRe
     }
     try {
         std::shared_ptr<Quill::MyMatchMarkClass_update> matcher = CreateMarkPointUpdate();
+        // The reference keeps its normals here; the observed normals are zeroed below, and
+        // that alone keeps normals out of the match (the matcher compares normals only where
+        // both sides know them).
         std::vector<Quill::mark_data> fixed;
-        if (!RefrenceMarkPoint2MarkPoint(reference, fixed)) {
+        if (!RefrenceMarkPoint2MarkPoint(reference, fixed, true)) {
             return -1;
         }
         std::vector<Quill::mark_data> moving;

@@ -226,10 +226,11 @@ bool CConfigEditor::load(const std::wstring& path, bool binary, bool readOnly) {
         bool ok = true;
         if (!binary) {
             // Lines end at line feeds; a carriage return before one is not part of the line;
-            // nothing follows the final line feed. A NUL byte means this is no text file.
-            if (bytes.find('\0') != std::string::npos) {
-                ok = false;
-            }
+            // nothing follows the final line feed. A line is taken up to its first NUL byte
+            // (toWString stops there); the rest of that physical line is dropped. The file
+            // keeps CR LF line ends when every one of its line feeds had a carriage return.
+            std::size_t lineFeeds = 0;
+            std::size_t crlfs = 0;
             std::size_t pos = 0;
             while (ok && pos < bytes.size()) {
                 std::size_t end = bytes.find('\n', pos);
@@ -238,8 +239,12 @@ bool CConfigEditor::load(const std::wstring& path, bool binary, bool readOnly) {
                     end = bytes.size();
                 }
                 std::size_t len = end - pos;
-                if (lineFeed && len > 0 && bytes[end - 1] == '\r') {
-                    --len;
+                if (lineFeed) {
+                    ++lineFeeds;
+                    if (len > 0 && bytes[end - 1] == '\r') {
+                        --len;
+                        ++crlfs;
+                    }
                 }
                 if (file.lines.size() >= kMaxLines) {
                     ok = false;
@@ -248,6 +253,7 @@ bool CConfigEditor::load(const std::wstring& path, bool binary, bool readOnly) {
                 appendLine(file, toWString(bytes.substr(pos, len)));
                 pos = lineFeed ? end + 1 : end;
             }
+            file.crlfLineEnds = lineFeeds > 0 && crlfs == lineFeeds;
         } else if (!bytes.empty()) {
             // An empty file (as exclusive creation leaves it) holds no records. Otherwise
             // every count and length is checked against the bytes that are really left.
@@ -750,9 +756,11 @@ bool CConfigEditor::save(bool force) {
             const std::string bytes = toString(untilNul(line.text));
             stream << bytes;
 #ifndef _WIN32
-            // Loading drops one carriage return before a line feed; a line that itself ends
-            // in one gets a second, so that it reads back the same.
-            if (!bytes.empty() && bytes.back() == '\r') {
+            // Loading drops one carriage return before a line feed: a file loaded with CR LF
+            // ends gets them back, and a line that itself ends in a carriage return gets a
+            // second one, so that it reads back the same. (A Windows text stream writes every
+            // line feed as CR LF by itself.)
+            if (file.crlfLineEnds || (!bytes.empty() && bytes.back() == '\r')) {
                 stream << '\r';
             }
 #endif

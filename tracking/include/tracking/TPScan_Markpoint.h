@@ -75,8 +75,9 @@ public:
     // frame-to-library transform: rt[c][r] = M(r, c), rt[3] the translation.
     int addOneFrameToLibrary(SDK_NV::tagScanData& frame, device::tagRefMarkpointData& out,
                              double rt[4][3], bool returnMatchCount);
-    // Convenience form: on success writes rt[0] into rt16[0..2] and rt[3] into rt16[4..6];
-    // no other element of rt16 is written.
+    // Convenience form with the full form's result: on success writes rt[0] into rt16[0..2]
+    // and rt[3] into rt16[4..6]; no other element of rt16 is written. A null rt16 is looked
+    // at only there (the frame is still registered).
     int addOneFrameToLibrary(SDK_NV::tagScanData& frame, double* rt16);
 
     // Drops the library and starts an empty, open one. The new matcher keeps its own flag
@@ -96,6 +97,9 @@ public:
     // and registers it with the reference set. 0: buffered; -1: evaluation failed (the buffer
     // is emptied); positive: match count, with rt16 holding the transform that maps the
     // reference frame into the frame's (TranRT layout of the inverse of the registration).
+    // A malformed frame (marker arrays shorter than the label array, no validity array) or a
+    // null rt16 gives -1 for that call alone: the frame is skipped, the buffered frames and
+    // the count towards the next evaluation stay as they were, rt16 is not written.
     int SetTrackStatic(SDK_NV::tagScanData& frame, double* rt16);
     // Registers the frame with the reference set. 0 on success: the matched markers are
     // appended to `out` (never emptied first) in the reference frame, labelled with their
@@ -136,10 +140,15 @@ private:
     static void PushData2RefrenceMarkPoint(const Quill::mark_data& mark,
                                            device::tagRefMarkpointData& out, bool transform,
                                            const Eigen::Matrix4d& T);
+    // Normals stay unknown (zero) unless withNormals.
     static bool RefrenceMarkPoint2MarkPoint(const device::tagRefMarkpointData& set,
-                                            std::vector<Quill::mark_data>& marks);
+                                            std::vector<Quill::mark_data>& marks,
+                                            bool withNormals = false);
+    // Only the records with a label of 0 or more (the optimiser's real markers).
     static void MarkOptToMarkPoint(const Quill::mcXYZ_Nor_s* records, int count,
                                    std::vector<Quill::mark_data>& marks);
+    // Static tracking's step rule: consecutive buffered frames more than 3.0 apart.
+    static bool staticStepTooLarge(const Eigen::Vector3d& previous, const Eigen::Vector3d& current);
     static void TranRT(const Eigen::Matrix4d& T, double* rt16);
     static Eigen::Matrix4d TranBackRT(const Eigen::Matrix4d& T);
 

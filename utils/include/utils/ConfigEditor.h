@@ -9,9 +9,11 @@
 // Storage forms
 //   text    lines separated by line feeds; a carriage return before a line feed is not part
 //           of the line. Lines are taken whole at any length (there is no 1023-byte line
-//           limit): nothing of a long line is dropped. A text file with a NUL byte is not a
-//           text file: loading it fails. Saving writes line-feed endings (a line that
-//           ends in a carriage return gets CR LF, so that it reads back unchanged).
+//           limit): nothing of a long line is dropped. A line is taken up to its first NUL
+//           byte; the rest of that line is dropped. Saving writes the line ends the file
+//           was loaded with: CR LF when every line feed had a carriage return before it,
+//           else line feeds (a line that ends in a carriage return gets CR LF, so that it
+//           reads back unchanged). New files get line feeds.
 //   binary  int32 record count N, then N records: int32 L (line bytes + 1), 0xBE, the line's
 //           bytes each inverted, 0x00, 0xED (all integers little-endian). A record with wrong
 //           marks is skipped. A count or a length that the rest of the file cannot hold makes
@@ -76,6 +78,9 @@ struct tagConfigFile {
     int32_t codePage = kCodePageUtf8;
     std::vector<tagConfigFileLine> lines;
     std::map<std::wstring, int32_t> keyIndex;
+    // Text form: the file was loaded with CR LF line ends (every line feed had a carriage
+    // return before it), so a save writes CR LF again. False for new files and LF files.
+    bool crlfLineEnds = false;
 };
 
 // Time stamps (local time, "YYYY\x04MM\x14DD\x08, hh:mm:ss") and size of a file.
