@@ -35,7 +35,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using Cloud = pcl::PointCloud<pcl::PointNormal>;
 
-constexpr int kScenes = 12;
+constexpr int kScenes = 20;
 
 struct Scene {
     sim::MarkerScene panel;
