@@ -44,30 +44,41 @@ struct MovingReach {
         }
         exact = true;
         near.assign(static_cast<std::size_t>(n), {});
-        const int step = n > 32 ? n / 32 : 1;
-        std::vector<double> nn;
-        for (int i = 0; i < n; ++i) {
-            auto& nb = near[static_cast<std::size_t>(i)];
+        for (auto& nb : near)
             nb.fill(kInf);
-            double best = 1e300;
-            for (int j = 0; j < n; ++j) {
-                if (j == i)
-                    continue;
+        std::vector<double> best(static_cast<std::size_t>(n), 1e300);
+        // Keeps the kAnchorNeighbours smallest distances of an anchor, ascending.
+        const auto keep = [&](int i, double d) {
+            auto& nb = near[static_cast<std::size_t>(i)];
+            if (!(d >= minSide && d < nb[kAnchorNeighbours - 1]))
+                return;
+            int at = kAnchorNeighbours - 1;
+            while (at > 0 && nb[static_cast<std::size_t>(at) - 1] > d) {
+                nb[static_cast<std::size_t>(at)] = nb[static_cast<std::size_t>(at) - 1];
+                --at;
+            }
+            nb[static_cast<std::size_t>(at)] = d;
+        };
+        // Each pair once: |p_j - p_i| and |p_i - p_j| are the same number.
+        for (int i = 0; i < n; ++i) {
+            for (int j = i + 1; j < n; ++j) {
                 const double d =
                     (p[static_cast<std::size_t>(j)] - p[static_cast<std::size_t>(i)]).norm();
-                if (d > minSide && d < best)
-                    best = d;
-                if (d >= minSide && d < nb[kAnchorNeighbours - 1]) {
-                    int at = kAnchorNeighbours - 1;
-                    while (at > 0 && nb[static_cast<std::size_t>(at) - 1] > d) {
-                        nb[static_cast<std::size_t>(at)] = nb[static_cast<std::size_t>(at) - 1];
-                        --at;
-                    }
-                    nb[static_cast<std::size_t>(at)] = d;
+                if (d > minSide) {
+                    best[static_cast<std::size_t>(i)] =
+                        std::min(best[static_cast<std::size_t>(i)], d);
+                    best[static_cast<std::size_t>(j)] =
+                        std::min(best[static_cast<std::size_t>(j)], d);
                 }
+                keep(i, d);
+                keep(j, d);
             }
-            if (i % step == 0 && best < 1e299)
-                nn.push_back(best);
+        }
+        const int step = n > 32 ? n / 32 : 1;
+        std::vector<double> nn;
+        for (int i = 0; i < n; i += step) {
+            if (best[static_cast<std::size_t>(i)] < 1e299)
+                nn.push_back(best[static_cast<std::size_t>(i)]);
         }
         radius = radiusFromNearest(nn, minSide);
     }
@@ -266,7 +277,8 @@ bool ReferenceIndex::pairPass(double rho) {
         ++at[bucketOf(q.d) + 1];
     for (std::size_t b = 0; b < buckets; ++b)
         at[b + 1] += at[b];
-    sorted_.resize(np);
+    // Plain storage: every slot is written before it is read.
+    sorted_.reset(new Pair[np]);
     for (const Pair& q : pairs_)
         sorted_[static_cast<std::size_t>(at[bucketOf(q.d)]++)] = q;
     const auto offer = [&](int i, std::uint64_t key) {
@@ -283,7 +295,8 @@ bool ReferenceIndex::pairPass(double rho) {
         if (cnt < kNeighbours)
             nbrCount_[static_cast<std::size_t>(i)] = static_cast<unsigned char>(cnt + 1);
     };
-    for (const Pair& q : sorted_) {
+    for (std::size_t e = 0; e < np; ++e) {
+        const Pair& q = sorted_[e];
         offer(q.i, distanceKey(q.d, q.j));
         offer(q.j, distanceKey(q.d, q.i));
     }

@@ -23,6 +23,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <memory>
 #include <vector>
 
 #include "quill/MarkTypes.h"
@@ -198,7 +199,7 @@ private:
         int i, j;
     };
     std::vector<Pair> pairs_;  // pairPass: pairs within rho, then in distance order
-    std::vector<Pair> sorted_;
+    std::unique_ptr<Pair[]> sorted_;
     std::vector<double> nearest2_;
     std::vector<std::uint64_t> nbr_;  // kNeighbours keys per marker, ascending
     std::vector<unsigned char> nbrCount_;
