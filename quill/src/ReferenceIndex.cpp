@@ -250,6 +250,8 @@ bool ReferenceIndex::pairPass(double rho) {
                 addRow(y, z + 1);
                 addRow(y + 1, z + 1);
                 for (int e = c0; e < c1; ++e) {
+                    if (dup)
+                        return true;  // the caller folds the duplicates and comes back
                     const int i = cellId_[static_cast<std::size_t>(e)];
                     const Eigen::Vector3d pi = cellPos_[static_cast<std::size_t>(e)];
                     for (int f = e + 1; f < c1; ++f)
@@ -352,26 +354,13 @@ bool ReferenceIndex::build(const mark_data* marks, int count, double sameDist, c
     }
     buildGrid(pos, rho);
     if (pairPass(rho)) {
-        // Near-duplicates: fold each into the first of them, in the caller's order.
-        const double same2 = minSide_ * minSide_;
-        std::vector<unsigned char> keep(pos.size(), 1);
-        for (std::size_t k = 0; k < pos.size(); ++k) {
-            forEachNear(pos[k], minSide_, [&](int j) {
-                const auto uj = static_cast<std::size_t>(j);
-                if (uj < k && keep[uj] && (pos[uj] - pos[k]).squaredNorm() < same2)
-                    keep[k] = 0;
-            });
-        }
-        std::size_t w = 0;
-        for (std::size_t k = 0; k < pos.size(); ++k) {
-            if (keep[k]) {
-                pos[w] = pos[k];
-                src_[w] = src_[k];
-                ++w;
-            }
-        }
-        pos.resize(w);
-        src_.resize(w);
+        // Near-duplicates: fold each into the first of them, in the caller's order, as for a
+        // frame (a fine hash grid over the kept markers: a heap of copies of one marker costs
+        // one comparison each).
+        MovingSet folded;
+        prepareMoving(marks, count, minSide_, folded);
+        pos = std::move(folded.p);
+        src_ = std::move(folded.src);
         buildGrid(pos, rho);
         pairPass(rho);
     }

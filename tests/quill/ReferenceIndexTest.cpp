@@ -179,6 +179,14 @@ TEST(ReferenceIndex, RefusesUnusableArraysAndSurvivesAbsurdCoordinates) {
     const auto any = [](int) { return true; };
     EXPECT_EQ(idx.nearest(idx.pos[50], 0.1, any), 50);
 
+    // A heap of copies of one marker folds into it in linear time (a pass over all pairs of
+    // 100,000 copies would not end within the test's time limit).
+    auto heap = fixed;
+    heap.insert(heap.end(), 100000, fixed[7]);
+    ASSERT_TRUE(idx.build(heap.data(), static_cast<int>(heap.size()), 3.0, mv, 0.6));
+    EXPECT_EQ(idx.live(), 100);
+    EXPECT_EQ(idx.source().back(), 99);
+
     // The one-off registration through this index still finds the frame.
     Quill::MyMatchMarkClass_update m;
     applyTrackerSettings(m);
