@@ -8,8 +8,7 @@
 
 namespace Quill::detail {
 
-void MarkerLibrary::reset(double linkRadius, double minSide, bool fileTriangles) {
-    fileTriangles_ = fileTriangles;
+void MarkerLibrary::reset(double linkRadius, double minSide) {
     linkRadius_ = linkRadius > 1e-3 ? linkRadius : 1e-3;
     minSide_ = minSide > 0.0 ? minSide : 0.0;
     live_ = 0;
@@ -205,8 +204,7 @@ void MarkerLibrary::linkAll() {
         coarse_.insert(i, pos[static_cast<std::size_t>(i)]);
         linked[static_cast<std::size_t>(i)] = 1;
     }
-    if (fileTriangles_)
-        reserveTriangles(fresh.size() * (kNeighbours * (kNeighbours - 1) / 2));
+    reserveTriangles(fresh.size() * (kNeighbours * (kNeighbours - 1) / 2));
     const double r2 = linkRadius_ * linkRadius_;
     const double min2 = minSide_ * minSide_;
     // A dense grid with cells of the linking radius over the batch's box, filled by counting
@@ -333,21 +331,7 @@ void MarkerLibrary::retire(int id) {
     --live_;
 }
 
-bool MarkerLibrary::goodTriangle(int a, int b, int c) const {
-    const Eigen::Vector3d& pa = pos[static_cast<std::size_t>(a)];
-    const Eigen::Vector3d& pb = pos[static_cast<std::size_t>(b)];
-    const Eigen::Vector3d& pc = pos[static_cast<std::size_t>(c)];
-    const double m2 = minSide_ * minSide_;
-    if ((pb - pa).squaredNorm() < m2 || (pc - pa).squaredNorm() < m2 ||
-        (pc - pb).squaredNorm() < m2) {
-        return false;
-    }
-    return triangleShape(pa, pb, pc) >= kMinShape;
-}
-
 void MarkerLibrary::fileTriangle(int a, int b, int c) {
-    if (!fileTriangles_)
-        return;
     const Eigen::Vector3d& pa = pos[static_cast<std::size_t>(a)];
     const Eigen::Vector3d& pb = pos[static_cast<std::size_t>(b)];
     const Eigen::Vector3d& pc = pos[static_cast<std::size_t>(c)];

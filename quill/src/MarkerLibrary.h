@@ -36,10 +36,9 @@ public:
     MarkerLibrary() { reset(100.0, 1.0); }
 
     // Empties the library; `linkRadius` bounds the links, `minSide` is the shortest side of
-    // an indexed triangle. Without `fileTriangles` no triangle index is kept and triangle
-    // lookups scan every anchor's neighbour list instead: cheaper for a set that is
-    // registered against once or a few times, since filing costs more than the scans it saves.
-    void reset(double linkRadius, double minSide, bool fileTriangles = true);
+    // an indexed triangle. (A set registered against once is indexed by ReferenceIndex
+    // instead: filing its triangles would cost more than the lookups it saves.)
+    void reset(double linkRadius, double minSide);
     double linkRadius() const { return linkRadius_; }
     double minSide() const { return minSide_; }
 
@@ -92,10 +91,6 @@ public:
     // lengths (markers move slightly as they are refined).
     template <class F>
     void forEachTriangle(double d1, double d2, double d3, double tol, F&& f) const {
-        if (!fileTriangles_) {
-            scanTriangles(d1, d2, d3, tol, f);
-            return;
-        }
         const std::int64_t a0 = qlo(d1 - tol), a1 = qlo(d1 + tol);
         const std::int64_t b0 = qlo(d2 - tol), b1 = qlo(d2 + tol);
         const std::int64_t c0 = qlo(d3 - tol), c1 = qlo(d3 + tol);
@@ -120,7 +115,6 @@ public:
     }
 
     std::size_t triangleCount() const { return tris_.size(); }
-    bool filesTriangles() const { return fileTriangles_; }
     std::size_t memoryBytes() const;
 
     // Per-marker data (index = marker id).
@@ -152,40 +146,6 @@ private:
         return ((static_cast<std::uint64_t>(a) & m) << 42) |
                ((static_cast<std::uint64_t>(b) & m) << 21) | (static_cast<std::uint64_t>(c) & m);
     }
-    template <class F>
-    void scanTriangles(double d1, double d2, double d3, double tol, F& f) const {
-        const float lo1 = static_cast<float>(d1 - tol), hi1 = static_cast<float>(d1 + tol);
-        const float lo2 = static_cast<float>(d2 - tol), hi2 = static_cast<float>(d2 + tol);
-        const double lo3 = d3 > tol ? (d3 - tol) * (d3 - tol) : 0.0;
-        const double hi3 = (d3 + tol) * (d3 + tol);
-        const int n = slots();
-        for (int a = 0; a < n; ++a) {
-            const std::size_t base = static_cast<std::size_t>(a) * kNeighbours;
-            const int cnt = nbrCount_[static_cast<std::size_t>(a)];
-            for (int u = 0; u < cnt; ++u) {
-                const float du = nbrDist_[base + static_cast<std::size_t>(u)];
-                if (du < lo1)
-                    continue;
-                if (du > hi1)
-                    break;
-                const int b = nbrId_[base + static_cast<std::size_t>(u)];
-                for (int v = u + 1; v < cnt; ++v) {
-                    const float dv = nbrDist_[base + static_cast<std::size_t>(v)];
-                    if (dv < lo2)
-                        continue;
-                    if (dv > hi2)
-                        break;
-                    const int c = nbrId_[base + static_cast<std::size_t>(v)];
-                    const double e =
-                        (pos[static_cast<std::size_t>(c)] - pos[static_cast<std::size_t>(b)])
-                            .squaredNorm();
-                    if (e >= lo3 && e <= hi3 && goodTriangle(a, b, c))
-                        f(a, b, c);
-                }
-            }
-        }
-    }
-    bool goodTriangle(int a, int b, int c) const;
     std::size_t triFind(std::uint64_t key) const;
     std::size_t triFindOrAdd(std::uint64_t key);
     void triGrow();
@@ -199,7 +159,6 @@ private:
 
     double linkRadius_ = 100.0;
     double minSide_ = 1.0;
-    bool fileTriangles_ = true;
     int live_ = 0;
     HashGrid fine_;
     HashGrid coarse_;

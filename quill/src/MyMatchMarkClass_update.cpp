@@ -88,34 +88,31 @@ int MyMatchMarkClass_update::MarkRegistration(mark_data* moving, int n, mark_dat
     st.clearResult();
     try {
         MovingSet mv;
-        MovingSet fx;
         const double same = std::max(0.0f, st.settings.max_near_same_mark_dis);
-        if (!detail::prepareMoving(moving, n, same, mv) ||
-            !detail::prepareMoving(fixed, m, same, fx)) {
+        if (!detail::prepareMoving(moving, n, same, mv) || m < 0 || m > detail::kMaxMarkers ||
+            (m > 0 && fixed == nullptr)) {
             st.status = kMatchBadInput;
             return -1;
         }
         st.flags.assign(static_cast<std::size_t>(n), -1);
         const int minN = std::max(3, st.settings.min_final_match_n);
-        if (static_cast<int>(mv.p.size()) < minN || static_cast<int>(fx.p.size()) < minN) {
+        if (static_cast<int>(mv.p.size()) < minN) {
             st.status = kMatchTooFewMarkers;
             return 0;
         }
-        // The fixed set's own index, built for this call.
-        MarkerLibrary lib;
-        const double radius = std::max(MarkerLibrary::suggestLinkRadius(fx.p, same),
-                                       MarkerLibrary::suggestLinkRadius(mv.p, same));
-        lib.reset(radius, same, false);
-        lib.reserve(static_cast<int>(fx.p.size()));
-        for (std::size_t i = 0; i < fx.p.size(); ++i) {
-            lib.add(fx.p[i], fx.n[i], fx.hasN[i] != 0, 0.0, 0, false);
+        // The fixed set's own index, built for this call and only as far as this moving
+        // set's lookups reach.
+        detail::ReferenceIndex lib;
+        lib.build(fixed, m, same, mv, detail::lookupTolerance(st.settings));
+        if (lib.live() < minN) {
+            st.status = kMatchTooFewMarkers;
+            return 0;
         }
-        lib.linkAll();
         detail::RegistrationOptions opt;
         opt.maxTries = maxTries;
         opt.seed = static_cast<std::uint64_t>(static_cast<std::uint32_t>(seed));
         const detail::RegistrationResult r = detail::registerMoving(mv, lib, st.settings, opt);
-        st.storeResult(r, mv, &fx.src);
+        st.storeResult(r, mv, &lib.source());
         return r.status == kMatchOk ? 1 : 0;
     } catch (const std::bad_alloc&) {
         st.clearResult();

@@ -13,10 +13,6 @@ namespace Quill::detail {
 
 namespace {
 
-// Moving markers above this count are refused as bad input rather than allocated for.
-constexpr int kMaxMarkers = 1 << 20;
-// Nearest moving markers paired with each anchor to form base triangles.
-constexpr int kAnchorNeighbours = 5;
 // A library this self-similar cannot give a unique answer; stop collecting rivals.
 constexpr std::size_t kMaxHypotheses = 4000;
 // Base triangles inside the best hypothesis' inliers needed before the search stops.
@@ -36,20 +32,26 @@ struct Hyp {
     double cost = 0.0;
 };
 
+// Side-length tolerance of the screening: a three-marker fit whose mean squared residual is
+// at most e has every side-length difference below sqrt(6 e), so looser lookups could only
+// find triangles the fit test rejects.
+double sideTolerance(const MatchSettings& s) {
+    double tol = s.max_mark2mark_dis > 0.0f ? s.max_mark2mark_dis : 1.0;
+    if (s.max_err_for_three_mark > 0.0f)
+        tol = std::min(tol, std::sqrt(6.0 * s.max_err_for_three_mark));
+    return tol;
+}
+
+// The search over either kind of library (MarkerLibrary or ReferenceIndex).
+template <class Library>
 class Searcher {
 public:
-    Searcher(const MovingSet& mv, const MarkerLibrary& lib, const MatchSettings& s,
+    Searcher(const MovingSet& mv, const Library& lib, const MatchSettings& s,
              const RegistrationOptions& opt)
         : mv_(mv), lib_(lib), s_(s), opt_(opt), n_(static_cast<int>(mv.p.size())) {
         tau_ = s.max_inline_mark_dis > 0.0f ? s.max_inline_mark_dis : 0.5;
         tau2_ = tau_ * tau_;
-        tol_ = s.max_mark2mark_dis > 0.0f ? s.max_mark2mark_dis : 1.0;
-        if (s.max_err_for_three_mark > 0.0f) {
-            // A three-marker fit whose mean squared residual is at most e has every
-            // side-length difference below sqrt(6 e): looser lookups could only find
-            // triangles the fit test rejects.
-            tol_ = std::min(tol_, std::sqrt(6.0 * s.max_err_for_three_mark));
-        }
+        tol_ = sideTolerance(s);
         useNor_ = s.use_nor != 0;
     }
 
@@ -78,7 +80,7 @@ private:
     }
 
     const MovingSet& mv_;
-    const MarkerLibrary& lib_;
+    const Library& lib_;
     const MatchSettings& s_;
     const RegistrationOptions& opt_;
     const int n_;
@@ -89,7 +91,8 @@ private:
     std::vector<double> scratchD2_;
 };
 
-void Searcher::evaluate(const Eigen::Matrix3d& R, const Eigen::Vector3d& t, Hyp& h) {
+template <class Library>
+void Searcher<Library>::evaluate(const Eigen::Matrix3d& R, const Eigen::Vector3d& t, Hyp& h) {
     h.R = R;
     h.t = t;
     h.match.assign(static_cast<std::size_t>(n_), -1);
@@ -128,7 +131,8 @@ void Searcher::evaluate(const Eigen::Matrix3d& R, const Eigen::Vector3d& t, Hyp&
     h.cost = (h.sse + static_cast<double>(n_ - h.k) * tau2_) / static_cast<double>(n_);
 }
 
-bool Searcher::refine(Hyp& h) {
+template <class Library>
+bool Searcher<Library>::refine(Hyp& h) {
     for (int iter = 0; iter < 6; ++iter) {
         RigidAccumulator acc;
         for (int i = 0; i < n_; ++i) {
@@ -156,7 +160,8 @@ bool Searcher::refine(Hyp& h) {
     return true;
 }
 
-void Searcher::addHypothesis(Hyp&& h) {
+template <class Library>
+void Searcher<Library>::addHypothesis(Hyp&& h) {
     for (auto& o : hyps_) {
         int agree = 0;
         int disagree = 0;
@@ -183,7 +188,8 @@ void Searcher::addHypothesis(Hyp&& h) {
     }
 }
 
-void Searcher::consider(int i, int j, int k, int a, int b, int c) {
+template <class Library>
+void Searcher<Library>::consider(int i, int j, int k, int a, int b, int c) {
     const auto ua = static_cast<std::size_t>(a), ub = static_cast<std::size_t>(b),
                uc = static_cast<std::size_t>(c);
     if (!lib_.alive[ua] || !lib_.alive[ub] || !lib_.alive[uc])
@@ -264,7 +270,8 @@ void Searcher::consider(int i, int j, int k, int a, int b, int c) {
     addHypothesis(std::move(h));
 }
 
-void Searcher::tryBase(int i, int j, int k) {
+template <class Library>
+void Searcher<Library>::tryBase(int i, int j, int k) {
     const Eigen::Vector3d& pi = mv_.p[static_cast<std::size_t>(i)];
     const Eigen::Vector3d& pj = mv_.p[static_cast<std::size_t>(j)];
     const Eigen::Vector3d& pk = mv_.p[static_cast<std::size_t>(k)];
@@ -284,7 +291,8 @@ void Searcher::tryBase(int i, int j, int k) {
     }
 }
 
-int Searcher::bestIndex() const {
+template <class Library>
+int Searcher<Library>::bestIndex() const {
     int best = -1;
     for (std::size_t h = 0; h < hyps_.size(); ++h) {
         if (best < 0 || hyps_[h].cost < hyps_[static_cast<std::size_t>(best)].cost) {
@@ -294,7 +302,8 @@ int Searcher::bestIndex() const {
     return best;
 }
 
-RegistrationResult Searcher::run() {
+template <class Library>
+RegistrationResult Searcher<Library>::run() {
     RegistrationResult res;
     res.match.assign(static_cast<std::size_t>(n_), -1);
     const int minN = std::max(3, s_.min_final_match_n);
@@ -450,26 +459,42 @@ bool prepareMoving(const mark_data* marks, int count, double sameDist, MovingSet
     }
     out.callerCount = count;
     const double same2 = sameDist * sameDist;
-    // Cells twice the search radius: a query meets at most two cells per axis.
-    HashGrid grid(sameDist > 0.0 ? 2.0 * sameDist : 1.0);
-    grid.reserve(static_cast<std::size_t>(count));
+    const auto reserve = static_cast<std::size_t>(std::min(count, 4096));
+    out.p.reserve(reserve);
+    out.n.reserve(reserve);
+    out.hasN.reserve(reserve);
+    out.src.reserve(reserve);
+    // A frame's few dozen markers are compared directly; larger sets go through a grid
+    // with cells twice the search radius (a query meets at most two cells per axis).
+    const bool useGrid = sameDist > 0.0 && count > 64;
+    HashGrid grid(useGrid ? 2.0 * sameDist : 1.0);
+    if (useGrid)
+        grid.reserve(static_cast<std::size_t>(count));
     for (int i = 0; i < count; ++i) {
         const mark_data& m = marks[i];
         const Eigen::Vector3d p(m.x, m.y, m.z);
         if (!p.allFinite())
             continue;
         bool dup = false;
-        if (sameDist > 0.0) {
+        if (useGrid) {
             grid.forEachNear(p, sameDist, [&](int k) {
                 if ((out.p[static_cast<std::size_t>(k)] - p).squaredNorm() < same2)
                     dup = true;
             });
+        } else if (sameDist > 0.0) {
+            for (const auto& q : out.p) {
+                if ((q - p).squaredNorm() < same2) {
+                    dup = true;
+                    break;
+                }
+            }
         }
         if (dup)
             continue;
         Eigen::Vector3d n;
         const bool hasN = readNormal(m.nx, m.ny, m.nz, n);
-        grid.insert(static_cast<int>(out.p.size()), p);
+        if (useGrid)
+            grid.insert(static_cast<int>(out.p.size()), p);
         out.p.push_back(p);
         out.n.push_back(n);
         out.hasN.push_back(hasN ? 1 : 0);
@@ -478,9 +503,19 @@ bool prepareMoving(const mark_data* marks, int count, double sameDist, MovingSet
     return true;
 }
 
+double lookupTolerance(const MatchSettings& s) {
+    return sideTolerance(s) + kDriftMargin;
+}
+
 RegistrationResult registerMoving(const MovingSet& mv, const MarkerLibrary& lib,
                                   const MatchSettings& s, const RegistrationOptions& opt) {
-    Searcher searcher(mv, lib, s, opt);
+    Searcher<MarkerLibrary> searcher(mv, lib, s, opt);
+    return searcher.run();
+}
+
+RegistrationResult registerMoving(const MovingSet& mv, const ReferenceIndex& lib,
+                                  const MatchSettings& s, const RegistrationOptions& opt) {
+    Searcher<ReferenceIndex> searcher(mv, lib, s, opt);
     return searcher.run();
 }
 

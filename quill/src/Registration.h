@@ -23,10 +23,16 @@
 #include <vector>
 
 #include "MarkerLibrary.h"
+#include "ReferenceIndex.h"
 #include "quill/MarkTypes.h"
 #include "quill/MyMatchMarkClass_update.h"
 
 namespace Quill::detail {
+
+// Marker arrays above this count are refused as bad input rather than allocated for.
+constexpr int kMaxMarkers = 1 << 20;
+// Nearest moving markers paired with each anchor to form base triangles.
+constexpr int kAnchorNeighbours = 5;
 
 // The usable markers of a caller's array: finite positions, near-duplicates (nearer than
 // the same-target distance) folded into the first one.
@@ -63,7 +69,12 @@ struct RegistrationOptions {
     bool matchUnlinked = true;  // markers outside the triangle index may still be inliers
 };
 
+// Tolerance with which a base triangle's sides are looked up in a library.
+double lookupTolerance(const MatchSettings& s);
+
 RegistrationResult registerMoving(const MovingSet& mv, const MarkerLibrary& lib,
+                                  const MatchSettings& s, const RegistrationOptions& opt);
+RegistrationResult registerMoving(const MovingSet& mv, const ReferenceIndex& lib,
                                   const MatchSettings& s, const RegistrationOptions& opt);
 
 }  // namespace Quill::detail

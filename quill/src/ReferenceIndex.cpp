@@ -1,0 +1,414 @@
+#include "ReferenceIndex.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+
+#include "Geometry.h"
+#include "MarkerLibrary.h"
+#include "Registration.h"
+
+namespace Quill::detail {
+
+namespace {
+
+constexpr double kInf = std::numeric_limits<double>::infinity();
+// Moving sets up to this size get their exact reach from all their pairwise distances;
+// larger ones (not a tracker's frame) keep full neighbour lists.
+constexpr int kMaxExactReach = 256;
+
+// The linking radius for a median nearest-marker distance, as MarkerLibrary suggests it.
+double radiusFromNearest(std::vector<double>& nn, double minSide) {
+    if (nn.empty())
+        return 100.0;
+    std::nth_element(nn.begin(), nn.begin() + static_cast<std::ptrdiff_t>(nn.size() / 2), nn.end());
+    const double median = nn[nn.size() / 2];
+    return std::max(3.0 * median, 5.0 * std::max(minSide, 1.0));
+}
+
+// What the moving set's base triangles ask of the library: its suggested linking radius
+// and, per anchor, the distances to its nearest moving markers at least minSide away.
+struct MovingReach {
+    bool exact = false;
+    double radius = 100.0;
+    std::vector<std::array<double, kAnchorNeighbours>> near;
+
+    void compute(const std::vector<Eigen::Vector3d>& p, double minSide) {
+        const int n = static_cast<int>(p.size());
+        if (n > kMaxExactReach) {
+            radius = MarkerLibrary::suggestLinkRadius(p, minSide);
+            return;
+        }
+        exact = true;
+        near.assign(static_cast<std::size_t>(n), {});
+        for (auto& nb : near)
+            nb.fill(kInf);
+        std::vector<double> best(static_cast<std::size_t>(n), 1e300);
+        // Keeps the kAnchorNeighbours smallest distances of an anchor, ascending.
+        const auto keep = [&](int i, double d) {
+            auto& nb = near[static_cast<std::size_t>(i)];
+            if (!(d >= minSide && d < nb[kAnchorNeighbours - 1]))
+                return;
+            int at = kAnchorNeighbours - 1;
+            while (at > 0 && nb[static_cast<std::size_t>(at) - 1] > d) {
+                nb[static_cast<std::size_t>(at)] = nb[static_cast<std::size_t>(at) - 1];
+                --at;
+            }
+            nb[static_cast<std::size_t>(at)] = d;
+        };
+        // Each pair once: |p_j - p_i| and |p_i - p_j| are the same number.
+        for (int i = 0; i < n; ++i) {
+            for (int j = i + 1; j < n; ++j) {
+                const double d =
+                    (p[static_cast<std::size_t>(j)] - p[static_cast<std::size_t>(i)]).norm();
+                if (d > minSide) {
+                    best[static_cast<std::size_t>(i)] =
+                        std::min(best[static_cast<std::size_t>(i)], d);
+                    best[static_cast<std::size_t>(j)] =
+                        std::min(best[static_cast<std::size_t>(j)], d);
+                }
+                keep(i, d);
+                keep(j, d);
+            }
+        }
+        const int step = n > 32 ? n / 32 : 1;
+        std::vector<double> nn;
+        for (int i = 0; i < n; i += step) {
+            if (best[static_cast<std::size_t>(i)] < 1e299)
+                nn.push_back(best[static_cast<std::size_t>(i)]);
+        }
+        radius = radiusFromNearest(nn, minSide);
+    }
+
+    // Longest anchor side of any base triangle when anchors pair with markers up to
+    // `linkRadius` away.
+    double longestSide(double linkRadius) const {
+        if (!exact)
+            return linkRadius;
+        double longest = 0.0;
+        for (const auto& nb : near) {
+            for (double d : nb) {
+                if (d <= linkRadius)
+                    longest = std::max(longest, d);
+            }
+        }
+        return longest;
+    }
+};
+
+}  // namespace
+
+void ReferenceIndex::buildGrid(const std::vector<Eigen::Vector3d>& pts, double cell) {
+    const std::size_t n = pts.size();
+    lo_ = Eigen::Vector3d::Zero();
+    Eigen::Vector3d hi = lo_;
+    if (n > 0) {
+        lo_ = pts[0];
+        hi = lo_;
+        for (const auto& p : pts) {
+            lo_ = lo_.cwiseMin(p);
+            hi = hi.cwiseMax(p);
+        }
+    }
+    if (!(cell > 1e-6))
+        cell = 1e-6;
+    // At most about four cells per marker: enlarge the cells until the box fits.
+    const double budget = 4.0 * static_cast<double>(n) + 256.0;
+    const Eigen::Vector3d ext = hi - lo_;
+    bool fits = false;
+    for (int round = 0; round < 64 && ext.allFinite(); ++round) {
+        const Eigen::Vector3d dims = (ext / cell).array().floor() + 1.0;
+        const double cells = dims.prod();
+        if (cells <= budget) {
+            fits = true;
+            break;
+        }
+        cell *= std::max(1.5, std::cbrt(cells / budget));
+    }
+    if (fits) {
+        inv_ = 1.0 / cell;
+        nx_ = static_cast<int>(ext.x() * inv_) + 1;
+        ny_ = static_cast<int>(ext.y() * inv_) + 1;
+        nz_ = static_cast<int>(ext.z() * inv_) + 1;
+    } else {
+        // A box no cell size fits: one cell holds everything.
+        inv_ = 0.0;
+        nx_ = ny_ = nz_ = 1;
+    }
+    const std::size_t cells = static_cast<std::size_t>(nx_) * static_cast<std::size_t>(ny_) *
+                              static_cast<std::size_t>(nz_);
+    start_.assign(cells + 1, 0);
+    cellOf_.resize(n);
+    for (std::size_t k = 0; k < n; ++k) {
+        const Eigen::Vector3d q = (pts[k] - lo_) * inv_;
+        const int cx = std::min(nx_ - 1, static_cast<int>(q.x()));
+        const int cy = std::min(ny_ - 1, static_cast<int>(q.y()));
+        const int cz = std::min(nz_ - 1, static_cast<int>(q.z()));
+        cellOf_[k] = (cz * ny_ + cy) * nx_ + cx;
+        ++start_[static_cast<std::size_t>(cellOf_[k]) + 1];
+    }
+    for (std::size_t c = 0; c < cells; ++c)
+        start_[c + 1] += start_[c];
+    cellId_.resize(n);
+    // Fill each cell from its end so that ids end up in ascending order within a cell.
+    for (std::size_t k = n; k-- > 0;) {
+        const auto c = static_cast<std::size_t>(cellOf_[k]);
+        cellId_[static_cast<std::size_t>(--start_[c + 1])] = static_cast<int>(k);
+    }
+    // The decrements moved every start back by its cell's count: start_[c + 1] is now the
+    // beginning of cell c; shift the array back into place.
+    for (std::size_t c = 0; c < cells; ++c)
+        start_[c] = start_[c + 1];
+    start_[cells] = static_cast<int>(n);
+    cellPos_.resize(n);
+    for (std::size_t e = 0; e < n; ++e)
+        cellPos_[e] = pts[static_cast<std::size_t>(cellId_[e])];
+}
+
+double ReferenceIndex::nearestOther(int i) const {
+    const Eigen::Vector3d& p = pos[static_cast<std::size_t>(i)];
+    const double cell = inv_ > 0.0 ? 1.0 / inv_ : kInf;
+    double r = std::isfinite(cell) ? cell : 1.0;
+    for (;;) {
+        double best = 1e300;
+        forEachNear(p, r, [&](int j) {
+            if (j == i)
+                return;
+            const double d = (p - pos[static_cast<std::size_t>(j)]).norm();
+            if (d > minSide_ && d < best)
+                best = d;
+        });
+        // Every marker within r of p has been seen: the answer is exact when it lies within
+        // r, or when the cube already covered the whole grid.
+        int x0, x1, y0, y1, z0, z1;
+        const bool all =
+            inv_ == 0.0 || (cellRange(p, r, x0, x1, y0, y1, z0, z1) && x0 == 0 && y0 == 0 &&
+                            z0 == 0 && x1 == nx_ - 1 && y1 == ny_ - 1 && z1 == nz_ - 1);
+        if (best <= r || all)
+            return best;
+        r *= 2.0;
+    }
+}
+
+bool ReferenceIndex::pairPass(double rho) {
+    const auto un = static_cast<std::size_t>(live());
+    nearest2_.assign(un, kInf);
+    pairs_.clear();
+    pairs_.reserve(16 * un);
+    const double r2 = rho * rho;
+    const double min2 = minSide_ * minSide_;
+    bool dup = false;
+    auto pair = [&](int i, const Eigen::Vector3d& pi, int e) {
+        const double d2 = (cellPos_[static_cast<std::size_t>(e)] - pi).squaredNorm();
+        if (d2 > r2)
+            return;
+        if (d2 < min2) {
+            dup = true;
+            return;
+        }
+        const int j = cellId_[static_cast<std::size_t>(e)];
+        if (d2 > min2) {
+            double& a = nearest2_[static_cast<std::size_t>(i)];
+            double& b = nearest2_[static_cast<std::size_t>(j)];
+            a = std::min(a, d2);
+            b = std::min(b, d2);
+        }
+        pairs_.push_back(Pair{static_cast<float>(std::sqrt(d2)), i, j});
+    };
+    for (int z = 0; z < nz_; ++z) {
+        for (int y = 0; y < ny_; ++y) {
+            for (int x = 0; x < nx_; ++x) {
+                const int c = (z * ny_ + y) * nx_ + x;
+                const int c0 = start_[static_cast<std::size_t>(c)];
+                const int c1 = start_[static_cast<std::size_t>(c) + 1];
+                if (c0 == c1)
+                    continue;
+                // Forward neighbours: the next cell of the row, then three cells of the next
+                // row and of three rows in the next layer (each a contiguous range).
+                int from[5], to[5];
+                int nr = 0;
+                if (x + 1 < nx_) {
+                    from[nr] = c1;
+                    to[nr] = start_[static_cast<std::size_t>(c) + 2];
+                    ++nr;
+                }
+                const int xa = x > 0 ? x - 1 : 0;
+                const int xb = x + 1 < nx_ ? x + 1 : nx_ - 1;
+                const auto addRow = [&](int yy, int zz) {
+                    if (yy < 0 || yy >= ny_ || zz >= nz_)
+                        return;
+                    const int row = (zz * ny_ + yy) * nx_;
+                    from[nr] = start_[static_cast<std::size_t>(row + xa)];
+                    to[nr] = start_[static_cast<std::size_t>(row + xb) + 1];
+                    ++nr;
+                };
+                addRow(y + 1, z);
+                addRow(y - 1, z + 1);
+                addRow(y, z + 1);
+                addRow(y + 1, z + 1);
+                for (int e = c0; e < c1; ++e) {
+                    if (dup)
+                        return true;  // the caller folds the duplicates and comes back
+                    const int i = cellId_[static_cast<std::size_t>(e)];
+                    const Eigen::Vector3d pi = cellPos_[static_cast<std::size_t>(e)];
+                    for (int f = e + 1; f < c1; ++f)
+                        pair(i, pi, f);
+                    for (int r = 0; r < nr; ++r) {
+                        for (int f = from[r]; f < to[r]; ++f)
+                            pair(i, pi, f);
+                    }
+                }
+            }
+        }
+    }
+    // Offer the pairs in order of distance (a counting sort on the distance), so that a
+    // marker's list mostly grows at its end and fills with its nearest first.
+    nbr_.resize(un * kNeighbours);
+    nbrCount_.assign(un, 0);
+    const std::size_t np = pairs_.size();
+    const std::size_t buckets = std::min<std::size_t>(4096, np + 1);
+    const double scale = rho > 0.0 ? static_cast<double>(buckets) / rho : 0.0;
+    std::vector<int> at(buckets + 1, 0);
+    const auto bucketOf = [&](float d) {
+        return std::min(buckets - 1, static_cast<std::size_t>(static_cast<double>(d) * scale));
+    };
+    for (const Pair& q : pairs_)
+        ++at[bucketOf(q.d) + 1];
+    for (std::size_t b = 0; b < buckets; ++b)
+        at[b + 1] += at[b];
+    // Plain storage: every slot is written before it is read.
+    sorted_.reset(new Pair[np]);
+    for (const Pair& q : pairs_)
+        sorted_[static_cast<std::size_t>(at[bucketOf(q.d)]++)] = q;
+    const auto offer = [&](int i, std::uint64_t key) {
+        std::uint64_t* k = &nbr_[static_cast<std::size_t>(i) * kNeighbours];
+        const int cnt = nbrCount_[static_cast<std::size_t>(i)];
+        if (cnt == kNeighbours && key > k[kNeighbours - 1])
+            return;
+        int slot = cnt < kNeighbours ? cnt : kNeighbours - 1;
+        while (slot > 0 && k[slot - 1] > key) {
+            k[slot] = k[slot - 1];
+            --slot;
+        }
+        k[slot] = key;
+        if (cnt < kNeighbours)
+            nbrCount_[static_cast<std::size_t>(i)] = static_cast<unsigned char>(cnt + 1);
+    };
+    for (std::size_t e = 0; e < np; ++e) {
+        const Pair& q = sorted_[e];
+        offer(q.i, distanceKey(q.d, q.j));
+        offer(q.j, distanceKey(q.d, q.i));
+    }
+    return dup;
+}
+
+void ReferenceIndex::cutLists(double reach) {
+    const std::uint64_t last = highKey(reach);
+    for (std::size_t i = 0; i < nbrCount_.size(); ++i) {
+        const std::uint64_t* k = &nbr_[i * kNeighbours];
+        int cnt = nbrCount_[i];
+        while (cnt > 0 && k[cnt - 1] > last)
+            --cnt;
+        nbrCount_[i] = static_cast<unsigned char>(cnt);
+    }
+}
+
+bool ReferenceIndex::build(const mark_data* marks, int count, double sameDist, const MovingSet& mv,
+                           double lookTol) {
+    pos.clear();
+    nrm.clear();
+    hasNormal.clear();
+    alive.clear();
+    linked.clear();
+    src_.clear();
+    nbrCount_.clear();
+    buildGrid(pos, 1.0);
+    if (count < 0 || count > kMaxMarkers || (count > 0 && marks == nullptr))
+        return false;
+    minSide_ = sameDist > 0.0 ? sameDist : 0.0;
+
+    MovingReach mr;
+    mr.compute(mv.p, minSide_);
+    const double margin = 1e-6;
+    const auto listRadius = [&](double linkRadius) {
+        const double r = (mr.longestSide(linkRadius) + lookTol) * (1.0 + margin) + margin;
+        return std::min(r, linkRadius);
+    };
+    // The lists must reach min(linking radius, longest side + tolerance). The linking
+    // radius is at least the moving set's and rarely much more: gather pairs as far as 1.5
+    // times that, and go again in the rare case that falls short.
+    // (At least minSide, so that the pass also meets every near-duplicate.)
+    const double rho = std::max(listRadius(1.5 * std::max(mr.radius, 1e-3)), minSide_);
+
+    pos.reserve(static_cast<std::size_t>(count));
+    src_.reserve(static_cast<std::size_t>(count));
+    for (int i = 0; i < count; ++i) {
+        const Eigen::Vector3d p(marks[i].x, marks[i].y, marks[i].z);
+        if (p.allFinite()) {
+            pos.push_back(p);
+            src_.push_back(i);
+        }
+    }
+    buildGrid(pos, rho);
+    if (pairPass(rho)) {
+        // Near-duplicates: fold each into the first of them, in the caller's order, as for a
+        // frame (a fine hash grid over the kept markers: a heap of copies of one marker costs
+        // one comparison each).
+        MovingSet folded;
+        prepareMoving(marks, count, minSide_, folded);
+        pos = std::move(folded.p);
+        src_ = std::move(folded.src);
+        buildGrid(pos, rho);
+        pairPass(rho);
+    }
+    const std::size_t n = pos.size();
+    nrm.resize(n);
+    hasNormal.resize(n);
+    for (std::size_t k = 0; k < n; ++k) {
+        const mark_data& m = marks[src_[k]];
+        hasNormal[k] = readNormal(m.nx, m.ny, m.nz, nrm[k]) ? 1 : 0;
+    }
+    alive.assign(n, 1);
+    linked.assign(n, 1);
+
+    // Linking radius from a sample of nearest-marker distances, as for a library. The pass
+    // found each marker's nearest within rho; a marker with none that near is searched
+    // further, and so is one whose distance rounds to exactly minSide.
+    {
+        std::vector<double> nn;
+        const std::size_t step = n > 32 ? n / 32 : 1;
+        for (std::size_t i = 0; i < n; i += step) {
+            double d = std::sqrt(nearest2_[i]);
+            if (!(d > minSide_ && d <= rho))
+                d = nearestOther(static_cast<int>(i));
+            if (d < 1e299)
+                nn.push_back(d);
+        }
+        const double r = std::max(radiusFromNearest(nn, minSide_), mr.radius);
+        linkRadius_ = r > 1e-3 ? r : 1e-3;
+    }
+    reach_ = listRadius(linkRadius_);
+    if (reach_ > rho) {
+        buildGrid(pos, reach_);
+        pairPass(reach_);
+    }
+    cutLists(reach_);
+    return true;
+}
+
+bool ReferenceIndex::goodTriangle(int a, int b, int c) const {
+    const Eigen::Vector3d& pa = pos[static_cast<std::size_t>(a)];
+    const Eigen::Vector3d& pb = pos[static_cast<std::size_t>(b)];
+    const Eigen::Vector3d& pc = pos[static_cast<std::size_t>(c)];
+    const double m2 = minSide_ * minSide_;
+    if ((pb - pa).squaredNorm() < m2 || (pc - pa).squaredNorm() < m2 ||
+        (pc - pb).squaredNorm() < m2) {
+        return false;
+    }
+    return triangleShape(pa, pb, pc) >= kMinShape;
+}
+
+}  // namespace Quill::detail
