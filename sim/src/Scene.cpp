@@ -119,6 +119,12 @@ bool Scene::build(const SceneOptions& o, std::string* error) {
     }
 
     m_trackers = defaultTrackers(o.trackers);
+    for (size_t i = 0; i < m_trackers.size() && i < o.trackerIds.size(); ++i) {
+        if (o.trackerIds[i].empty() || o.trackerIds[i].size() > 19) {
+            return fail("tracker ids have 1 to 19 characters");
+        }
+        m_trackers[i].id = o.trackerIds[i];
+    }
     for (const TrackerPlacement& t : m_trackers) {
         const Eigen::Vector3d z = (t.target - t.position).normalized();
         const Eigen::Vector3d x = z.cross(Eigen::Vector3d::UnitZ()).normalized();

@@ -47,7 +47,8 @@ struct SceneOptions {
     std::string markersPath;  // empty: markers placed on the part from the seed
     int markerCount = 100;
     double markerDiameter = 6.0;
-    int trackers = 1;  // 1..3
+    int trackers = 1;                     // 1..3
+    std::vector<std::string> trackerIds;  // ids of the trackers in order; missing: TRK000n
     // noise (standard deviations)
     double laserNoise = 0.02;  // mm per coordinate of a laser point
     double laserNormalNoiseDeg = 0.5;
