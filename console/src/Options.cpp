@@ -13,7 +13,7 @@ std::string usageText() {
            "127.0.0.1:47310;\n"
            "                         port 0 picks a free port, printed on the first line)\n"
            "  --fps N                scan frames per second while triggered (0: as fast as the\n"
-           "                         link takes them; default 30)\n"
+           "                         link takes them; default 120)\n"
            "  --seed N               seed of the simulated noise (default 1)\n"
            "  --points N             laser points per frame (default 2000)\n"
            "  --lines N              laser lines per frame (default 7)\n"

@@ -13,11 +13,47 @@ namespace {
 constexpr double kPi = 3.14159265358979323846;
 constexpr double kDeg = kPi / 180.0;
 
+// Standard normal draws for the per-point noise, one random word each: the inverse of the
+// normal distribution function tabulated at 4096 quantiles and interpolated linearly (tails
+// end at 4.26 sigma). Several times faster than the polar method, which dominated the cost of
+// a frame.
+class NormalTable {
+public:
+    NormalTable() {
+        for (int i = 0; i <= kBins; ++i) {
+            const double u = std::clamp(static_cast<double>(i) / kBins, 1e-5, 1 - 1e-5);
+            // Bisection on the distribution function 0.5 * erfc(-x / sqrt 2).
+            double lo = -10, hi = 10;
+            for (int k = 0; k < 80; ++k) {
+                const double mid = 0.5 * (lo + hi);
+                (0.5 * std::erfc(-mid / std::sqrt(2.0)) < u ? lo : hi) = mid;
+            }
+            m_x[static_cast<size_t>(i)] = 0.5 * (lo + hi);
+        }
+    }
+    double draw(Rng& rng) const {
+        const uint64_t r = rng.next();
+        const size_t bin = static_cast<size_t>(r >> 52);                                 // 12 bits
+        const double f = static_cast<double>((r >> 11) & ((1ull << 41) - 1)) * 0x1p-41;  // 41 bits
+        return m_x[bin] + f * (m_x[bin + 1] - m_x[bin]);
+    }
+
+private:
+    static constexpr int kBins = 4096;
+    double m_x[kBins + 1];
+};
+
+const NormalTable& normalTable() {
+    static const NormalTable table;
+    return table;
+}
+
 Eigen::Vector3d noise3(Rng& rng, double sigma) {
     if (sigma <= 0) {
         return Eigen::Vector3d::Zero();
     }
-    const double x = rng.normal(), y = rng.normal(), z = rng.normal();
+    const NormalTable& t = normalTable();
+    const double x = t.draw(rng), y = t.draw(rng), z = t.draw(rng);
     return Eigen::Vector3d(x, y, z) * sigma;
 }
 
@@ -102,6 +138,10 @@ bool Scene::build(const SceneOptions& o, std::string* error) {
         return false;
     }
     m_caster = std::make_unique<RayCaster>(m_truth.part);
+    m_normals.clear();
+    for (size_t i = 0; i < m_truth.part.triangles.size(); ++i) {
+        m_normals.push_back(m_truth.part.normal(i));
+    }
     m_truth.part.bounds(m_lo, m_hi);
     m_height =
         std::max(m_hi.z() + o.depthNear + 30.0, 0.5 * (m_lo.z() + m_hi.z()) + o.workingDistance);
@@ -364,7 +404,21 @@ int Scene::bodyMarkersSeen(int i, const Pose& scanner, const Pose& /*part*/) con
 void Scene::frame(const FrameRequest& rq, ScanFrame& out) const {
     const SceneOptions& o = m_options;
     Rng rng(frameSeed(o.seed, rq.index));
-    out = ScanFrame();
+    {
+        // Start afresh but keep the buffers: frames are large and come one after another.
+        std::vector<Eigen::Vector3d> points, normals;
+        std::vector<float> quality;
+        points.swap(out.points);
+        normals.swap(out.normals);
+        quality.swap(out.quality);
+        out = ScanFrame();
+        points.clear();
+        normals.clear();
+        quality.clear();
+        out.points.swap(points);
+        out.normals.swap(normals);
+        out.quality.swap(quality);
+    }
     out.index = rq.index;
     const Pose part = partInRoom(rq.index);
     const Pose scanner = scannerInPart(rq.index);
@@ -425,6 +479,12 @@ void Scene::frame(const FrameRequest& rq, ScanFrame& out) const {
         const double farZ = o.depthFar * std::max(1.0, rq.depthScale);
         const double minCos = std::cos(80 * kDeg);
         std::vector<Ray> rays(static_cast<size_t>(perLine));
+        std::vector<double> cosT(static_cast<size_t>(perLine)), sinT(static_cast<size_t>(perLine));
+        for (int k = 0; k < perLine; ++k) {
+            const double th = (-0.5 + static_cast<double>(k) / (perLine - 1)) * o.fanDeg * kDeg;
+            cosT[static_cast<size_t>(k)] = std::cos(th);
+            sinT[static_cast<size_t>(k)] = std::sin(th);
+        }
         std::vector<Hit> hits;
         std::vector<int> valid(static_cast<size_t>(perLine));
         out.points.reserve(static_cast<size_t>(lines * perLine));
@@ -445,9 +505,8 @@ void Scene::frame(const FrameRequest& rq, ScanFrame& out) const {
             info.firstPoint = static_cast<int>(out.points.size());
             info.plane = Eigen::Vector4d(nS.x(), nS.y(), nS.z(), -offset);
             for (int k = 0; k < perLine; ++k) {
-                const double th = (-0.5 + static_cast<double>(k) / (perLine - 1)) * o.fanDeg * kDeg;
-                const Eigen::Vector3d dS =
-                    std::cos(th) * Eigen::Vector3d::UnitZ() + std::sin(th) * uS;
+                const Eigen::Vector3d dS = cosT[static_cast<size_t>(k)] * Eigen::Vector3d::UnitZ() +
+                                           sinT[static_cast<size_t>(k)] * uS;
                 Ray& r = rays[static_cast<size_t>(k)];
                 r.origin = eW.cast<float>();
                 r.direction = (scanner.R * dS).cast<float>();
@@ -461,12 +520,11 @@ void Scene::frame(const FrameRequest& rq, ScanFrame& out) const {
                 if (!h.valid()) {
                     continue;
                 }
-                const double th = (-0.5 + static_cast<double>(k) / (perLine - 1)) * o.fanDeg * kDeg;
-                const Eigen::Vector3d dS =
-                    std::cos(th) * Eigen::Vector3d::UnitZ() + std::sin(th) * uS;
+                const Eigen::Vector3d dS = cosT[static_cast<size_t>(k)] * Eigen::Vector3d::UnitZ() +
+                                           sinT[static_cast<size_t>(k)] * uS;
                 const Eigen::Vector3d dW = scanner.R * dS;
                 const size_t tri = static_cast<size_t>(h.triangle);
-                const Eigen::Vector3d nW = m_truth.part.normal(tri);
+                const Eigen::Vector3d& nW = m_normals[tri];
                 const double facing = -nW.dot(dW);
                 if (facing < minCos) {
                     continue;  // back face or grazing
@@ -481,7 +539,11 @@ void Scene::frame(const FrameRequest& rq, ScanFrame& out) const {
                     continue;
                 }
                 Eigen::Vector3d nS2 = scanner.R.transpose() * nW;
-                nS2 = noiseRotation(rng, o.laserNormalNoiseDeg) * nS2;
+                if (o.laserNormalNoiseDeg > 0) {
+                    // A small Gaussian tilt: the perpendicular part of the added vector turns
+                    // the normal by about its length in radians.
+                    nS2 = (nS2 + noise3(rng, o.laserNormalNoiseDeg * kDeg)).normalized();
+                }
                 valid[static_cast<size_t>(k)] = static_cast<int>(out.points.size());
                 out.points.push_back(pS + noise3(rng, o.laserNoise));
                 out.normals.push_back(nS2);

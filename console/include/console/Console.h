@@ -31,7 +31,7 @@ namespace console {
 
 struct ConsoleOptions {
     SDK_NV::wire::Endpoint endpoint;  // LUMORA_ENDPOINT or the default unless --endpoint
-    double fps = 30.0;                // frames per second while triggered; 0: as fast as possible
+    double fps = 120.0;               // frames per second while triggered; 0: as fast as possible
     uint32_t seed = 1;
     int laserPoints = 2000;  // laser points per frame
     int laserLines = 7;

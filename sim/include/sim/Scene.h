@@ -187,6 +187,7 @@ private:
     std::vector<TrackerPlacement> m_trackers;
     std::vector<Pose> m_roomToTracker;
     std::unique_ptr<RayCaster> m_caster;
+    std::vector<Eigen::Vector3d> m_normals;  // unit normal of every triangle
     std::vector<Marker> m_bodyMarkers;
     // trajectory
     Eigen::Vector3d m_lo = Eigen::Vector3d::Zero(), m_hi = Eigen::Vector3d::Zero();
