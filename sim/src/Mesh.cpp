@@ -1,18 +1,21 @@
-// Triangle meshes: the built-in part and the file formats (through PCL's I/O).
+// Triangle meshes: the built-in part and the file formats. PLY files are read with PCL's PLY
+// parser (libpcl_io_ply: the whole PCL I/O library would cost the console a quarter of a
+// second of start-up loading VTK), OBJ files with a few lines here.
 #include "sim/Mesh.h"
 
-#include <pcl/PolygonMesh.h>
-#include <pcl/conversions.h>
-#include <pcl/io/obj_io.h>
-#include <pcl/io/ply_io.h>
-#include <pcl/point_cloud.h>
-#include <pcl/point_types.h>
+#include <pcl/io/ply/ply_parser.h>
 
 #include <Eigen/Geometry>
 #include <algorithm>
 #include <cctype>
 #include <cmath>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
 #include <fstream>
+#include <functional>
+#include <sstream>
+#include <tuple>
 
 namespace sim {
 
@@ -205,6 +208,132 @@ TriangleMesh defaultPart(std::vector<TruthHole>* holes) {
     return m;
 }
 
+namespace {
+
+using pcl::io::ply::ply_parser;
+
+// What the PLY parser's callbacks fill.
+struct PlyState {
+    std::vector<Eigen::Vector3f> vertices;
+    std::vector<std::vector<long long>> faces;
+    std::vector<long long> face;
+    std::string error;
+};
+
+template <typename T>
+void vertexCallbacks(ply_parser::scalar_property_definition_callbacks_type& scalars, PlyState& st) {
+    ply_parser::at<T>(scalars) = [&st](const std::string& element,
+                                       const std::string& property) -> std::function<void(T)> {
+        const int axis = property == "x" ? 0 : property == "y" ? 1 : property == "z" ? 2 : -1;
+        if (element != "vertex" || axis < 0) {
+            return {};
+        }
+        return [&st, axis](T v) {
+            if (!st.vertices.empty()) {
+                st.vertices.back()[axis] = static_cast<float>(v);
+            }
+        };
+    };
+}
+
+template <typename S, typename I>
+void faceCallbacks(ply_parser::list_property_definition_callbacks_type& lists, PlyState& st) {
+    using Callbacks =
+        std::tuple<std::function<void(S)>, std::function<void(I)>, std::function<void()>>;
+    ply_parser::at<S, I>(lists) = [&st](const std::string& element,
+                                        const std::string& property) -> Callbacks {
+        if (element != "face" || (property != "vertex_indices" && property != "vertex_index")) {
+            return Callbacks();
+        }
+        return Callbacks([&st](S) { st.face.clear(); },
+                         [&st](I v) { st.face.push_back(static_cast<long long>(v)); },
+                         [&st]() { st.faces.push_back(st.face); });
+    };
+}
+
+bool readPly(const std::string& path, std::vector<Eigen::Vector3f>& vertices,
+             std::vector<std::vector<long long>>& faces, std::string& error) {
+    PlyState st;
+    ply_parser parser;
+    parser.info_callback([](std::size_t, const std::string&) {});
+    parser.warning_callback([](std::size_t, const std::string&) {});
+    parser.error_callback([&st](std::size_t line, const std::string& message) {
+        if (st.error.empty()) {
+            st.error = "line " + std::to_string(line) + ": " + message;
+        }
+    });
+    parser.element_definition_callback([&st](const std::string& name, std::size_t count) {
+        const bool vertex = name == "vertex";
+        if (vertex) {
+            st.vertices.reserve(std::min<std::size_t>(count, 1u << 24));
+        }
+        return ply_parser::element_callbacks_type(
+            [&st, vertex]() {
+                if (vertex) {
+                    st.vertices.emplace_back(0.0f, 0.0f, 0.0f);
+                }
+            },
+            []() {});
+    });
+    ply_parser::scalar_property_definition_callbacks_type scalars;
+    vertexCallbacks<pcl::io::ply::float32>(scalars, st);
+    vertexCallbacks<pcl::io::ply::float64>(scalars, st);
+    parser.scalar_property_definition_callbacks(scalars);
+    ply_parser::list_property_definition_callbacks_type lists;
+    faceCallbacks<pcl::io::ply::uint8, pcl::io::ply::int32>(lists, st);
+    faceCallbacks<pcl::io::ply::uint8, pcl::io::ply::uint32>(lists, st);
+    faceCallbacks<pcl::io::ply::uint16, pcl::io::ply::int32>(lists, st);
+    faceCallbacks<pcl::io::ply::uint16, pcl::io::ply::uint32>(lists, st);
+    faceCallbacks<pcl::io::ply::uint32, pcl::io::ply::int32>(lists, st);
+    faceCallbacks<pcl::io::ply::uint32, pcl::io::ply::uint32>(lists, st);
+    parser.list_property_definition_callbacks(lists);
+    if (!parser.parse(path) || !st.error.empty()) {
+        error = "cannot read " + path + (st.error.empty() ? "" : ": " + st.error);
+        return false;
+    }
+    vertices = std::move(st.vertices);
+    faces = std::move(st.faces);
+    return true;
+}
+
+// OBJ: "v x y z" and "f a b c ..." lines (a corner is "i", "i/t", "i//n" or "i/t/n"; negative
+// indices count back from the last vertex); everything else is skipped.
+bool readObj(const std::string& path, std::vector<Eigen::Vector3f>& vertices,
+             std::vector<std::vector<long long>>& faces, std::string& error) {
+    std::ifstream in(path);
+    std::string line;
+    int number = 0;
+    while (std::getline(in, line)) {
+        ++number;
+        std::istringstream words(line);
+        std::string kind;
+        words >> kind;
+        if (kind == "v") {
+            float x = 0, y = 0, z = 0;
+            if (!(words >> x >> y >> z)) {
+                error = path + ":" + std::to_string(number) + ": a vertex needs x y z";
+                return false;
+            }
+            vertices.emplace_back(x, y, z);
+        } else if (kind == "f") {
+            std::vector<long long> face;
+            for (std::string corner; words >> corner;) {
+                char* end = nullptr;
+                const long long i = std::strtoll(corner.c_str(), &end, 10);
+                if (end == corner.c_str() || i == 0) {
+                    error = path + ":" + std::to_string(number) + ": bad face corner " + corner;
+                    return false;
+                }
+                face.push_back(i > 0 ? i - 1 : static_cast<long long>(vertices.size()) + i);
+            }
+            faces.push_back(face);
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
 bool loadMesh(const std::string& path, TriangleMesh& mesh, std::string* error) {
     const std::string ext = lowerExtension(path);
     if (ext != "ply" && ext != "obj") {
@@ -215,41 +344,39 @@ bool loadMesh(const std::string& path, TriangleMesh& mesh, std::string* error) {
         setError(error, "cannot open " + path);
         return false;
     }
-    pcl::PolygonMesh pm;
-    int rc = -1;
+    std::vector<Eigen::Vector3f> vertices;
+    std::vector<std::vector<long long>> faces;
+    std::string why;
+    bool ok = false;
     try {
-        rc = ext == "ply" ? pcl::io::loadPLYFile(path, pm) : pcl::io::loadOBJFile(path, pm);
+        ok = ext == "ply" ? readPly(path, vertices, faces, why)
+                          : readObj(path, vertices, faces, why);
     } catch (const std::exception& e) {
-        setError(error, "cannot read " + path + ": " + e.what());
+        why = "cannot read " + path + ": " + e.what();
+    }
+    if (!ok) {
+        setError(error, why.empty() ? "cannot read " + path : why);
         return false;
     }
-    if (rc < 0) {
-        setError(error, "cannot read " + path);
-        return false;
-    }
-    pcl::PointCloud<pcl::PointXYZ> cloud;
-    pcl::fromPCLPointCloud2(pm.cloud, cloud);
     TriangleMesh out;
-    out.vertices.reserve(cloud.size());
-    for (const auto& p : cloud) {
-        if (!std::isfinite(p.x) || !std::isfinite(p.y) || !std::isfinite(p.z)) {
+    for (const auto& v : vertices) {
+        if (!v.allFinite()) {
             setError(error, path + ": a vertex is not finite");
             return false;
         }
-        out.vertices.emplace_back(p.x, p.y, p.z);
     }
-    for (const auto& poly : pm.polygons) {
-        for (const auto v : poly.vertices) {
+    out.vertices = std::move(vertices);
+    for (const auto& f : faces) {
+        for (const long long v : f) {
             if (v < 0 || static_cast<size_t>(v) >= out.vertices.size()) {
                 setError(error, path + ": a face names vertex " + std::to_string(v) + " of " +
                                     std::to_string(out.vertices.size()));
                 return false;
             }
         }
-        for (size_t k = 1; k + 1 < poly.vertices.size(); ++k) {
-            out.triangles.emplace_back(static_cast<int>(poly.vertices[0]),
-                                       static_cast<int>(poly.vertices[k]),
-                                       static_cast<int>(poly.vertices[k + 1]));
+        for (size_t k = 1; k + 1 < f.size(); ++k) {
+            out.triangles.emplace_back(static_cast<int>(f[0]), static_cast<int>(f[k]),
+                                       static_cast<int>(f[k + 1]));
         }
     }
     if (out.triangles.empty()) {
@@ -261,25 +388,33 @@ bool loadMesh(const std::string& path, TriangleMesh& mesh, std::string* error) {
 }
 
 bool saveMeshPly(const std::string& path, const TriangleMesh& mesh) {
-    pcl::PointCloud<pcl::PointXYZ> cloud;
-    cloud.reserve(mesh.vertices.size());
+    std::ofstream out(path, std::ios::binary);
+    out << "ply\nformat binary_little_endian 1.0\ncomment pathfinder sim part, millimetres\n"
+        << "element vertex " << mesh.vertices.size()
+        << "\nproperty float x\nproperty float y\nproperty float z\n"
+        << "element face " << mesh.triangles.size()
+        << "\nproperty list uchar int vertex_indices\nend_header\n";
+    const auto put32 = [&out](uint32_t u) {
+        const char b[4] = {static_cast<char>(u & 0xFFu), static_cast<char>((u >> 8) & 0xFFu),
+                           static_cast<char>((u >> 16) & 0xFFu),
+                           static_cast<char>((u >> 24) & 0xFFu)};
+        out.write(b, 4);
+    };
     for (const auto& v : mesh.vertices) {
-        cloud.push_back(pcl::PointXYZ(v.x(), v.y(), v.z()));
+        for (int c = 0; c < 3; ++c) {
+            uint32_t u = 0;
+            const float f = v[c];
+            std::memcpy(&u, &f, 4);
+            put32(u);
+        }
     }
-    pcl::PolygonMesh pm;
-    pcl::toPCLPointCloud2(cloud, pm.cloud);
-    pm.polygons.reserve(mesh.triangles.size());
     for (const auto& t : mesh.triangles) {
-        pcl::Vertices v;
-        v.vertices = {static_cast<pcl::index_t>(t[0]), static_cast<pcl::index_t>(t[1]),
-                      static_cast<pcl::index_t>(t[2])};
-        pm.polygons.push_back(v);
+        out.put(3);
+        for (int c = 0; c < 3; ++c) {
+            put32(static_cast<uint32_t>(t[c]));
+        }
     }
-    try {
-        return pcl::io::savePLYFileBinary(path, pm) >= 0;
-    } catch (const std::exception&) {
-        return false;
-    }
+    return static_cast<bool>(out);
 }
 
 }  // namespace sim

@@ -287,5 +287,65 @@ TEST(SimScene, SameSeedSameFramesAndTruthFilesReadBack) {
     sim::TriangleMesh mesh;
     EXPECT_FALSE(sim::loadMesh(dir + "/bad.ply", mesh, &error));
     EXPECT_FALSE(sim::loadMesh(dir + "/none.obj", mesh, &error));
+    // OBJ: a quad with texture and normal indices, one corner counted from the end.
+    {
+        std::ofstream(dir + "/quad.obj")
+            << "# quad\nv 0 0 0\nv 10 0 0\nv 10 10 0\nv 0 10 0\nvn 0 0 1\nf 1//1 2//1 3/1/1 -1\n";
+    }
+    ASSERT_TRUE(sim::loadMesh(dir + "/quad.obj", mesh, &error)) << error;
+    ASSERT_EQ(mesh.triangles.size(), 2u);
+    EXPECT_EQ(mesh.triangles[1], Eigen::Vector3i(0, 2, 3));
+    { std::ofstream(dir + "/far.obj") << "v 0 0 0\nv 1 0 0\nf 1 2 3\n"; }
+    EXPECT_FALSE(sim::loadMesh(dir + "/far.obj", mesh, &error));
+    EXPECT_NE(error.find("names vertex 2"), std::string::npos) << error;
     std::filesystem::remove_all(dir);
+}
+
+TEST(SimScene, DynamicTrackingAndMarkerModelFrames) {
+    // The part sways: in dynamic tracking the pose maps the laser onto the part directly (no
+    // transfer matrix) while the tracker sees the markers move; the scanner's own view holds
+    // only markers near its axis.
+    sim::SceneOptions o = noiseless();
+    o.motion = "sway";
+    o.motionMm = 40;
+    o.motionDeg = 5;
+    o.motionPeriodS = 4;
+    auto s = makeScene(o);
+    sim::MeshDistance md(s->truth().part);
+    const sim::Matrix16 identity =
+        sim::transferFromMotion(Eigen::Matrix3d::Identity(), Eigen::Vector3d::Zero());
+    double moved = 0;
+    size_t viewed = 0;
+    for (int i = 0; i < 2400; i += 120) {
+        sim::FrameRequest rq;
+        rq.index = i;
+        rq.dynamic = true;
+        sim::ScanFrame f;
+        s->frame(rq, f);
+        ASSERT_TRUE(f.scannerSeen);
+        for (const auto& p : f.points)
+            ASSERT_LT(md.distance(toPart(f, identity, p)), 1e-6);
+        const sim::Matrix16& m = s->truth().transfer.at(f.trackerId);
+        for (const auto& k : f.markers) {
+            const auto& t = s->truth().markers[static_cast<size_t>(k.id)];
+            moved = std::max(moved, (sim::applyTransferInverse(m, k.centre) - t.position).norm());
+        }
+        // Marker model building: the markers in the scanner's view, in the tracker's frame.
+        rq.dynamic = false;
+        rq.laser = false;
+        rq.scannerMarkers = true;
+        sim::ScanFrame v;
+        s->frame(rq, v);
+        EXPECT_TRUE(v.points.empty());
+        EXPECT_LT(v.markers.size(), f.markers.size());
+        const sim::Pose kToS = v.truePose.inverse();
+        for (const auto& k : v.markers) {
+            const Eigen::Vector3d inS = kToS.apply(k.centre);
+            EXPECT_GT(inS.z(), 0.8 * o.depthNear);
+            EXPECT_LT(inS.z(), 1.1 * o.depthFar);
+        }
+        viewed += v.markers.size();
+    }
+    EXPECT_GT(moved, 10.0) << "the part moves under the tracker";
+    EXPECT_GT(viewed, 20u * 3);
 }

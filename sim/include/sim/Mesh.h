@@ -1,6 +1,7 @@
 // Triangle meshes of the simulated world: the part the scanner measures, in millimetres.
 //
-// Files are read and written through PCL's I/O (PLY, OBJ); the default part is built here.
+// PLY files are read with PCL's PLY parser and written here (binary little-endian); OBJ files are
+// read here; the default part is built here.
 #pragma once
 
 #include <Eigen/Core>
