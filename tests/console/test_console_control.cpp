@@ -156,3 +156,52 @@ TEST(ControlWords, FieldsReportBadValuesAndUnknownKeys) {
     EXPECT_FALSE(console::Fields::parse({"novalue"}, 0, f, error));
     EXPECT_FALSE(console::Fields::parse({"=3"}, 0, f, error));
 }
+
+// Scene settings: the same keys as flags and as `scene` lines, checked before the scene
+// changes; a scene that cannot be built changes nothing.
+TEST(ConsoleScene, FlagsAndLinesShareTheKeysAndRefuseBadValues) {
+    ConsoleOptions o;
+    std::string error;
+    ASSERT_TRUE(parse({"--trackers", "3", "--laser-noise", "0.05", "--motion", "sway", "--lines",
+                       "5", "--points", "1000", "--markers", "40", "--export-truth", "out"},
+                      o, error))
+        << error;
+    EXPECT_EQ(o.scene.trackers, 3);
+    EXPECT_DOUBLE_EQ(o.scene.laserNoise, 0.05);
+    EXPECT_EQ(o.scene.motion, "sway");
+    EXPECT_EQ(o.scene.lines, 5);
+    EXPECT_EQ(o.scene.pointsPerLine, 200);
+    EXPECT_EQ(o.scene.markerCount, 40);
+    EXPECT_EQ(o.exportTruthDir, "out");
+    for (const std::vector<const char*>& bad :
+         std::vector<std::vector<const char*>>{{"--trackers", "4"},
+                                               {"--laser-noise", "-1"},
+                                               {"--motion", "spin"},
+                                               {"--scene", "cave"},
+                                               {"--points-per-line", "1.5"},
+                                               {"--noise", "loud"}}) {
+        ConsoleOptions fresh;
+        error.clear();
+        EXPECT_FALSE(parse(bad, fresh, error)) << bad[0];
+        EXPECT_FALSE(error.empty());
+    }
+
+    ConsoleOptions plain;
+    plain.readStdin = false;
+    Console c(plain);
+    EXPECT_TRUE(c.control("scene trackers=2 noise=off seed=3", error)) << error;
+    EXPECT_TRUE(c.control("scene show", error)) << error;
+    for (const char* bad :
+         {"scene", "scene trackers", "scene trackers=0", "scene colour=red",
+          "scene mesh=/nonexistent/part.ply", "scene seed=-2", "scene export /proc/no/such/dir"}) {
+        error.clear();
+        EXPECT_FALSE(c.control(bad, error)) << bad;
+        EXPECT_FALSE(error.empty()) << bad;
+    }
+    // The second tracker is a device now: a trigger may name it.
+    EXPECT_TRUE(c.control("device TRK0002 off", error)) << error;
+    ConsoleOptions badMesh;
+    badMesh.readStdin = false;
+    badMesh.scene.meshPath = "/nonexistent/part.obj";
+    EXPECT_FALSE(Console(badMesh).setupOk());
+}
