@@ -414,6 +414,49 @@ TEST_F(ConsoleFaults, AReplayDeliversTheRecordedMessagesByteForByteInOrder) {
     fs::remove_all(dir);
 }
 
+TEST_F(ConsoleFaults, AReplayEndsTheClientsConnectionWhereTheRecordedOneEnded) {
+    const fs::path dir = tempFolder();
+    const fs::path file = dir / "two.lrec";
+    connect({"--record", file.string()});
+    ASSERT_TRUE(console.control("frames 2"));
+    barrier();
+    ASSERT_TRUE(console.control("drop"));  // the SDK comes back on its own
+    ASSERT_GE(recorder.waitIndex(0, isConnect(false)), 0);
+    const int again = recorder.waitIndex(0, isConnect(true));
+    ASSERT_GE(recorder.waitIndex(static_cast<size_t>(again) + 1, isConnect(true)), 0);
+    ASSERT_GE(recorder.waitIndex(static_cast<size_t>(again) + 1, isResponse(17)), 0);
+    ASSERT_TRUE(console.control("frames 2"));
+    barrier();
+    ASSERT_TRUE(console.control("quit"));
+    ASSERT_EQ(console.waitExit(), 0);
+
+    ConsoleProcess replay;
+    ASSERT_TRUE(replay.start({"--replay", file.string(), "--replay-speed", "0"}));
+    Recorder second;
+    CTPScanWrapper client;
+    client.setEndpoint(replay.endpoint());
+    client.setCallBackMessage(second.callback());
+    ASSERT_TRUE(client.connectToLowPart());
+    ASSERT_TRUE(replay.saw("replay finished"));
+    ASSERT_TRUE(second.waitFor([](const auto& v) {
+        return std::count_if(v.begin(), v.end(),
+                             [](const auto* m) { return m->getType() == MSG_SCANDATA; }) >= 4;
+    }));
+    // Frames 1 and 2 in the first connection, 3 and 4 in the second, as recorded.
+    std::vector<std::string> seen;
+    for (const auto* m : second.snapshot()) {
+        if (m->getType() == MSG_CONNECT) {
+            seen.push_back(static_cast<const CMessage_Connect&>(*m).getConnect() ? "up" : "down");
+        } else if (m->getType() == MSG_SCANDATA) {
+            seen.push_back(std::to_string(static_cast<const CMessage_ScanData&>(*m).getFrameID()));
+        }
+    }
+    EXPECT_EQ(seen, (std::vector<std::string>{"up", "1", "2", "down", "up", "3", "4"}));
+    EXPECT_EQ(client.getLinkCounters().connects, 2u);
+    client.setCloseWrapper(true);
+    fs::remove_all(dir);
+}
+
 TEST_F(ConsoleFaults, ADamagedRecordingIsRefusedWithItsReasonAndExitCode2) {
     const fs::path dir = tempFolder();
     const fs::path good = dir / "good.lrec";
