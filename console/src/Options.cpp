@@ -41,6 +41,12 @@ std::string usageText() {
            "  --motion-deg DEG --motion-period S\n"
            "  (--points N spreads N rays over the lines, --lines N and --markers N set the\n"
            "  line and marker counts of either scene)\n"
+           // record and replay
+           "  --record FILE          record every frame sent and received, with its time\n"
+           "  --replay FILE          play a recording to clients instead of simulating\n"
+           "  --replay-speed X       1: the recorded timing (default), 2: twice as fast, 0: no\n"
+           "                         pauses\n"
+           "  --replay-exit          end once the recording is played (default: stay up)\n"
            "  --help\n";
 }
 
@@ -71,6 +77,30 @@ bool isSceneFlag(const std::string& a) {
         }
     }
     return false;
+}
+
+// Record and replay.
+const std::string kRecordValueOptions = "--record --replay --replay-speed ";
+
+bool parseRecordOption(const std::string& a, const std::string& v, RecordOptions& out,
+                       std::string& error) {
+    if (a == "--record" && !v.empty()) {
+        out.recordPath = v;
+    } else if (a == "--replay" && !v.empty()) {
+        out.replayPath = v;
+    } else if (a == "--replay-speed") {
+        char* end = nullptr;
+        const double speed = std::strtod(v.c_str(), &end);
+        if (end == nullptr || *end != '\0' || !(speed >= 0.0) || speed > 1e6) {
+            error = "bad replay speed " + v + " (0: no pauses, 1: the recorded timing)";
+            return false;
+        }
+        out.replaySpeed = speed;
+    } else {
+        error = "bad option " + a + " " + v;
+        return false;
+    }
+    return true;
 }
 
 }  // namespace
@@ -105,6 +135,12 @@ bool parseOptions(int argc, const char* const* argv, ConsoleOptions& out, bool& 
                 return false;
             }
             if (!applySceneSetting(out, a.substr(2), argv[++i], error)) {
+                return false;
+            }
+        } else if (a == "--replay-exit") {
+            out.record.replayExit = true;
+        } else if (kRecordValueOptions.find(a + " ") != std::string::npos && a.size() > 3) {
+            if (!value(v) || !parseRecordOption(a, v, out.record, error)) {
                 return false;
             }
         } else if (kValueOptions.find(a + " ") == std::string::npos || a.size() < 3) {
@@ -168,6 +204,10 @@ bool parseOptions(int argc, const char* const* argv, ConsoleOptions& out, bool& 
     }
     if (markersGiven) {
         out.scene.markerCount = std::min(out.markers, 10000);
+    }
+    if (!out.record.replayPath.empty() && !out.record.recordPath.empty()) {
+        error = "--record and --replay do not go together";
+        return false;
     }
     return true;
 }
