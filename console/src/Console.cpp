@@ -206,10 +206,7 @@ std::string describeCommand(const sdk_link::Command& c) {
 // =============================================================================================
 
 Console::Console(const ConsoleOptions& options)
-    : m_options(options),
-      m_source(std::make_unique<FrameSource>(options)),
-      m_rng(options.seed),
-      m_decoder(std::make_unique<wire::FrameDecoder>()) {
+    : m_options(options), m_rng(options.seed), m_decoder(std::make_unique<wire::FrameDecoder>()) {
     Device tracker;
     tracker.id = options.trackerId;
     tracker.type = DEVICE_TRACKER;
@@ -218,6 +215,14 @@ Console::Console(const ConsoleOptions& options)
     scanner.id = options.scannerId;
     scanner.type = DEVICE_SCANNER;
     m_devices = {tracker, scanner};
+    std::string sceneError;
+    m_source = makeFrameSource(options, sceneError);
+    if (!m_source) {
+        say("scene: " + sceneError);
+        m_setupOk = false;
+        m_source = std::make_unique<FrameSource>(options);
+    }
+    addSceneTrackers();
     for (int i = 1; i <= 2; ++i) {
         tagPripladDeviceData p;
         p.strName = "air" + std::to_string(i);
@@ -624,6 +629,12 @@ void Console::sendScanFrame() {
     auto it = m_transforms.find(m_scan.trackerId);
     m_scan.trackerMatrix = it != m_transforms.end() ? it->second.data() : nullptr;
     m_source->fill(*frame, m_frameId, m_scan);
+    // The source names the tracker that saw the frame (several trackers take turns).
+    if (!frame->m_strTrackerId.empty() && frame->m_strTrackerId != m_scan.trackerId) {
+        m_scan.trackerId = frame->m_strTrackerId;
+        it = m_transforms.find(m_scan.trackerId);
+        m_scan.trackerMatrix = it != m_transforms.end() ? it->second.data() : nullptr;
+    }
     CMessage_ScanData m;
     m.setID(m_frameId);
     m.setFrameID(m_frameId);
@@ -642,6 +653,7 @@ void Console::setTriggered(bool on, const std::vector<std::string>& ids) {
     }
     m_scan.frameCount = 0;
     m_scan.trackerId = m_options.trackerId;
+    m_scan.triggerIds = ids;
     for (const std::string& id : ids) {
         for (const Device& d : m_devices) {
             if (d.id == id && d.type == DEVICE_TRACKER) {
@@ -810,6 +822,30 @@ int Console::applySetting(const sdk_link::Command& c) {
                 m16[15] = 1;
                 m_transforms[t.tracker_id()] = m16;
             }
+        }
+    } else if (name == "SetTrackerMarkPointDiameter" || name == "SetMarkPointDiameter") {
+        // Reported marker diameters by marker id from now on.
+        if (c.args_size() < 1 || !c.args(0).has_floats()) {
+            state = lumora::PRARA_ERROR;
+        } else {
+            const auto& v = c.args(0).floats().values();
+            m_scan.markerDiameters.assign(v.begin(), v.end());
+        }
+    } else if (name == "SetEnableScanExpand") {
+        m_scan.scanExpand = argBool(c, 0);
+    } else if (name == "setFineHoleData") {
+        sdk_link::FineHoleList holes;
+        if (!holes.ParseFromString(argRaw(c, 0))) {
+            state = lumora::PRARA_ERROR;
+        } else {
+            m_scan.fineHoles = static_cast<size_t>(holes.holes_size());
+        }
+    } else if (name == "SetCuttingEdgeData") {
+        lumora::DETECT_EDGE_POINTS_INFO edges;
+        if (!edges.ParseFromString(argRaw(c, 0))) {
+            state = lumora::PRARA_ERROR;
+        } else {
+            m_scan.cuttingEdgeBytes = argRaw(c, 0).size();
         }
     } else if (name == "setLowPartConfigs") {
         lumora::LowPartCfg w;

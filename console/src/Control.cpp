@@ -138,6 +138,9 @@ bool Console::control(const std::string& line, std::string& error) {
     if (verb == "drop") {
         return controlDrop(w, error);
     }
+    if (verb == "scene") {
+        return controlScene(w, error);
+    }
     if (verb == "trigger" && w.size() == 2 && (w[1] == "on" || w[1] == "off")) {
         setTriggered(w[1] == "on", {});
         return true;

@@ -1,4 +1,5 @@
 // Command line of lumora_console.
+#include <algorithm>
 #include <cstdlib>
 #include <sstream>
 
@@ -12,7 +13,7 @@ std::string usageText() {
            "127.0.0.1:47310;\n"
            "                         port 0 picks a free port, printed on the first line)\n"
            "  --fps N                scan frames per second while triggered (0: as fast as the\n"
-           "                         link takes them; default 30)\n"
+           "                         link takes them; default 120)\n"
            "  --seed N               seed of the simulated noise (default 1)\n"
            "  --points N             laser points per frame (default 2000)\n"
            "  --lines N              laser lines per frame (default 7)\n"
@@ -29,6 +30,17 @@ std::string usageText() {
            "  --command-log FILE     append one line per command received (name and arguments)\n"
            "  --no-stdin             do not read control lines from standard input\n"
            "  --verbose              one line per command received\n"
+           "  --export-truth DIR     write the scene's truth files into DIR and exit\n"
+           "scene (console/README.md, \"Scene\"; each also a control line: scene KEY=VALUE):\n"
+           "  --scene physical|plane --trackers N (1-3) --mesh FILE.ply|obj --marker-file FILE\n"
+           "  --marker-count N --marker-diameter MM --laser-noise MM --normal-noise-deg DEG\n"
+           "  --pose-noise-mm MM --pose-noise-deg DEG --marker-noise MM --noise off|default\n"
+           "  --laser-lines N --points-per-line N --line-spacing MM --fan-deg DEG\n"
+           "  --working-distance MM --depth-near MM --depth-far MM --speed MM/S\n"
+           "  --row-spacing MM --tilt-deg DEG --motion none|sway --motion-mm MM\n"
+           "  --motion-deg DEG --motion-period S\n"
+           "  (--points N spreads N rays over the lines, --lines N and --markers N set the\n"
+           "  line and marker counts of either scene)\n"
            "  --help\n";
 }
 
@@ -47,7 +59,19 @@ bool toInt(const std::string& s, long lo, long hi, long& out) {
 // Options that take a value, each followed by a blank.
 const std::string kValueOptions =
     "--endpoint --fps --seed --points --lines --markers --heartbeat-ms --tracker-model "
-    "--tracker-id --scanner-id --lowpart-version --script --setup --command-log ";
+    "--tracker-id --scanner-id --lowpart-version --script --setup --command-log --export-truth ";
+
+bool isSceneFlag(const std::string& a) {
+    if (a.size() < 3 || a.compare(0, 2, "--") != 0) {
+        return false;
+    }
+    for (const std::string& k : sceneKeys()) {
+        if (a.compare(2, std::string::npos, k) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
 
 }  // namespace
 
@@ -55,6 +79,7 @@ bool parseOptions(int argc, const char* const* argv, ConsoleOptions& out, bool& 
                   std::string& error) {
     help = false;
     out.endpoint = SDK_NV::wire::endpointFromEnvironment();
+    bool pointsGiven = false, linesGiven = false, markersGiven = false;
     for (int i = 1; i < argc; ++i) {
         const std::string a = argv[i];
         auto value = [&](std::string& v) {
@@ -74,6 +99,14 @@ bool parseOptions(int argc, const char* const* argv, ConsoleOptions& out, bool& 
             out.readStdin = false;
         } else if (a == "--verbose") {
             out.verbose = true;
+        } else if (isSceneFlag(a)) {
+            if (i + 1 >= argc) {
+                error = a + " needs a value";
+                return false;
+            }
+            if (!applySceneSetting(out, a.substr(2), argv[++i], error)) {
+                return false;
+            }
         } else if (kValueOptions.find(a + " ") == std::string::npos || a.size() < 3) {
             error = "unknown option " + a;
             return false;
@@ -96,10 +129,13 @@ bool parseOptions(int argc, const char* const* argv, ConsoleOptions& out, bool& 
             out.seed = static_cast<uint32_t>(n);
         } else if (a == "--points" && toInt(v, 0, 5000000, n)) {
             out.laserPoints = static_cast<int>(n);
+            pointsGiven = true;
         } else if (a == "--lines" && toInt(v, 1, 1000, n)) {
             out.laserLines = static_cast<int>(n);
+            linesGiven = true;
         } else if (a == "--markers" && toInt(v, 0, 100000, n)) {
             out.markers = static_cast<int>(n);
+            markersGiven = true;
         } else if (a == "--heartbeat-ms" && toInt(v, 0, 3600000, n)) {
             out.heartbeatMs = static_cast<int>(n);
         } else if (a == "--tracker-model" && toInt(v, 0, 1000, n)) {
@@ -116,10 +152,22 @@ bool parseOptions(int argc, const char* const* argv, ConsoleOptions& out, bool& 
             out.setupLines.push_back(v);
         } else if (a == "--command-log" && !v.empty()) {
             out.commandLogPath = v;
+        } else if (a == "--export-truth" && !v.empty()) {
+            out.exportTruthDir = v;
         } else {
             error = "bad option " + a + " " + v;
             return false;
         }
+    }
+    // The plane source's counts also shape the physical scene when they are given.
+    if (linesGiven) {
+        out.scene.lines = std::min(out.laserLines, 64);
+    }
+    if (pointsGiven) {
+        out.scene.pointsPerLine = std::max(2, out.laserPoints / out.scene.lines);
+    }
+    if (markersGiven) {
+        out.scene.markerCount = std::min(out.markers, 10000);
     }
     return true;
 }

@@ -28,6 +28,16 @@ int main(int argc, char** argv) {
         return 0;
     }
     try {
+        if (!options.exportTruthDir.empty()) {
+            // The truth of the scene these flags describe, without a server.
+            std::unique_ptr<console::FrameSource> source = console::makeFrameSource(options, error);
+            if (!source || !source->exportTruth(options.exportTruthDir, error)) {
+                std::cerr << "lumora_console: " << error << "\n";
+                return 1;
+            }
+            std::cout << "[lumora_console] truth written to " << options.exportTruthDir << "\n";
+            return 0;
+        }
         console::Console c(options);
         if (!c.setupOk()) {
             return 2;

@@ -21,7 +21,8 @@ protected:
     }
 
     virtual std::vector<std::string> args() {
-        return {"--fps", "200", "--heartbeat-ms", "100000", "--points", "300"};
+        // The plane scene: its frames have exactly the requested point and hole counts.
+        return {"--fps", "200", "--heartbeat-ms", "100000", "--points", "300", "--scene", "plane"};
     }
 
     // Waits for the two announcements after the connection came up.

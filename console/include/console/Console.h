@@ -21,6 +21,7 @@
 #include "sdk/Messages.h"
 #include "sdk/Socket.h"
 #include "sdk/Wire.h"
+#include "sim/Scene.h"
 
 namespace sdk_link {
 class Command;
@@ -30,7 +31,7 @@ namespace console {
 
 struct ConsoleOptions {
     SDK_NV::wire::Endpoint endpoint;  // LUMORA_ENDPOINT or the default unless --endpoint
-    double fps = 30.0;                // frames per second while triggered; 0: as fast as possible
+    double fps = 120.0;               // frames per second while triggered; 0: as fast as possible
     uint32_t seed = 1;
     int laserPoints = 2000;  // laser points per frame
     int laserLines = 7;
@@ -45,7 +46,18 @@ struct ConsoleOptions {
     std::string commandLogPath;           // one line per command received (--command-log)
     bool readStdin = true;                // control lines from standard input
     bool verbose = false;                 // one line per command received
+    // The simulated world (console/README.md, "Scene"): "physical" (default) or "plane", the
+    // simple source of earlier versions.
+    std::string sceneKind = "physical";
+    sim::SceneOptions scene;
+    std::string exportTruthDir;  // --export-truth: write the truth files and exit
 };
+
+// Applies one scene setting (the flag name without its dashes, e.g. "laser-noise") to the
+// options; false with a message for an unknown key or a bad value. `sceneKeys()` lists them.
+bool applySceneSetting(ConsoleOptions& options, const std::string& key, const std::string& value,
+                       std::string& error);
+const std::vector<std::string>& sceneKeys();
 
 // Parses the command line; false with a message in `error` on a bad option. `--help` sets
 // `help` and returns true.
@@ -61,6 +73,11 @@ struct ScanState {
     int frameCount = 0;  // frames since the trigger went on
     std::string trackerId;
     const double* trackerMatrix = nullptr;  // 16 doubles
+    std::vector<std::string> triggerIds;    // devices named by the last trigger
+    std::vector<float> markerDiameters;     // by marker id (SetTrackerMarkPointDiameter)
+    bool scanExpand = false;                // SetEnableScanExpand: wider depth of field
+    size_t fineHoles = 0;                   // holes given by setFineHoleData
+    size_t cuttingEdgeBytes = 0;            // size of the last SetCuttingEdgeData
 };
 
 // Builds the scan frames. The simple source here moves the scanner on a slow circle over a
@@ -71,11 +88,19 @@ public:
     FrameSource(const ConsoleOptions& options);
     virtual ~FrameSource() = default;
     virtual void fill(SDK_NV::tagScanData& frame, int frameId, const ScanState& state);
+    // The trackers the source plays, in order (the first is the console's tracker).
+    virtual std::vector<std::string> trackerIds() const { return {m_options.trackerId}; }
+    // Writes the truth files of the scene into DIR; the plane source has none.
+    virtual bool exportTruth(const std::string& dir, std::string& error) const;
 
 protected:
     ConsoleOptions m_options;
     std::mt19937 m_rng;
 };
+
+// The frame source the options ask for (the physical scene unless --scene plane); nullptr
+// with a message when the scene cannot be built (a bad mesh or marker file).
+std::unique_ptr<FrameSource> makeFrameSource(const ConsoleOptions& options, std::string& error);
 
 class Console {
 public:
@@ -177,6 +202,8 @@ private:
     bool controlCalib(const std::vector<std::string>& w, std::string& error);
     bool controlReceipt(const std::vector<std::string>& w, std::string& error);
     bool controlDrop(const std::vector<std::string>& w, std::string& error);
+    bool controlScene(const std::vector<std::string>& w, std::string& error);
+    void addSceneTrackers();
     Device* findDevice(const std::string& id);
     int heartbeatPeriodMs() const;
 
