@@ -313,6 +313,7 @@ emDeviceResult CPathfinder::importCascadeFile(const std::wstring& path) {
     for (const TransformTrackingMatrix& r : all) {
         Scan_TransferMatrix_Update(r.id, r.matrix);
     }
+    m_strCurTrackerId.clear();  // the next frame fetches its tracker's matrix again
     return RESULT_SUCCESS;
 }
 
@@ -368,6 +369,7 @@ std::vector<TransformTrackingMatrix> CPathfinder::transferMatrices() const {
 emDeviceResult CPathfinder::emptyTransferMatrix() {
     std::lock_guard<std::mutex> lock(frameMutex());
     releaseTransferTable();
+    m_strCurTrackerId.clear();  // the next frame fetches its tracker's matrix again
     return RESULT_SUCCESS;
 }
 
