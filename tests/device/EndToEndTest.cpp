@@ -10,6 +10,7 @@
 
 #include "ConsoleProcess.h"
 #include "DeviceTestSupport.h"
+#include "platform/Platform.h"
 #include "sdk/Wire.h"
 #include "sim/Truth.h"
 
@@ -174,6 +175,58 @@ TEST_F(EndToEnd, HoleCentresAndSuperConversionFollowTheTruth) {
     ASSERT_FALSE(raw.empty());
     EXPECT_GT(distance.distance(raw.front()), 10.0);
     ASSERT_EQ(device->startSuperConversionScanObject(false), RESULT_SUCCESS);
+}
+
+// Two chained trackers measured with getTransferMatrix against the true marker set: the
+// matrices match the truth, and scans seen by either tracker land on the part.
+TEST_F(EndToEnd, TwoTrackersMeasuredWithTheReferenceMarkersMatchTheTruth) {
+    platform::setTimeScale(0.2);  // each tracker's poll window: 202 x 20 ms
+    ASSERT_NO_FATAL_FAILURE(start({"--seed", "5", "--trackers", "2"}));
+    tagMarkpointList list;
+    for (const sim::TruthMarker& m : truth.markers) {
+        tagMarkpoint p;
+        p.label = m.id;
+        for (int k = 0; k < 3; ++k) {
+            p.position[k] = static_cast<float>(m.position[k]);
+            p.normal[k] = static_cast<float>(m.normal[k]);
+        }
+        p.value = static_cast<float>(m.diameter);
+        list.points.push_back(p);
+    }
+    ASSERT_EQ(device->setMarkpoint(list, true), RESULT_SUCCESS);
+    ASSERT_EQ(device->setWorkingDevice({"SCN0001", "TRK0001", "TRK0002"}), RESULT_SUCCESS);
+    testing::internal::CaptureStdout();
+    const emDeviceResult r = device->getTransferMatrix();
+    testing::internal::GetCapturedStdout();
+    platform::setTimeScale(0.01);
+    ASSERT_EQ(r, RESULT_SUCCESS);
+    const auto measured = device->transferMatrices();
+    ASSERT_EQ(measured.size(), 2u);
+    for (const TransformTrackingMatrix& m : measured) {
+        const sim::Matrix16& t = truth.transfer.at(m.id);
+        Eigen::Matrix3d B, Bt;
+        for (int i = 0; i < 9; ++i) {
+            B(i / 3, i % 3) = m.matrix[4 * (i / 3) + i % 3];
+            Bt(i / 3, i % 3) = t[static_cast<size_t>(4 * (i / 3) + i % 3)];
+        }
+        const Eigen::Vector3d dT(m.matrix[12] - t[12], m.matrix[13] - t[13], m.matrix[14] - t[14]);
+        const double angle =
+            std::acos(std::min(1.0, ((B * Bt.transpose()).trace() - 1) / 2)) * 180.0 / M_PI;
+        EXPECT_LE(dT.norm(), 0.05) << m.id;
+        EXPECT_LE(angle, 0.005) << m.id;
+    }
+    ASSERT_EQ(device->setScanObject(SCAN_OBJECT_SURFACE, false), RESULT_SUCCESS);
+    sim::MeshDistance distance(truth.part);
+    for (const char* tracker : {"TRK0001", "TRK0002"}) {
+        ASSERT_EQ(device->setWorkingDevice({"SCN0001", tracker}), RESULT_SUCCESS);
+        const auto points = reconstruct(scan(10));
+        ASSERT_GT(points.size(), 1000u) << tracker;
+        double sum2 = 0;
+        for (const auto& p : points) {
+            sum2 += std::pow(distance.distance(p), 2);
+        }
+        EXPECT_LE(std::sqrt(sum2 / static_cast<double>(points.size())), 1.5 * kSigma) << tracker;
+    }
 }
 
 }  // namespace
