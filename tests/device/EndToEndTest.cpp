@@ -8,6 +8,8 @@
 #include <filesystem>
 #include <mutex>
 
+#include <Eigen/Geometry>
+
 #include "ConsoleProcess.h"
 #include "DeviceTestSupport.h"
 #include "platform/Platform.h"
@@ -227,6 +229,58 @@ TEST_F(EndToEnd, TwoTrackersMeasuredWithTheReferenceMarkersMatchTheTruth) {
         }
         EXPECT_LE(std::sqrt(sum2 / static_cast<double>(points.size())), 1.5 * kSigma) << tracker;
     }
+}
+
+// Dynamic marker model building: frames of a marker scan grow the library while the laser is
+// on; the optimised library holds the part's markers (in the tracker's frame, where the frames
+// give them) and the library is empty afterwards.
+TEST_F(EndToEnd, DynamicMarkerModelHoldsThePartsMarkers) {
+    ASSERT_NO_FATAL_FAILURE(start({"--seed", "9"}));
+    ASSERT_EQ(device->setWorkingDevice({"SCN0001", "TRK0001"}), RESULT_SUCCESS);
+    ASSERT_EQ(device->setDynamicTracking(SCAN_OBJECT_MARKPOINT), RESULT_SUCCESS);
+    const auto got = scan(150);
+    size_t withModel = 0;
+    for (const auto& d : got) {
+        withModel += d->markerIds.empty() ? 0 : 1;
+    }
+    EXPECT_GT(withModel, 0u);
+    EXPECT_GT(device->buildModelResult(), 0);
+
+    tagRefMarkpointData model;
+    ASSERT_EQ(device->GetOptimizationMarkpoint(model), RESULT_SUCCESS);
+    ASSERT_GE(model.size(), 10u);
+    const sim::Matrix16& m = truth.transfer.at("TRK0001");
+    std::vector<Eigen::Vector3d> trueK;
+    for (const sim::TruthMarker& t : truth.markers) {
+        trueK.push_back(sim::applyTransfer(m, t.position));
+    }
+    // Pair each model marker with its nearest true marker, then compare after the best rigid
+    // fit: a marker model is defined up to the frame it is built in.
+    Eigen::Matrix3Xd src(3, static_cast<Eigen::Index>(model.size()));
+    Eigen::Matrix3Xd dst(3, static_cast<Eigen::Index>(model.size()));
+    for (size_t i = 0; i < model.size(); ++i) {
+        const Eigen::Vector3d p(model.positions[3 * i], model.positions[3 * i + 1],
+                                model.positions[3 * i + 2]);
+        size_t best = 0;
+        for (size_t k = 1; k < trueK.size(); ++k) {
+            if ((p - trueK[k]).squaredNorm() < (p - trueK[best]).squaredNorm()) {
+                best = k;
+            }
+        }
+        ASSERT_LE((p - trueK[best]).norm(), 0.1) << "model marker " << i;
+        src.col(static_cast<Eigen::Index>(i)) = p;
+        dst.col(static_cast<Eigen::Index>(i)) = trueK[best];
+    }
+    const Eigen::Matrix4d fit = Eigen::umeyama(src, dst, false);
+    const Eigen::Matrix3Xd moved =
+        (fit.topLeftCorner<3, 3>() * src).colwise() + fit.topRightCorner<3, 1>();
+    const double sum2 = (moved - dst).colwise().squaredNorm().sum();
+    // Marker noise 0.005 mm per coordinate; the model is at least as good as one observation
+    // (1.3 sigma over the square root of at least one observation per marker).
+    EXPECT_LE(std::sqrt(sum2 / static_cast<double>(model.size())), 1.3 * 0.005 * std::sqrt(3.0));
+    tagRefMarkpointData again;
+    EXPECT_EQ(device->GetOptimizationMarkpoint(again), RESULT_FAILED);  // emptied by the fetch
+    EXPECT_TRUE(again.empty());
 }
 
 }  // namespace
