@@ -434,7 +434,9 @@ emDeviceResult CPathfinder::getTransferMatrix() {
                 break;
             }
         }
-        m_nTransferHandshake.store(0);
+        // Frames still on their way from this tracker are swallowed (frame done: not measured,
+        // not delivered) until the whole measurement has switched the trigger off.
+        m_nTransferHandshake.store(kTransferWaiting | kTransferFrameDone);
         m_pScanWrapper->setTrigger(false, {});
     }
 
@@ -442,6 +444,7 @@ emDeviceResult CPathfinder::getTransferMatrix() {
     m_pScanWrapper->setTrigger(false, {});
     const int business = m_nWorkBusiness == 3 ? 11 : (m_nWorkBusiness == 4 ? 22 : 2);
     m_pScanWrapper->setWorkBusiness(business);
+    m_nTransferHandshake.store(0);
     {
         std::lock_guard<std::mutex> lock(frameMutex());
         m_strCurTrackerId.clear();
