@@ -187,10 +187,7 @@ emDeviceResult CPathfinder::emptyCache() {
         m_pScanWrapper->clearMarkpointData(SDK_NV::DEVICE_TRACKER);
     }
     m_vecWorkingDevices.clear();
-    for (auto& entry : m_mapTransferMatrix) {
-        delete[] entry.second;
-    }
-    m_mapTransferMatrix.clear();
+    CPathfinder::emptyTransferMatrix();
     if (m_pMarkpoint != nullptr) {
         m_pMarkpoint->clearLibrary();
     }

@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <mutex>
 #include <regex>
 
 #include "ConsoleProcess.h"
@@ -846,3 +847,53 @@ TEST_F(WithConsole, CalibrationFilesOfEveryMode) {
 }
 
 }  // namespace
+
+// --- scan frames --------------------------------------------------------------------------------
+
+// Every frame of a marker scan reaches the host once, with the acquisition code of a marker
+// acquisition and the percentage jumping from 0 to 100 at the 15th frame of the trigger.
+TEST_F(WithConsole, ScanFramesCarryPercentageAcquisitionCodeAndValidMarkers) {
+    ASSERT_NO_FATAL_FAILURE(connect({"--fps", "200"}));
+    std::mutex mutex;
+    std::vector<std::shared_ptr<tagDeviceData>> frames;
+    tagDeviceHandlers h = device->getHandlers();
+    h.onDeviceData = [&](const std::shared_ptr<tagDeviceData>& d, const char*, int) {
+        std::lock_guard<std::mutex> lock(mutex);
+        frames.push_back(d);
+    };
+    device->setHandlers(h);
+    const auto delivered = [&] {
+        std::lock_guard<std::mutex> lock(mutex);
+        return frames;
+    };
+    ASSERT_EQ(device->setWorkingDevice({"SCN0001", "TRK0001"}), RESULT_SUCCESS);
+    ASSERT_EQ(device->setScanObject(SCAN_OBJECT_MARKPOINT, false), RESULT_SUCCESS);
+    ASSERT_EQ(device->controlLaserOn(), RESULT_SUCCESS);
+    ASSERT_TRUE(waitFor([&] { return delivered().size() >= 20; }));
+    ASSERT_EQ(device->controlLaserOff(), RESULT_SUCCESS);
+    sync();
+    const auto got = delivered();
+    const int first = got.front()->frameId;
+    for (size_t i = 0; i < got.size(); ++i) {
+        const tagDeviceData& d = *got[i];
+        EXPECT_EQ(d.frameId, first + static_cast<int>(i));  // none lost, none twice
+        EXPECT_EQ(d.percentage, d.frameId - first + 1 >= 15 ? 100 : 0) << i;
+        EXPECT_EQ(d.acquisitionCode, 2);
+        EXPECT_FALSE(d.markerIds.empty());
+        EXPECT_EQ(d.markerPoints.size(), 3 * d.markerIds.size());
+        EXPECT_EQ(d.markerDiameters.size(), d.markerIds.size());
+    }
+
+    // A transfer measurement consumes every frame of the tracker it measures: without a
+    // reference set nothing registers, the poll runs out, and the host sees no frame.
+    const size_t before = delivered().size();
+    testing::internal::CaptureStdout();
+    const emDeviceResult r = device->getTransferMatrix();
+    const std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_TRUE(r == RESULT_SUCCESS || r == RESULT_FAILED) << r;
+    EXPECT_NE(out.find("Tracker ID:TRK0001\n"), std::string::npos) << out;
+    sync();
+    EXPECT_EQ(delivered().size(), before);
+    EXPECT_NE(count(logged(), "setTrigger true [TRK0001]"), 0);
+    EXPECT_TRUE(device->transferMatrices().empty());
+}

@@ -11,13 +11,11 @@
 // and polls flags that the receiving thread writes (all of them std::atomic), with sleeps that
 // honour the process-wide time scale (platform::sleepMs).
 //
-// Not implemented yet (they come with the scan pipeline): the scan-frame handler
-// CallBack_ScanData drops every frame (no callDeviceData is made), and the transfer-matrix,
-// cascade, hole, edge, scan-option and marker operations (getTransferMatrix,
-// emptyTransferMatrix, setSuperConversionScanMatrix, importCascadeFile, setFineHoleData,
-// setCuttingEdgeData, SetEnableScanExpand, SetTrackerMarkPointDiameter, setMarkpoint,
-// setMarkpointRadius, setMarkpointDiameter, GetOptimizationMarkpoint) answer
-// RESULT_NOT_SUPPORTED (2) without sending anything.
+// Scan frames: CallBack_ScanData turns every frame into one tagDeviceData with the scanner pose
+// in the frame the scan mode chose (the frame tracker's transfer matrix, the super conversion
+// matrix or the dynamic reference) and hands it to the host; while getTransferMatrix measures
+// a tracker, frames feed that measurement and are not delivered. Matrix layout and readings:
+// device/README.md ("Transfer matrices").
 //
 // Failures are results (emDeviceResult); no exception leaves the object.
 #pragma once
@@ -38,6 +36,8 @@ struct tagWorkRespons;
 struct tagHeartData;
 struct tagLowPartConfig;
 struct tagPripladDeviceData;
+struct tagScanData;
+struct tagHoleData;
 }  // namespace SDK_NV
 
 namespace lumora {
@@ -77,6 +77,16 @@ std::wstring getAnnexPath();
 // The module's version "major.minor.patch.tweak" from the build (cached; valid for the life of
 // the module).
 const char* getTrackVersion();
+
+// One time-stamped line on standard output: "[Y-m-d H:M:S] <ms since 1970> <msg>", written
+// only while the console-log switch is on (off by default).
+void TWStdout(const std::string& msg);
+void setConsoleLog(bool on);
+bool getConsoleLog();
+
+// The process-wide reference marker set: the last set setMarkpoint was told to make the
+// reference (a copy; empty before).
+tagRefMarkpointData getReferenceMarkpoints();
 
 // ---------------------------------------------------------------------------------------------
 // The device object
@@ -137,7 +147,7 @@ public:
     emDeviceResult getLowpartVersion() override;
     emDeviceResult getDeviceTemperature() override;
 
-    // --- transfer matrices, holes, edges, scan options, markers (not implemented yet: 2) -----
+    // --- transfer matrices, holes, edges, scan options, markers ------------------------------
     emDeviceResult getTransferMatrix() override;
     emDeviceResult emptyTransferMatrix() override;
     emDeviceResult setSuperConversionScanMatrix(const std::vector<double>& matrix) override;
@@ -178,6 +188,13 @@ public:
     bool isPripladBusy() const { return m_bPripladBusy.load(); }
     int grabResult() const { return m_nGrabResult.load(); }
     std::vector<std::string> workingDevices() const;
+    // The transfer-matrix table as cascade records, ordered by tracker identifier (what
+    // writeCascadeFile saves).
+    std::vector<TransformTrackingMatrix> transferMatrices() const;
+    // Build-model counters of the last frame (marker counts before/after, last result).
+    int markerCountBefore() const { return m_nMarkerCountBefore.load(); }
+    int markerCountAfter() const { return m_nMarkerCountAfter.load(); }
+    int buildModelResult() const { return m_nBuildModelResult.load(); }
 
     // Scan-mode members, read by the scan-frame handler.
     struct ScanMode {
@@ -207,18 +224,49 @@ protected:
     void CallBack_CameraImage(void* imageList);
     // `calibDataMessage` is an SDK_NV::CMessage_CalibData.
     void CallBack_Calibrate(void* calibDataMessage);
-    // `pScanData` is an SDK_NV::tagScanData. Not implemented yet: the frame is dropped.
+    // `pScanData` is an SDK_NV::tagScanData: one frame, turned into one tagDeviceData for
+    // the host (or consumed by a waiting transfer measurement).
     void CallBack_ScanData(void* pScanData, bool bFlag);
 
-    // Tells the SDK the transform of every tracker it knows. Every tracker gets the identity
-    // (the transfer-matrix table is not filled by anything yet; the per-tracker matrices for
-    // bIdentity false come with the scan pipeline).
+    // Tells the SDK the transform of every tracker it knows: the identity for each, or with
+    // bIdentity false and a non-empty table the reverse of each tracker's stored matrix.
     void SendMatrix(bool bIdentity);
+
+    // Re-expresses a whole frame (laser points and directions, marker centres and directions)
+    // in the super conversion frame; nothing without super conversion or its matrix.
+    void ScanInThreePointTrack(SDK_NV::tagScanData& frame);
 
     // The SDK wrapper (null only if it could not be created).
     SDK_NV::CTPScanWrapper* scanWrapper() const { return m_pScanWrapper; }
 
 private:
+    friend struct CPathfinderScanAccess;  // white-box access for the unit tests
+
+    // --- matrix and point routines (ScanMath.cpp); layouts in device/README.md ------------
+    static void getReverseTransferMatrix(double* const in, double* const out, bool bTranspose,
+                                         bool bRowTranslate);
+    static void getTransposeRotateMatrix(double* const in, double* const out);
+    static void getTransfromRT(const double* const M, const double (*Rin)[3],
+                               const double* const tin, double (*Rout)[3], double* const tout);
+    static void TransformScanData_Laser(std::vector<float>& pts, const double* const M,
+                                        bool bColumn);
+    static void TransformScanData_MarkPoint(std::vector<double>& pts, const double* const M,
+                                            bool bColumn);
+    // Converts the frame's holes (state below 201 only) into host records; with `transform`
+    // centres and rim points are mapped as row-vector points by M, directions by its block,
+    // and the pose buffer (rotation 9, translation 3) is rewritten as pose * M.
+    static void TransformScanData_Hole(const std::vector<SDK_NV::tagHoleData>& holes,
+                                       double* const pose, const bool& transform, const double* M,
+                                       std::vector<tagScanHoleData>& out);
+
+    // --- transfer-matrix table (callers hold the frame mutex or run before any frame) ------
+    void Scan_TransferMatrix_Get(const std::string& id, double* const M, double* const Rev);
+    void Scan_TransferMatrix_Update(const std::string& id, const double* const M);
+    void releaseTransferTable();
+    // One real-time model step of the marker library with the frame's markers.
+    int ReadltimeBuildModel(SDK_NV::tagScanData& frame, tagRefMarkpointData& result,
+                            tagRefMarkpointData& work, bool unused);
+
     // Sends setTrigger(false, {}) so that the laser stops before a mode changes.
     void triggerOff();
     // Scan-object selection shared by setScanObject and setDynamicTracking.
@@ -262,6 +310,34 @@ private:
     std::atomic<bool> m_bSuperConversion{false};
     std::atomic<bool> m_bTrackScanner{false};
     std::atomic<bool> m_bTrackMarkpoint{false};
+
+    // Scan pipeline. The table, the current tracker and its matrices, the super conversion
+    // matrix and the diameter table are guarded by the module's frame mutex (the frame
+    // handler holds it for a whole frame; host operations take it for their update).
+    std::string m_strCurTrackerId;
+    double m_dCurTransferMatrix[16] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
+    double m_dCurReverseMatrix[16] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
+    std::vector<double> m_vecSuperConversionMatrix;
+    std::vector<float> m_vecMarkerDiameter;  // by reference marker identifier
+    // Transfer measurement handshake: waiting in the low byte, frame done in the high byte,
+    // both written in one store by the measuring thread.
+    std::atomic<uint16_t> m_nTransferHandshake{0};
+    std::atomic<bool> m_bTransferOk{false};
+    std::atomic<int32_t> m_nTransferResult{0};
+    std::atomic<int32_t> m_nTransferStatus{0};
+    std::atomic<int32_t> m_nLastTrackResult{0};
+    // Frame counters.
+    std::atomic<int32_t> m_nFrameHoleCount{0};
+    std::atomic<int32_t> m_nMarkerCountBefore{0};
+    std::atomic<int32_t> m_nMarkerCountAfter{0};
+    std::atomic<int32_t> m_nBuildModelResult{0};
+    // Reference set of the dynamic model build and its result (frame thread only).
+    tagRefMarkpointData m_refMarkpointWork;
+    tagRefMarkpointData m_refMarkpointResult;
+    // Last set given to setMarkpoint (host thread only).
+    std::vector<float> m_vecMarkPositions;
+    std::vector<float> m_vecMarkNormals;
+    std::vector<float> m_vecMarkValues;
 };
 
 }  // namespace device

@@ -1,0 +1,286 @@
+// End to end, host side only: the module loaded, a console playing the physical scene, the
+// delivered poses followed, and the result measured against the console's truth files.
+#include <gtest/gtest.h>
+
+#include <stdlib.h>
+
+#include <cmath>
+#include <filesystem>
+#include <mutex>
+
+#include <Eigen/Geometry>
+
+#include "ConsoleProcess.h"
+#include "DeviceTestSupport.h"
+#include "platform/Platform.h"
+#include "sdk/Wire.h"
+#include "sim/Truth.h"
+
+namespace {
+
+using namespace device;
+using devtest::waitFor;
+
+// Noise of the default scene: laser 0.02 mm per coordinate, pose 0.01 mm and 0.001 degrees
+// per axis (the rotation at the 450 mm far end of the depth of field).
+const double kSigma =
+    std::sqrt(0.02 * 0.02 + 0.01 * 0.01 + std::pow(0.001 * M_PI / 180.0 * 450.0, 2));
+
+class EndToEnd : public ::testing::Test {
+protected:
+    void SetUp() override {
+        annex = devtest::makeTempAnnex();
+        truthDir = annex + "/truth";
+    }
+    void TearDown() override {
+        device.reset();
+        console.reset();
+        std::filesystem::remove_all(annex);
+    }
+
+    // Exports the truth of the scene, then starts a console playing it and connects.
+    void start(const std::vector<std::string>& scene) {
+        std::string cmd = std::string(LUMORA_CONSOLE_PATH) + " --export-truth " + truthDir;
+        for (const std::string& s : scene) {
+            cmd += " " + s;
+        }
+        ASSERT_EQ(std::system((cmd + " > /dev/null").c_str()), 0) << cmd;
+        std::string error;
+        ASSERT_TRUE(sim::loadTruth(truthDir, truth, &error)) << error;
+        std::vector<std::string> args = {"--heartbeat-ms", "0", "--fps", "200"};
+        args.insert(args.end(), scene.begin(), scene.end());
+        console = std::make_unique<sdktest::ConsoleProcess>();
+        ASSERT_TRUE(console->start(args, 0));
+        ::setenv(SDK_NV::wire::kEndpointEnv, console->endpoint().c_str(), 1);
+        device = std::make_unique<devtest::TestDevice>(std::make_shared<devtest::Recorder>());
+        tagDeviceHandlers h = device->getHandlers();
+        h.onDeviceData = [this](const std::shared_ptr<tagDeviceData>& d, const char*, int) {
+            std::lock_guard<std::mutex> lock(mutex);
+            frames.push_back(d);
+        };
+        device->setHandlers(h);
+        ASSERT_EQ(device->init(), RESULT_SUCCESS);
+    }
+    // Scans until `n` frames arrived; returns them.
+    std::vector<std::shared_ptr<tagDeviceData>> scan(size_t n) {
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            frames.clear();
+        }
+        EXPECT_EQ(device->controlLaserOn(), RESULT_SUCCESS);
+        EXPECT_TRUE(waitFor(
+            [&] {
+                std::lock_guard<std::mutex> lock(mutex);
+                return frames.size() >= n;
+            },
+            20000));
+        EXPECT_EQ(device->controlLaserOff(), RESULT_SUCCESS);
+        std::lock_guard<std::mutex> lock(mutex);
+        return frames;
+    }
+    std::wstring wide(const std::string& s) const { return std::wstring(s.begin(), s.end()); }
+
+    // Laser points of the frames mapped by their delivered poses (row vectors).
+    static std::vector<Eigen::Vector3d> reconstruct(
+        const std::vector<std::shared_ptr<tagDeviceData>>& got) {
+        std::vector<Eigen::Vector3d> out;
+        for (const auto& d : got) {
+            const auto& p = d->laserPoints;
+            for (size_t i = 0; i + 2 < p.size(); i += 3) {
+                Eigen::Vector3d q;
+                for (int c = 0; c < 3; ++c) {
+                    q[c] = p[i] * d->rotation[c] + p[i + 1] * d->rotation[3 + c] +
+                           p[i + 2] * d->rotation[6 + c] + d->translation[c];
+                }
+                out.push_back(q);
+            }
+        }
+        return out;
+    }
+
+    std::string annex, truthDir;
+    sim::Truth truth;
+    std::unique_ptr<sdktest::ConsoleProcess> console;
+    std::unique_ptr<devtest::TestDevice> device;
+    std::mutex mutex;
+    std::vector<std::shared_ptr<tagDeviceData>> frames;
+};
+
+TEST_F(EndToEnd, OneTrackerWithTheTrueCascadePutsTheLaserPointsOnThePart) {
+    ASSERT_NO_FATAL_FAILURE(start({"--seed", "7"}));
+    ASSERT_EQ(device->importCascadeFile(wide(truthDir + "/cascade.bin")), RESULT_SUCCESS);
+    ASSERT_EQ(device->setWorkingDevice({"SCN0001", "TRK0001"}), RESULT_SUCCESS);
+    ASSERT_EQ(device->setScanObject(SCAN_OBJECT_SURFACE, false), RESULT_SUCCESS);
+    const auto got = scan(30);
+    const auto points = reconstruct(got);
+    ASSERT_GT(points.size(), 10000u);
+    sim::MeshDistance distance(truth.part);
+    size_t within = 0;
+    double sum2 = 0;
+    for (const auto& p : points) {
+        const double d = distance.distance(p);
+        sum2 += d * d;
+        within += d <= 3 * kSigma ? 1 : 0;
+    }
+    const double rms = std::sqrt(sum2 / static_cast<double>(points.size()));
+    EXPECT_LE(rms, 1.2 * kSigma) << "sigma " << kSigma;
+    EXPECT_GE(static_cast<double>(within) / static_cast<double>(points.size()), 0.99);
+    // Without the table the same frames stay in the tracker's frame, far from the part.
+    EXPECT_EQ(device->emptyTransferMatrix(), RESULT_SUCCESS);
+    const auto raw = reconstruct(scan(3));
+    ASSERT_FALSE(raw.empty());
+    EXPECT_GT(distance.distance(raw.front()), 10.0);
+}
+
+TEST_F(EndToEnd, HoleCentresAndSuperConversionFollowTheTruth) {
+    ASSERT_NO_FATAL_FAILURE(start({"--seed", "3"}));
+    ASSERT_FALSE(truth.holes.empty());
+    ASSERT_EQ(device->importCascadeFile(wide(truthDir + "/cascade.bin")), RESULT_SUCCESS);
+    ASSERT_EQ(device->setWorkingDevice({"SCN0001", "TRK0001"}), RESULT_SUCCESS);
+    ASSERT_EQ(device->setScanObject(SCAN_OBJECT_METAL_HOLE, false), RESULT_SUCCESS);
+    const auto got = scan(200);
+    size_t holes = 0;
+    for (const auto& d : got) {
+        EXPECT_EQ(d->poseMode, 3);
+        for (const tagScanHoleData& h : d->scanHoles) {
+            const Eigen::Vector3d c(h.center[0], h.center[1], h.center[2]);
+            double best = 1e9;
+            for (const sim::TruthHole& t : truth.holes) {
+                best = std::min(best, (c - t.centre).norm());
+            }
+            EXPECT_LE(best, 3 * kSigma) << "hole at " << c.transpose();
+            ++holes;
+        }
+    }
+    EXPECT_GT(holes, 0u);
+
+    // Super conversion with an empty table: the supplied matrix alone re-expresses the pose.
+    // Given the tracker's true matrix, the laser points land on the part; given the identity,
+    // they stay in the tracker's frame.
+    ASSERT_EQ(device->emptyTransferMatrix(), RESULT_SUCCESS);
+    ASSERT_EQ(device->setScanObject(SCAN_OBJECT_SURFACE, false), RESULT_SUCCESS);
+    const sim::Matrix16& m = truth.transfer.at("TRK0001");
+    ASSERT_EQ(device->setSuperConversionScanMatrix(std::vector<double>(m.begin(), m.end())),
+              RESULT_SUCCESS);
+    ASSERT_EQ(device->startSuperConversionScanObject(true), RESULT_SUCCESS);
+    const auto conv = reconstruct(scan(10));
+    ASSERT_GT(conv.size(), 1000u);
+    sim::MeshDistance distance(truth.part);
+    double sum2 = 0;
+    for (const auto& p : conv) {
+        sum2 += std::pow(distance.distance(p), 2);
+    }
+    EXPECT_LE(std::sqrt(sum2 / static_cast<double>(conv.size())), 1.2 * kSigma);
+    const std::vector<double> identity = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
+    ASSERT_EQ(device->setSuperConversionScanMatrix(identity), RESULT_SUCCESS);
+    const auto raw = reconstruct(scan(3));
+    ASSERT_FALSE(raw.empty());
+    EXPECT_GT(distance.distance(raw.front()), 10.0);
+    ASSERT_EQ(device->startSuperConversionScanObject(false), RESULT_SUCCESS);
+}
+
+// Two chained trackers measured with getTransferMatrix against the true marker set: the
+// matrices match the truth, and scans seen by either tracker land on the part.
+TEST_F(EndToEnd, TwoTrackersMeasuredWithTheReferenceMarkersMatchTheTruth) {
+    platform::setTimeScale(0.2);  // each tracker's poll window: 202 x 20 ms
+    ASSERT_NO_FATAL_FAILURE(start({"--seed", "5", "--trackers", "2"}));
+    tagMarkpointList list;
+    for (const sim::TruthMarker& m : truth.markers) {
+        tagMarkpoint p;
+        p.label = m.id;
+        for (int k = 0; k < 3; ++k) {
+            p.position[k] = static_cast<float>(m.position[k]);
+            p.normal[k] = static_cast<float>(m.normal[k]);
+        }
+        p.value = static_cast<float>(m.diameter);
+        list.points.push_back(p);
+    }
+    ASSERT_EQ(device->setMarkpoint(list, true), RESULT_SUCCESS);
+    ASSERT_EQ(device->setWorkingDevice({"SCN0001", "TRK0001", "TRK0002"}), RESULT_SUCCESS);
+    testing::internal::CaptureStdout();
+    const emDeviceResult r = device->getTransferMatrix();
+    testing::internal::GetCapturedStdout();
+    platform::setTimeScale(0.01);
+    ASSERT_EQ(r, RESULT_SUCCESS);
+    const auto measured = device->transferMatrices();
+    ASSERT_EQ(measured.size(), 2u);
+    for (const TransformTrackingMatrix& m : measured) {
+        const sim::Matrix16& t = truth.transfer.at(m.id);
+        Eigen::Matrix3d B, Bt;
+        for (int i = 0; i < 9; ++i) {
+            B(i / 3, i % 3) = m.matrix[4 * (i / 3) + i % 3];
+            Bt(i / 3, i % 3) = t[static_cast<size_t>(4 * (i / 3) + i % 3)];
+        }
+        const Eigen::Vector3d dT(m.matrix[12] - t[12], m.matrix[13] - t[13], m.matrix[14] - t[14]);
+        const double angle =
+            std::acos(std::min(1.0, ((B * Bt.transpose()).trace() - 1) / 2)) * 180.0 / M_PI;
+        EXPECT_LE(dT.norm(), 0.05) << m.id;
+        EXPECT_LE(angle, 0.005) << m.id;
+    }
+    ASSERT_EQ(device->setScanObject(SCAN_OBJECT_SURFACE, false), RESULT_SUCCESS);
+    sim::MeshDistance distance(truth.part);
+    for (const char* tracker : {"TRK0001", "TRK0002"}) {
+        ASSERT_EQ(device->setWorkingDevice({"SCN0001", tracker}), RESULT_SUCCESS);
+        const auto points = reconstruct(scan(10));
+        ASSERT_GT(points.size(), 1000u) << tracker;
+        double sum2 = 0;
+        for (const auto& p : points) {
+            sum2 += std::pow(distance.distance(p), 2);
+        }
+        EXPECT_LE(std::sqrt(sum2 / static_cast<double>(points.size())), 1.5 * kSigma) << tracker;
+    }
+}
+
+// Dynamic marker model building: frames of a marker scan grow the library while the laser is
+// on; the optimised library holds the part's markers (in the tracker's frame, where the frames
+// give them) and the library is empty afterwards.
+TEST_F(EndToEnd, DynamicMarkerModelHoldsThePartsMarkers) {
+    ASSERT_NO_FATAL_FAILURE(start({"--seed", "9"}));
+    ASSERT_EQ(device->setWorkingDevice({"SCN0001", "TRK0001"}), RESULT_SUCCESS);
+    ASSERT_EQ(device->setDynamicTracking(SCAN_OBJECT_MARKPOINT), RESULT_SUCCESS);
+    const auto got = scan(150);
+    size_t withModel = 0;
+    for (const auto& d : got) {
+        withModel += d->markerIds.empty() ? 0 : 1;
+    }
+    EXPECT_GT(withModel, 0u);
+    EXPECT_GT(device->buildModelResult(), 0);
+
+    tagRefMarkpointData model;
+    ASSERT_EQ(device->GetOptimizationMarkpoint(model), RESULT_SUCCESS);
+    ASSERT_GE(model.size(), 10u);
+    const sim::Matrix16& m = truth.transfer.at("TRK0001");
+    std::vector<Eigen::Vector3d> trueK;
+    for (const sim::TruthMarker& t : truth.markers) {
+        trueK.push_back(sim::applyTransfer(m, t.position));
+    }
+    // Pair each model marker with its nearest true marker, then compare after the best rigid
+    // fit: a marker model is defined up to the frame it is built in.
+    Eigen::Matrix3Xd src(3, static_cast<Eigen::Index>(model.size()));
+    Eigen::Matrix3Xd dst(3, static_cast<Eigen::Index>(model.size()));
+    for (size_t i = 0; i < model.size(); ++i) {
+        const Eigen::Vector3d p(model.positions[3 * i], model.positions[3 * i + 1],
+                                model.positions[3 * i + 2]);
+        size_t best = 0;
+        for (size_t k = 1; k < trueK.size(); ++k) {
+            if ((p - trueK[k]).squaredNorm() < (p - trueK[best]).squaredNorm()) {
+                best = k;
+            }
+        }
+        ASSERT_LE((p - trueK[best]).norm(), 0.1) << "model marker " << i;
+        src.col(static_cast<Eigen::Index>(i)) = p;
+        dst.col(static_cast<Eigen::Index>(i)) = trueK[best];
+    }
+    const Eigen::Matrix4d fit = Eigen::umeyama(src, dst, false);
+    const Eigen::Matrix3Xd moved =
+        (fit.topLeftCorner<3, 3>() * src).colwise() + fit.topRightCorner<3, 1>();
+    const double sum2 = (moved - dst).colwise().squaredNorm().sum();
+    // Marker noise 0.005 mm per coordinate; the model is at least as good as one observation
+    // (1.3 sigma over the square root of at least one observation per marker).
+    EXPECT_LE(std::sqrt(sum2 / static_cast<double>(model.size())), 1.3 * 0.005 * std::sqrt(3.0));
+    tagRefMarkpointData again;
+    EXPECT_EQ(device->GetOptimizationMarkpoint(again), RESULT_FAILED);  // emptied by the fetch
+    EXPECT_TRUE(again.empty());
+}
+
+}  // namespace
