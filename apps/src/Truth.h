@@ -1,0 +1,38 @@
+// The truth of a simulated scene, as the console exports it (`lumora_console --export-truth
+// DIR`): the part's surface, the reference markers and the true transfer matrices.
+#pragma once
+
+#include <Eigen/Core>
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "CascadeFile.h"
+
+namespace pfapp {
+
+struct Truth {
+    std::string folder;
+    // Distance of a point of the reference frame to the true part (millimetres); empty when
+    // the part could not be read.
+    std::function<double(const Eigen::Vector3d&)> distance;
+    std::map<int32_t, Eigen::Vector3d> markers;
+    std::vector<CascadeEntry> matrices;
+    double noiseSigmaMm = 0.0;  // the laser noise of the scene (0: unknown)
+};
+
+// Runs `console --export-truth DIR sceneArgs...` and loads what it wrote. Empty (with one
+// line on standard output) when the console exports no truth.
+std::optional<Truth> exportTruth(const std::string& consoleProgram,
+                                 const std::vector<std::string>& sceneArgs, const std::string& dir);
+
+// Loads the truth files of `dir`; empty with `error` when they are missing or unreadable.
+std::optional<Truth> loadTruthFolder(const std::string& dir, std::string& error);
+
+// markers.txt of the truth (id x y z nx ny nz diameter per line; '#' lines are notes).
+bool readMarkerTable(const std::string& path, std::map<int32_t, Eigen::Vector3d>& markers,
+                     std::string& error);
+
+}  // namespace pfapp
