@@ -83,7 +83,8 @@ std::optional<Truth> exportTruth(const std::string& consoleProgram,
     child.stop();
     std::optional<Truth> truth = loadTruthFolder(dir, error);
     if (!truth) {
-        std::printf("truth: this console exports none (%s); no accuracy figures\n", error.c_str());
+        std::printf("truth: this console exports none; no accuracy figures\n");
+        fs::remove_all(dir, ec);
     }
     return truth;
 }
