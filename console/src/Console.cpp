@@ -9,6 +9,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "Faults.h"
 #include "Internal.h"
 #include "console/Console.h"
 #include "platform/Platform.h"
@@ -209,7 +210,8 @@ Console::Console(const ConsoleOptions& options)
     : m_options(options),
       m_source(std::make_unique<FrameSource>(options)),
       m_rng(options.seed),
-      m_decoder(std::make_unique<wire::FrameDecoder>()) {
+      m_decoder(std::make_unique<wire::FrameDecoder>()),
+      m_faults(std::make_unique<Faults>(options.seed)) {
     Device tracker;
     tracker.id = options.trackerId;
     tracker.type = DEVICE_TRACKER;
@@ -250,6 +252,14 @@ Console::Console(const ConsoleOptions& options)
         m_commandLog = std::fopen(options.commandLogPath.c_str(), "a");
         if (m_commandLog == nullptr) {
             say("cannot open the command log " + options.commandLogPath);
+        }
+    }
+    if (!options.record.recordPath.empty()) {
+        m_recording = std::make_unique<rec::Writer>();
+        std::string error;
+        if (!m_recording->open(options.record.recordPath, error)) {
+            say("record: " + error);
+            m_setupOk = false;
         }
     }
     for (const std::string& line : options.setupLines) {
@@ -311,13 +321,14 @@ int Console::pollTimeoutMs() const {
     if (m_relistenAtMs >= 0) {
         next = std::min(next, m_relistenAtMs);
     }
-    if (m_client != net::kInvalidSocket) {
+    next = std::min(next, nextFaultTimerMs());
+    if (m_client != net::kInvalidSocket && m_scriptStarted && !m_script.empty()) {
+        next = std::min(next, m_scriptResumeMs);
+    }
+    if (m_client != net::kInvalidSocket && !silent()) {
         next = std::min(next, m_nextHeartbeatMs);
         if (m_triggered) {
             next = std::min(next, m_nextFrameMs);
-        }
-        if (m_scriptStarted && !m_script.empty()) {
-            next = std::min(next, m_scriptResumeMs);
         }
         for (const DelayedCommand& d : m_delayed) {
             next = std::min(next, d.dueMs);
@@ -337,11 +348,13 @@ int Console::run() {
         if (stdinIndex >= 0) {
             fds[n++] = {STDIN_FILENO, POLLIN, 0};
         }
-        const int listenIndex = m_listener != net::kInvalidSocket ? n : -1;
+        // A silent console reads nothing: neither its client nor new connections.
+        const bool quiet = silent();
+        const int listenIndex = m_listener != net::kInvalidSocket && !quiet ? n : -1;
         if (listenIndex >= 0) {
             fds[n++] = {m_listener, POLLIN, 0};
         }
-        const int clientIndex = m_client != net::kInvalidSocket ? n : -1;
+        const int clientIndex = m_client != net::kInvalidSocket && !quiet ? n : -1;
         if (clientIndex >= 0) {
             fds[n++] = {m_client, POLLIN, 0};
         }
@@ -377,6 +390,7 @@ int Console::run() {
         if (m_listener == net::kInvalidSocket && m_relistenAtMs >= 0 && nowMs() >= m_relistenAtMs) {
             reopenListener();
         }
+        runFaultTimers();
         runTimers();
     }
     say("quit after " + std::to_string(m_commandsHandled) + " commands");
@@ -388,6 +402,9 @@ void Console::runTimers() {
         return;
     }
     runScript();
+    if (silent()) {
+        return;  // no heartbeats, frames or answers while silent
+    }
     const int64_t now = nowMs();
     for (size_t i = 0; i < m_delayed.size() && m_client != net::kInvalidSocket;) {
         if (m_delayed[i].dueMs <= now) {
@@ -459,6 +476,7 @@ void Console::acceptClient() {
     m_sendSequence = 0;
     m_triggered = false;
     m_heartbeatOverrideMs = 0;
+    record(rec::Connected);
     say("client connected");
     announce();
     const int period = heartbeatPeriodMs();
@@ -477,6 +495,8 @@ void Console::dropClient(const char* why) {
     net::closeSocket(m_client);
     m_triggered = false;
     m_delayed.clear();  // commands of the old connection are not answered on a new one
+    m_faults->held.clear();
+    record(rec::Disconnected);
     say(std::string("client dropped: ") + why);
 }
 
@@ -507,6 +527,7 @@ void Console::readClient() {
 }
 
 void Console::onFrame(const wire::Frame& frame) {
+    record(rec::Received, frame.raw, frame.rawSize);
     if (frame.type != static_cast<uint32_t>(wire::kCommandType)) {
         say("ignoring frame of type " + std::to_string(frame.type) + " from client");
         return;
@@ -536,14 +557,7 @@ bool Console::sendMessage(CMessage_Base& message, const std::vector<std::string>
         say("cannot pack a message of type " + std::to_string(message.getType()));
         return false;
     }
-    std::string head;
-    if (!wire::encodeFrameHead(static_cast<uint32_t>(message.getType()), message.getID(), ids,
-                               ++m_sendSequence, wire::monotonicNs(), body.size(), head) ||
-        !net::sendAll(m_client, head.data(), head.size(), body.data(), body.size())) {
-        dropClient("write failed");
-        return false;
-    }
-    return true;
+    return transmit(static_cast<uint32_t>(message.getType()), message.getID(), ids, body);
 }
 
 // =============================================================================================

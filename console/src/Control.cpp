@@ -138,6 +138,15 @@ bool Console::control(const std::string& line, std::string& error) {
     if (verb == "drop") {
         return controlDrop(w, error);
     }
+    if (verb == "fault") {
+        return controlFault(w, error);
+    }
+    if (verb == "silent") {
+        return controlSilent(w, error);
+    }
+    if (verb == "crash") {
+        return controlCrash(w, error);
+    }
     if (verb == "trigger" && w.size() == 2 && (w[1] == "on" || w[1] == "off")) {
         setTriggered(w[1] == "on", {});
         return true;

@@ -29,6 +29,12 @@ std::string usageText() {
            "  --command-log FILE     append one line per command received (name and arguments)\n"
            "  --no-stdin             do not read control lines from standard input\n"
            "  --verbose              one line per command received\n"
+           // record and replay
+           "  --record FILE          record every frame sent and received, with its time\n"
+           "  --replay FILE          play a recording to clients instead of simulating\n"
+           "  --replay-speed X       1: the recorded timing (default), 2: twice as fast, 0: no\n"
+           "                         pauses\n"
+           "  --replay-exit          end once the recording is played (default: stay up)\n"
            "  --help\n";
 }
 
@@ -48,6 +54,30 @@ bool toInt(const std::string& s, long lo, long hi, long& out) {
 const std::string kValueOptions =
     "--endpoint --fps --seed --points --lines --markers --heartbeat-ms --tracker-model "
     "--tracker-id --scanner-id --lowpart-version --script --setup --command-log ";
+
+// Record and replay.
+const std::string kRecordValueOptions = "--record --replay --replay-speed ";
+
+bool parseRecordOption(const std::string& a, const std::string& v, RecordOptions& out,
+                       std::string& error) {
+    if (a == "--record" && !v.empty()) {
+        out.recordPath = v;
+    } else if (a == "--replay" && !v.empty()) {
+        out.replayPath = v;
+    } else if (a == "--replay-speed") {
+        char* end = nullptr;
+        const double speed = std::strtod(v.c_str(), &end);
+        if (end == nullptr || *end != '\0' || !(speed >= 0.0) || speed > 1e6) {
+            error = "bad replay speed " + v + " (0: no pauses, 1: the recorded timing)";
+            return false;
+        }
+        out.replaySpeed = speed;
+    } else {
+        error = "bad option " + a + " " + v;
+        return false;
+    }
+    return true;
+}
 
 }  // namespace
 
@@ -74,6 +104,12 @@ bool parseOptions(int argc, const char* const* argv, ConsoleOptions& out, bool& 
             out.readStdin = false;
         } else if (a == "--verbose") {
             out.verbose = true;
+        } else if (a == "--replay-exit") {
+            out.record.replayExit = true;
+        } else if (kRecordValueOptions.find(a + " ") != std::string::npos && a.size() > 3) {
+            if (!value(v) || !parseRecordOption(a, v, out.record, error)) {
+                return false;
+            }
         } else if (kValueOptions.find(a + " ") == std::string::npos || a.size() < 3) {
             error = "unknown option " + a;
             return false;
@@ -120,6 +156,10 @@ bool parseOptions(int argc, const char* const* argv, ConsoleOptions& out, bool& 
             error = "bad option " + a + " " + v;
             return false;
         }
+    }
+    if (!out.record.replayPath.empty() && !out.record.recordPath.empty()) {
+        error = "--record and --replay do not go together";
+        return false;
     }
     return true;
 }

@@ -4,14 +4,40 @@
 #include <iostream>
 
 #include "console/Console.h"
+#include "console/Replay.h"
 
 namespace {
 console::Console* g_console = nullptr;
+console::Replayer* g_replayer = nullptr;
 
 extern "C" void onSignal(int) {
     if (g_console != nullptr) {
         g_console->requestQuit();
     }
+    if (g_replayer != nullptr) {
+        g_replayer->requestQuit();
+    }
+}
+
+// --replay: a recording instead of the simulated devices. Exit code 2 when the recording is
+// damaged or missing (nothing is served then).
+int replay(const console::ConsoleOptions& options) {
+    console::Replayer r(options);
+    std::string error;
+    if (!r.check(error)) {
+        std::cerr << "lumora_console: cannot replay " << options.record.replayPath << ": " << error
+                  << "\n";
+        return 2;
+    }
+    if (!r.start()) {
+        return 1;
+    }
+    g_replayer = &r;
+    std::signal(SIGINT, onSignal);
+    std::signal(SIGTERM, onSignal);
+    const int rc = r.run();
+    g_replayer = nullptr;
+    return rc;
 }
 }  // namespace
 
@@ -28,6 +54,9 @@ int main(int argc, char** argv) {
         return 0;
     }
     try {
+        if (!options.record.replayPath.empty()) {
+            return replay(options);
+        }
         console::Console c(options);
         if (!c.setupOk()) {
             return 2;

@@ -77,6 +77,38 @@ public:
         return ::write(m_stdin, l.data(), l.size()) == static_cast<ssize_t>(l.size());
     }
 
+    // The exit code once the console ended by itself (-1 after the timeout, -2 when a signal
+    // ended it).
+    int waitExit(std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
+        const auto deadline = std::chrono::steady_clock::now() + timeout;
+        while (m_pid > 0) {
+            int status = 0;
+            const pid_t r = ::waitpid(m_pid, &status, WNOHANG);
+            if (r == m_pid) {
+                m_pid = -1;
+                return WIFEXITED(status) ? WEXITSTATUS(status) : -2;
+            }
+            if (std::chrono::steady_clock::now() >= deadline) {
+                return -1;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        return -1;
+    }
+
+    // True once the console printed a line containing `text` (waits up to the timeout).
+    bool saw(const std::string& text, std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        return m_cv.wait_for(lock, timeout, [&] {
+            for (const std::string& l : m_lines) {
+                if (l.find(text) != std::string::npos) {
+                    return true;
+                }
+            }
+            return false;
+        });
+    }
+
 private:
     void readLoop(int fd) {
         std::string pending;
@@ -87,6 +119,8 @@ private:
                 const std::string line = pending.substr(0, eol);
                 pending.erase(0, eol + 1);
                 std::lock_guard<std::mutex> lock(m_mutex);
+                m_lines.push_back(line);
+                m_cv.notify_all();
                 if (m_port == 0 && line.find("listening on ") != std::string::npos) {
                     m_port = static_cast<uint16_t>(std::stoi(line.substr(line.rfind(':') + 1)));
                     m_cv.notify_all();
@@ -106,6 +140,7 @@ private:
     std::condition_variable m_cv;
     uint16_t m_port = 0;
     bool m_eof = false;
+    std::vector<std::string> m_lines;
 };
 
 }  // namespace sdktest

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "console/Fields.h"
+#include "console/Recording.h"
 #include "lumora.pb.h"
 #include "sdk/Messages.h"
 #include "sdk/Socket.h"
@@ -45,6 +46,7 @@ struct ConsoleOptions {
     std::string commandLogPath;           // one line per command received (--command-log)
     bool readStdin = true;                // control lines from standard input
     bool verbose = false;                 // one line per command received
+    RecordOptions record;                 // --record, --replay and their companions
 };
 
 // Parses the command line; false with a message in `error` on a bad option. `--help` sets
@@ -180,6 +182,20 @@ private:
     Device* findDevice(const std::string& id);
     int heartbeatPeriodMs() const;
 
+    // faults and the recording (Faults.cpp): every frame leaves through transmit()
+    struct Faults;
+    bool controlFault(const std::vector<std::string>& w, std::string& error);
+    bool controlSilent(const std::vector<std::string>& w, std::string& error);
+    bool controlCrash(const std::vector<std::string>& w, std::string& error);
+    bool transmit(uint32_t type, int32_t id, const std::vector<std::string>* ids,
+                  std::vector<char>& body);
+    bool writeFrame(uint32_t type, int32_t id, const std::vector<std::string>* ids,
+                    const char* body, size_t bodySize, bool padded);
+    bool silent() const;
+    void runFaultTimers();
+    int64_t nextFaultTimerMs() const;
+    void record(rec::Kind kind, const char* bytes = nullptr, size_t size = 0);
+
     // timing
     int64_t nowMs() const;
     int pollTimeoutMs() const;
@@ -230,6 +246,9 @@ private:
     bool m_scriptStarted = false;
     int64_t m_scriptResumeMs = 0;
     uint64_t m_commandsHandled = 0;
+
+    std::unique_ptr<Faults> m_faults;
+    std::unique_ptr<rec::Writer> m_recording;
 };
 
 }  // namespace console
