@@ -67,13 +67,22 @@ int runScan(ScanOptions o) {
     o.session.consoleLog = (fs::path(o.out) / "console.log").string();
 
     HostSession session(o.session);
-    session.open();
+    try {
+        session.open();
+    } catch (const AppError& e) {
+        // A recording the console cannot read ends it at start.
+        if (!o.replay.empty() && e.code() == kExitConsole &&
+            std::string(e.what()).find("ended at start") != std::string::npos) {
+            throw AppError(kExitInputFile, "cannot replay " + o.replay + ": " + e.what());
+        }
+        throw;
+    }
     std::printf("connected to %s in %.1f s\n", session.endpoint().c_str(),
                 session.startupSeconds());
 
     const std::string truthDir = (fs::path(o.out) / "truth").string();
     std::optional<Truth> truth;
-    if (session.startedConsole()) {
+    if (session.startedConsole() && o.replay.empty()) {
         truth = exportTruth(o.session.consoleProgram, scene, truthDir);
     }
 
@@ -83,7 +92,9 @@ int runScan(ScanOptions o) {
         const int rc = dev.importCascadeFile(platform::widePath(o.cascade));
         HostSession::check(rc, "importing the cascade file " + o.cascade);
         matrixSource = "cascade file";
-    } else if (o.replay.empty()) {
+    } else if (!o.replay.empty()) {
+        matrixSource = "as recorded";
+    } else {
         std::printf("measuring the transfer matrices ...\n");
         std::fflush(stdout);
         const int rc = dev.getTransferMatrix();
@@ -103,15 +114,23 @@ int runScan(ScanOptions o) {
                           true),
         "choosing the scan object");
     session.startCollecting();
-    HostSession::check(dev.controlLaserOn(), "switching the laser on");
+    if (o.replay.empty()) {
+        HostSession::check(dev.controlLaserOn(), "switching the laser on");
+    }
     {
-        Progress progress("scanning", "frames", o.seconds > 0 ? 0 : o.frames, o.seconds,
+        // A recording plays at its own pace, laser commands included: take what comes until
+        // it stops.
+        const bool replay = !o.replay.empty();
+        const size_t frames = replay || o.seconds > 0 ? 0 : o.frames;
+        Progress progress(replay ? "replaying" : "scanning", "frames", frames, o.seconds,
                           stdoutIsTerminal());
-        session.waitForFrames(o.seconds > 0 ? 0 : o.frames, o.seconds, 5.0,
+        session.waitForFrames(frames, o.seconds, replay ? 8.0 : 5.0,
                               [&](size_t n) { progress.update(n); });
         progress.finish(session.framesSoFar());
     }
-    dev.controlLaserOff();
+    if (o.replay.empty()) {
+        dev.controlLaserOff();
+    }
     Collection c = session.stopCollecting();
 
     ScanReport report;

@@ -107,7 +107,16 @@ void HostSession::startConsole(const std::string& host, uint16_t port) {
         log = std::make_shared<std::ofstream>(m_options.consoleLog, std::ios::trunc);
     }
     std::vector<std::string> args{"--endpoint", host + ":" + std::to_string(port), "--no-stdin"};
-    args.insert(args.end(), m_options.consoleArgs.begin(), m_options.consoleArgs.end());
+    // The console takes "--option value"; "--option=value" is split for it.
+    for (const std::string& a : m_options.consoleArgs) {
+        const size_t eq = a.find('=');
+        if (a.rfind("--", 0) == 0 && eq != std::string::npos) {
+            args.push_back(a.substr(0, eq));
+            args.push_back(a.substr(eq + 1));
+        } else {
+            args.push_back(a);
+        }
+    }
     if (m_options.verbose) {
         std::printf("starting the console %s\n", program.c_str());
         std::fflush(stdout);
@@ -131,7 +140,9 @@ void HostSession::startConsole(const std::string& host, uint16_t port) {
                     m_listening.pop_back();
                 }
             }
-            m_consoleLast = line;
+            if (m_consoleFirst.empty()) {
+                m_consoleFirst = line;
+            }
             m_consoleCv.notify_all();
         },
         error);
@@ -143,7 +154,7 @@ void HostSession::startConsole(const std::string& host, uint16_t port) {
     const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(15);
     while (m_listening.empty()) {
         if (!m_console->alive()) {
-            const std::string last = m_consoleLast;
+            const std::string last = m_consoleFirst;
             lock.unlock();
             m_console->stop();
             m_console.reset();

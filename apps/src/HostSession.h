@@ -154,7 +154,7 @@ private:
     std::mutex m_consoleMutex;
     std::condition_variable m_consoleCv;
     std::string m_listening;
-    std::string m_consoleLast;
+    std::string m_consoleFirst;  // its first line (a complaint when it ends at once)
     bool m_consoleEnded = false;
 };
 

@@ -112,7 +112,13 @@ bool PngWriter::write(const std::string& path, std::string& error) const {
             hi = std::max(lo + 1e-3, static_cast<double>(mx.z()));
         }
 
-        // Top view with a depth buffer: the highest point of each pixel wins.
+        // Top view with a depth buffer: the highest point of each pixel wins. Each point is
+        // drawn as a square about as wide as the mean spacing of the points, so that a scan
+        // reads as a surface and not as separate laser lines.
+        const double spacing = std::sqrt(static_cast<double>(spanX) * spanY /
+                                         static_cast<double>(m_cloud.points.size()));
+        const int splat =
+            std::max(0, std::min(8, static_cast<int>(std::ceil(0.5 * spacing * scale)) - 0));
         cv::Mat depth(height, width, CV_32F, cv::Scalar(-1e30f));
         cv::Mat level(height, width, CV_8U, cv::Scalar(0));
         cv::Mat shade(height, width, CV_32F, cv::Scalar(0.0f));
@@ -120,15 +126,9 @@ bool PngWriter::write(const std::string& path, std::string& error) const {
         const Eigen::Vector3f light = Eigen::Vector3f(-0.4f, -0.4f, 1.0f).normalized();
         for (size_t i = 0; i < m_cloud.points.size(); ++i) {
             const Eigen::Vector3f& p = m_cloud.points[i];
-            const int u = static_cast<int>(margin + (p.x() - mn.x()) * scale);
-            const int v = static_cast<int>(height - 1 - (margin + (p.y() - mn.y()) * scale));
-            if (u < 0 || v < 0 || u >= width || v >= height || p.z() <= depth.at<float>(v, u)) {
-                continue;
-            }
-            depth.at<float>(v, u) = p.z();
-            hit.at<uint8_t>(v, u) = 1;
+            const int u0 = static_cast<int>(margin + (p.x() - mn.x()) * scale);
+            const int v0 = static_cast<int>(height - 1 - (margin + (p.y() - mn.y()) * scale));
             const double t = std::max(0.0, std::min(1.0, (values[i] - lo) / (hi - lo)));
-            level.at<uint8_t>(v, u) = static_cast<uint8_t>(std::lround(t * 255.0));
             float s = 1.0f;
             if (m_cloud.hasNormals()) {
                 Eigen::Vector3f n = m_cloud.normals[i];
@@ -137,7 +137,17 @@ bool PngWriter::write(const std::string& path, std::string& error) const {
                 }
                 s = 0.35f + 0.65f * std::max(0.0f, n.dot(light));
             }
-            shade.at<float>(v, u) = s;
+            for (int v = std::max(0, v0 - splat); v <= std::min(height - 1, v0 + splat); ++v) {
+                for (int u = std::max(0, u0 - splat); u <= std::min(width - 1, u0 + splat); ++u) {
+                    if (p.z() <= depth.at<float>(v, u)) {
+                        continue;
+                    }
+                    depth.at<float>(v, u) = p.z();
+                    hit.at<uint8_t>(v, u) = 1;
+                    level.at<uint8_t>(v, u) = static_cast<uint8_t>(std::lround(t * 255.0));
+                    shade.at<float>(v, u) = s;
+                }
+            }
         }
         // Without normals, shade by the slope of the depth buffer.
         if (!m_cloud.hasNormals()) {
@@ -161,25 +171,14 @@ bool PngWriter::write(const std::string& path, std::string& error) const {
         }
         cv::Mat colours;
         cv::applyColorMap(level, colours, cv::COLORMAP_TURBO);
-        // Close the small gaps between laser lines so the part reads as a surface.
-        cv::Mat mask = hit * 255;
-        cv::Mat grown;
-        cv::dilate(mask, grown, cv::getStructuringElement(cv::MORPH_ELLIPSE, cv::Size(3, 3)));
-        cv::Mat filled;
-        cv::dilate(colours, filled, cv::getStructuringElement(cv::MORPH_ELLIPSE, cv::Size(3, 3)));
-        cv::Mat shadeFilled;
-        cv::dilate(shade, shadeFilled,
-                   cv::getStructuringElement(cv::MORPH_ELLIPSE, cv::Size(3, 3)));
         cv::Mat view = image(cv::Rect(0, 0, width, height));
         for (int v = 0; v < height; ++v) {
             for (int u = 0; u < width; ++u) {
-                const bool direct = hit.at<uint8_t>(v, u) != 0;
-                if (!direct && grown.at<uint8_t>(v, u) == 0) {
+                if (!hit.at<uint8_t>(v, u)) {
                     continue;
                 }
-                const cv::Vec3b c =
-                    direct ? colours.at<cv::Vec3b>(v, u) : filled.at<cv::Vec3b>(v, u);
-                const float s = direct ? shade.at<float>(v, u) : shadeFilled.at<float>(v, u);
+                const cv::Vec3b c = colours.at<cv::Vec3b>(v, u);
+                const float s = shade.at<float>(v, u);
                 view.at<cv::Vec3b>(v, u) = cv::Vec3b(cv::saturate_cast<uint8_t>(c[0] * s),
                                                      cv::saturate_cast<uint8_t>(c[1] * s),
                                                      cv::saturate_cast<uint8_t>(c[2] * s));
