@@ -72,13 +72,33 @@ TEST(ConsoleControl, LinesAreCheckedBeforeAnythingIsDone) {
     o.readStdin = false;
     Console c(o);
     std::string error;
-    for (const char* good :
-         {"", "# a comment", "answer setTrigger 4 2", "answer setTrigger default",
-          "answer getCalibraResult value=nan 1",
-          "answer getWIFIConnectInfo text=\"wpa_state=SCANNING \"", "answer setImageMode 0 delay=5",
-          "device PEN on kind=lightpen", "device AIR on kind=3 version=2.0", "device * off",
-          "temperature SCN0001 seq 30 31 32", "heartbeat period default", "drop 0", "fps 60",
-          "trigger off"}) {
+    for (const char* good : {"",
+                             "# a comment",
+                             "answer setTrigger 4 2",
+                             "answer setTrigger default",
+                             "answer getCalibraResult value=nan 1",
+                             "answer getWIFIConnectInfo text=\"wpa_state=SCANNING \"",
+                             "answer setImageMode 0 delay=5",
+                             "device PEN on kind=lightpen",
+                             "device AIR on kind=3 version=2.0",
+                             "device * off",
+                             "temperature SCN0001 seq 30 31 32",
+                             "heartbeat period default",
+                             "drop 0",
+                             "fps 60",
+                             "trigger off",
+                             "fault drop every=3",
+                             "fault delay 50 2 on=receipt",
+                             "fault corrupt fraction=0.5 what=normals",
+                             "fault truncate always on=any",
+                             "fault oversize 1 on=7",
+                             "fault list",
+                             "fault drop off",
+                             "fault off",
+                             "silent 10",
+                             "silent off",
+                             "crash after 100000",
+                             "crash off"}) {
         EXPECT_TRUE(c.control(good, error)) << good << ": " << error;
     }
     for (const char* bad : {"launch rockets",                     // unknown verb
@@ -109,12 +129,56 @@ TEST(ConsoleControl, LinesAreCheckedBeforeAnythingIsDone) {
                             "receipt 24",
                             "receipt 4 image",
                             "drop 1 2",
-                            "fps -3"}) {
+                            "fps -3",
+                            "fault",                     // no kind
+                            "fault explode",             // no such fault
+                            "fault drop 0",              // nothing to strike
+                            "fault drop every=0",        // every 0th
+                            "fault drop fraction=1.5",   // not a probability
+                            "fault drop 2 every=3",      // two patterns
+                            "fault drop on=laser",       // no such type
+                            "fault corrupt on=receipt",  // only scan frames have counts
+                            "fault corrupt what=holes",  // no such corruption
+                            "fault drop what=markers",   // only corruptions have a what
+                            "fault delay",               // no time
+                            "fault delay -5",            // negative time
+                            "silent soon",               // not a time
+                            "crash later 5",             // after
+                            "crash after -1"}) {
         error.clear();
         EXPECT_FALSE(c.control(bad, error)) << bad;
         EXPECT_FALSE(error.empty()) << bad;
     }
     EXPECT_TRUE(c.control("quit", error));
+}
+
+TEST(ConsoleOptions, RecordAndReplayFlagsAreReadAndChecked) {
+    ConsoleOptions o;
+    std::string error;
+    ASSERT_TRUE(parse({"--replay", "s.lrec", "--replay-speed", "0", "--replay-exit"}, o, error))
+        << error;
+    EXPECT_EQ(o.record.replayPath, "s.lrec");
+    EXPECT_EQ(o.record.replaySpeed, 0.0);
+    EXPECT_TRUE(o.record.replayExit);
+    ConsoleOptions r;
+    ASSERT_TRUE(parse({"--record", "out.lrec"}, r, error)) << error;
+    EXPECT_EQ(r.record.recordPath, "out.lrec");
+    EXPECT_EQ(r.record.replaySpeed, 1.0);
+    for (const std::vector<const char*>& bad :
+         std::vector<std::vector<const char*>>{{"--replay-speed", "-1"},
+                                               {"--replay-speed", "fast"},
+                                               {"--record"},
+                                               {"--record", "a.lrec", "--replay", "b.lrec"}}) {
+        ConsoleOptions fresh;
+        error.clear();
+        EXPECT_FALSE(parse(bad, fresh, error)) << bad[0];
+        EXPECT_FALSE(error.empty());
+    }
+    // A recording that cannot be created fails the start.
+    ConsoleOptions unwritable;
+    unwritable.readStdin = false;
+    unwritable.record.recordPath = "/nonexistent-folder/x.lrec";
+    EXPECT_FALSE(Console(unwritable).setupOk());
 }
 
 TEST(ControlWords, QuotesKeepBlanksAndFreeTextKeepsItsOwn) {

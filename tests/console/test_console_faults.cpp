@@ -65,12 +65,16 @@ std::vector<console::rec::Record> readRecording(const fs::path& p) {
     return out;
 }
 
-uint32_t envelopeBytes(const std::string& frame) {
+uint32_t u32At(const std::string& frame, size_t at) {
     uint32_t v = 0;
-    for (int i = 11; i >= 8; --i) {
-        v = (v << 8) | static_cast<unsigned char>(frame[static_cast<size_t>(i)]);
+    for (size_t i = at + 4; i-- > at;) {
+        v = (v << 8) | static_cast<unsigned char>(frame[i]);
     }
     return v;
+}
+
+uint32_t envelopeBytes(const std::string& frame) {
+    return u32At(frame, 8);
 }
 
 // The body of a whole frame: what follows its header and envelope.
@@ -234,13 +238,13 @@ TEST_F(ConsoleFaults, ASilentConsoleKeepsTheConnectionButNeitherReadsNorSends) {
 
     // A silence of a given length ends by itself.
     ASSERT_TRUE(console.control("heartbeat period 0"));
+    const auto start = std::chrono::steady_clock::now();
     ASSERT_TRUE(console.control("silent 500"));
     ASSERT_TRUE(console.saw("silent for 500 ms"));
-    const auto start = std::chrono::steady_clock::now();
     const size_t later = recorder.size();
     ASSERT_TRUE(wrapper.setSoundControl(true));
     ASSERT_GE(recorder.waitIndex(later, isResponse(13), 5s), 0);
-    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(450));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(490));
     EXPECT_EQ(wrapper.getLinkCounters().disconnects, 0u);
 }
 
@@ -274,7 +278,11 @@ TEST_F(ConsoleFaults, AReplayDeliversTheRecordedMessagesByteForByteInOrder) {
         return std::count_if(v.begin(), v.end(),
                              [](const auto* m) { return m->getType() == MSG_SCANDATA; }) >= 10;
     }));
-    ASSERT_TRUE(console.control("fault corrupt 1"));  // a damaged frame is replayed as recorded
+    // Damaged frames are replayed as recorded: a corrupt one, and an oversized one whose
+    // padding is not stored but sent again.
+    ASSERT_TRUE(console.control("fault corrupt 1"));
+    ASSERT_TRUE(console.control("fault oversize 1 on=receipt"));
+    ASSERT_TRUE(console.control("heartbeat"));
     ASSERT_TRUE(recorder.waitFor([](const auto& v) {
         return std::count_if(v.begin(), v.end(),
                              [](const auto* m) { return m->getType() == MSG_SCANDATA; }) >= 25;
@@ -287,15 +295,18 @@ TEST_F(ConsoleFaults, AReplayDeliversTheRecordedMessagesByteForByteInOrder) {
     const auto first = recorder.snapshot();
     const LinkCounters firstCounters = wrapper.getLinkCounters();
     ASSERT_EQ(firstCounters.droppedMalformed, 1u);
+    ASSERT_EQ(firstCounters.droppedOversized, 1u);
 
     // The recording: the console's frames and the SDK's commands, in one connection.
     const auto records = readRecording(file);
     std::vector<std::string> sent;
+    int padded = 0;
     std::vector<std::string> commands;
     int64_t firstScanUs = -1, lastScanUs = -1;
     for (const auto& r : records) {
         if (r.kind == console::rec::Sent) {
             sent.push_back(r.bytes);
+            padded += (r.flags & console::rec::kFlagPadded) != 0;
             if (typeOf(r.bytes) == MSG_SCANDATA) {
                 lastScanUs = r.timeUs;
                 firstScanUs = firstScanUs < 0 ? r.timeUs : firstScanUs;
@@ -312,7 +323,10 @@ TEST_F(ConsoleFaults, AReplayDeliversTheRecordedMessagesByteForByteInOrder) {
     EXPECT_EQ(commands, (std::vector<std::string>{"setHeartBeatInterval", "setStartScan",
                                                   "setTrigger", "setTrigger"}));
     // Every delivered message of the session was recorded (the corrupt frame was not delivered).
-    ASSERT_EQ(sent.size(), first.size() - 2 + 1);  // less the two connection messages
+    EXPECT_EQ(padded, 1);
+    // Every delivered message was recorded, and the two the SDK dropped (less the two
+    // connection messages).
+    ASSERT_EQ(sent.size(), first.size() - 2 + 2);
 
     // Played back without pauses to a second SDK client that saves its scan frames.
     const fs::path frames = dir / "frames";
@@ -337,11 +351,12 @@ TEST_F(ConsoleFaults, AReplayDeliversTheRecordedMessagesByteForByteInOrder) {
     for (const std::string& f : sent) {
         std::unique_ptr<CMessage_Base> m = CreateMessage(static_cast<int>(typeOf(f)));
         const std::string body = bodyOf(f);
-        if (m && m->unpack(body.data(), static_cast<int>(body.size())) == 0) {
+        const bool padded = u32At(f, 4) != f.size() - wire::kHeaderBytes;
+        if (!padded && m && m->unpack(body.data(), static_cast<int>(body.size())) == 0) {
             delivered.push_back(f);
         }
     }
-    ASSERT_EQ(delivered.size(), sent.size() - 1);
+    ASSERT_EQ(delivered.size(), sent.size() - 2);
     ASSERT_EQ(replayed.size(), delivered.size() + 1);  // and the connection message
     EXPECT_TRUE(isConnect(true)(*replayed[0]));
     for (size_t i = 0; i < delivered.size(); ++i) {
@@ -354,6 +369,7 @@ TEST_F(ConsoleFaults, AReplayDeliversTheRecordedMessagesByteForByteInOrder) {
         EXPECT_EQ(m.getType(), first[i + 1]->getType());
     }
     EXPECT_EQ(client.getLinkCounters().droppedMalformed, 1u);
+    EXPECT_EQ(client.getLinkCounters().droppedOversized, 1u);
     // The saved scan frames are the recorded ones, byte for byte.
     std::vector<fs::path> saved;
     for (const auto& e : fs::directory_iterator(frames)) {
@@ -395,6 +411,49 @@ TEST_F(ConsoleFaults, AReplayDeliversTheRecordedMessagesByteForByteInOrder) {
         std::chrono::duration_cast<std::chrono::microseconds>(arrivals.back() - arrivals.front());
     EXPECT_GE(span.count(), (lastScanUs - firstScanUs) * 9 / 10);
     EXPECT_LE(span.count(), (lastScanUs - firstScanUs) * 2 + 200000);
+    fs::remove_all(dir);
+}
+
+TEST_F(ConsoleFaults, AReplayEndsTheClientsConnectionWhereTheRecordedOneEnded) {
+    const fs::path dir = tempFolder();
+    const fs::path file = dir / "two.lrec";
+    connect({"--record", file.string()});
+    ASSERT_TRUE(console.control("frames 2"));
+    barrier();
+    ASSERT_TRUE(console.control("drop"));  // the SDK comes back on its own
+    ASSERT_GE(recorder.waitIndex(0, isConnect(false)), 0);
+    const int again = recorder.waitIndex(0, isConnect(true));
+    ASSERT_GE(recorder.waitIndex(static_cast<size_t>(again) + 1, isConnect(true)), 0);
+    ASSERT_GE(recorder.waitIndex(static_cast<size_t>(again) + 1, isResponse(17)), 0);
+    ASSERT_TRUE(console.control("frames 2"));
+    barrier();
+    ASSERT_TRUE(console.control("quit"));
+    ASSERT_EQ(console.waitExit(), 0);
+
+    ConsoleProcess replay;
+    ASSERT_TRUE(replay.start({"--replay", file.string(), "--replay-speed", "0"}));
+    Recorder second;
+    CTPScanWrapper client;
+    client.setEndpoint(replay.endpoint());
+    client.setCallBackMessage(second.callback());
+    ASSERT_TRUE(client.connectToLowPart());
+    ASSERT_TRUE(replay.saw("replay finished"));
+    ASSERT_TRUE(second.waitFor([](const auto& v) {
+        return std::count_if(v.begin(), v.end(),
+                             [](const auto* m) { return m->getType() == MSG_SCANDATA; }) >= 4;
+    }));
+    // Frames 1 and 2 in the first connection, 3 and 4 in the second, as recorded.
+    std::vector<std::string> seen;
+    for (const auto* m : second.snapshot()) {
+        if (m->getType() == MSG_CONNECT) {
+            seen.push_back(static_cast<const CMessage_Connect&>(*m).getConnect() ? "up" : "down");
+        } else if (m->getType() == MSG_SCANDATA) {
+            seen.push_back(std::to_string(static_cast<const CMessage_ScanData&>(*m).getFrameID()));
+        }
+    }
+    EXPECT_EQ(seen, (std::vector<std::string>{"up", "1", "2", "down", "up", "3", "4"}));
+    EXPECT_EQ(client.getLinkCounters().connects, 2u);
+    client.setCloseWrapper(true);
     fs::remove_all(dir);
 }
 
