@@ -262,6 +262,27 @@ TEST_F(HostCli, ScanWritesAnHonestSummaryAndFilesThatLoad) {
     }
 }
 
+size_t summaryFrames(const std::string& dir) {
+    std::ifstream in(dir + "/summary.json");
+    return nlohmann::json::parse(in).at("frames").get<size_t>();
+}
+
+TEST_F(HostCli, AReplayedRecordingGivesTheFramesOfTheLiveScan) {
+    const std::string rec = path("live.rec");
+    Outcome live = pathfinder(
+        {"scan", "--out", path("live"), "--frames", "30", "--console-arg=--record=" + rec});
+    ASSERT_TRUE(fs::exists(rec)) << live.out;
+    Outcome replay = pathfinder({"scan", "--out", path("replay"), "--replay", rec});
+    EXPECT_NE(replay.out.find("replaying"), std::string::npos) << replay.out;
+    EXPECT_EQ(replay.code, live.code) << live.out << replay.out;
+    EXPECT_EQ(summaryFrames(path("replay")), summaryFrames(path("live")));
+
+    std::ofstream(path("bad.rec"), std::ios::binary) << "not a recording";
+    Outcome bad = pathfinder({"scan", "--out", path("bad"), "--replay", path("bad.rec")});
+    EXPECT_EQ(bad.code, 5) << bad.out;
+    EXPECT_NE(bad.out.find("cannot replay " + path("bad.rec")), std::string::npos) << bad.out;
+}
+
 TEST_F(HostCli, CascadeShowPrintsAFileAndRefusesADamagedOne) {
     std::vector<CascadeEntry> entries(2);
     entries[0].trackerId = "TRK0001";
