@@ -147,7 +147,12 @@ bool ChildProcess::alive() const {
     if (m_state->pid <= 0) {
         return false;
     }
-    return ::waitpid(m_state->pid, nullptr, WNOHANG) == 0;
+    const pid_t r = ::waitpid(m_state->pid, nullptr, WNOHANG);
+    if (r == m_state->pid || (r < 0 && errno == ECHILD)) {
+        m_state->pid = -1;  // reaped: its id may be reused, never signal it again
+        return false;
+    }
+    return true;
 }
 
 int ChildProcess::pid() const {

@@ -262,6 +262,16 @@ TEST_F(HostCli, ScanWritesAnHonestSummaryAndFilesThatLoad) {
     }
 }
 
+TEST_F(HostCli, ARejectedTriggerIsADeviceErrorInOneLine) {
+    const Outcome r = pathfinder({"scan", "--out", path("s"), "--frames", "10",
+                                  "--console-arg=--setup=answer setTrigger 3"});
+    EXPECT_EQ(r.code, 4) << r.out;
+    const size_t at = r.out.find("pathfinder: ");
+    ASSERT_NE(at, std::string::npos) << r.out;
+    const std::string line = r.out.substr(at, r.out.find('\n', at) - at);
+    EXPECT_NE(line.find("the device rejected the trigger (result 12)"), std::string::npos) << line;
+}
+
 size_t summaryFrames(const std::string& dir) {
     std::ifstream in(dir + "/summary.json");
     return nlohmann::json::parse(in).at("frames").get<size_t>();
