@@ -50,6 +50,12 @@ int runMeasure(const MeasureOptions& o) {
     HostSession session(o.session);
     session.open();
     device::CPathfinder& dev = session.device();
+    // The module measures and triggers the working devices: every device announced.
+    std::vector<std::string> ids;
+    for (const device::tagDeviceInfo& d : session.devices()) {
+        ids.push_back(d.serialText());
+    }
+    HostSession::check(dev.setWorkingDevice(ids), "choosing the working devices");
     std::printf("measuring the transfer matrices ...\n");
     std::fflush(stdout);
     HostSession::check(dev.getTransferMatrix(), "measuring the transfer matrices");

@@ -87,6 +87,12 @@ int runScan(ScanOptions o) {
     }
 
     device::CPathfinder& dev = session.device();
+    // The module measures and triggers the working devices: every device announced.
+    std::vector<std::string> ids;
+    for (const device::tagDeviceInfo& d : session.devices()) {
+        ids.push_back(d.serialText());
+    }
+    HostSession::check(dev.setWorkingDevice(ids), "choosing the working devices");
     std::string matrixSource;
     if (!cascade.empty()) {
         const int rc = dev.importCascadeFile(platform::widePath(o.cascade));
