@@ -1,0 +1,652 @@
+// The simulated measuring system: scene construction, trajectory and frames.
+#include "sim/Scene.h"
+
+#include <Eigen/Geometry>
+#include <algorithm>
+#include <cmath>
+#include <nlohmann/json.hpp>
+
+namespace sim {
+
+namespace {
+
+constexpr double kPi = 3.14159265358979323846;
+constexpr double kDeg = kPi / 180.0;
+
+Eigen::Vector3d noise3(Rng& rng, double sigma) {
+    if (sigma <= 0) {
+        return Eigen::Vector3d::Zero();
+    }
+    const double x = rng.normal(), y = rng.normal(), z = rng.normal();
+    return Eigen::Vector3d(x, y, z) * sigma;
+}
+
+// A small random rotation: Gaussian angles of `sigmaDeg` about each axis.
+Eigen::Matrix3d noiseRotation(Rng& rng, double sigmaDeg) {
+    if (sigmaDeg <= 0) {
+        return Eigen::Matrix3d::Identity();
+    }
+    const Eigen::Vector3d w = noise3(rng, sigmaDeg * kDeg);
+    const double a = w.norm();
+    if (a == 0) {
+        return Eigen::Matrix3d::Identity();
+    }
+    return Eigen::AngleAxisd(a, w / a).toRotationMatrix();
+}
+
+// Two unit vectors perpendicular to n and to each other.
+void basis(const Eigen::Vector3d& n, Eigen::Vector3d& u, Eigen::Vector3d& v) {
+    const Eigen::Vector3d a =
+        std::fabs(n.x()) < 0.9 ? Eigen::Vector3d::UnitX() : Eigen::Vector3d::UnitY();
+    u = n.cross(a).normalized();
+    v = n.cross(u);
+}
+
+uint64_t frameSeed(uint64_t seed, int index) {
+    return seed * 0x9E3779B97F4A7C15ull + static_cast<uint64_t>(index) * 0xD1B54A32D192ED03ull +
+           0x632BE59BD9B4E019ull;
+}
+
+}  // namespace
+
+std::vector<TrackerPlacement> defaultTrackers(int count) {
+    const TrackerPlacement all[3] = {
+        {"TRK0001", {0, -2600, 1800}, {0, 0, 0}, 60.0, 1200.0, 6000.0},
+        {"TRK0002", {2500, 900, 1600}, {0, 0, 0}, 60.0, 1200.0, 6000.0},
+        {"TRK0003", {-2500, 1000, 1700}, {0, 0, 0}, 60.0, 1200.0, 6000.0},
+    };
+    std::vector<TrackerPlacement> out;
+    for (int i = 0; i < std::clamp(count, 1, 3); ++i) {
+        out.push_back(all[i]);
+    }
+    return out;
+}
+
+std::unique_ptr<Scene> Scene::create(const SceneOptions& options, std::string* error) {
+    std::unique_ptr<Scene> s(new Scene());
+    if (!s->build(options, error)) {
+        return nullptr;
+    }
+    return s;
+}
+
+bool Scene::build(const SceneOptions& o, std::string* error) {
+    auto fail = [&](const std::string& text) {
+        if (error != nullptr) {
+            *error = text;
+        }
+        return false;
+    };
+    if (o.trackers < 1 || o.trackers > 3) {
+        return fail("trackers: 1 to 3");
+    }
+    if (o.lines < 1 || o.lines > 64 || o.pointsPerLine < 2 || o.pointsPerLine > 100000) {
+        return fail("laser: 1 to 64 lines of 2 to 100000 points");
+    }
+    if (!(o.depthNear > 0) || !(o.depthFar > o.depthNear) || !(o.fps > 0) || !(o.speed >= 0) ||
+        !(o.rowSpacing > 0) || !(o.markerDiameter > 0) || o.markerCount < 0 ||
+        o.markerCount > 100000) {
+        return fail("scene options out of range");
+    }
+    if (o.laserNoise < 0 || o.poseNoiseMm < 0 || o.poseNoiseDeg < 0 || o.markerNoise < 0 ||
+        o.laserNormalNoiseDeg < 0) {
+        return fail("noise levels are not negative");
+    }
+    if (o.motion != "none" && o.motion != "sway") {
+        return fail("motion is none or sway");
+    }
+    m_options = o;
+    if (o.meshPath.empty()) {
+        m_truth.part = defaultPart(&m_truth.holes);
+    } else if (!loadMesh(o.meshPath, m_truth.part, error)) {
+        return false;
+    }
+    m_caster = std::make_unique<RayCaster>(m_truth.part);
+    m_truth.part.bounds(m_lo, m_hi);
+    m_height =
+        std::max(m_hi.z() + o.depthNear + 30.0, 0.5 * (m_lo.z() + m_hi.z()) + o.workingDistance);
+
+    Rng rng(o.seed);
+    for (double& p : m_phase) {
+        p = rng.uniform(0, 2 * kPi);
+    }
+    if (!o.markersPath.empty()) {
+        if (!loadMarkers(o.markersPath, m_truth.markers, error)) {
+            return false;
+        }
+    } else {
+        placeMarkers(rng);
+    }
+
+    m_trackers = defaultTrackers(o.trackers);
+    for (const TrackerPlacement& t : m_trackers) {
+        const Eigen::Vector3d z = (t.target - t.position).normalized();
+        const Eigen::Vector3d x = z.cross(Eigen::Vector3d::UnitZ()).normalized();
+        const Eigen::Vector3d y = z.cross(x);
+        Pose p;
+        p.R.row(0) = x.transpose();
+        p.R.row(1) = y.transpose();
+        p.R.row(2) = z.transpose();
+        p.t = -p.R * t.position;
+        m_roomToTracker.push_back(p);
+        m_truth.transfer[t.id] = transferFromMotion(p.R, p.t);
+    }
+
+    // Body markers of the scanner: six on its back (facing away from the part), two on each
+    // side.
+    for (int i = -1; i <= 1; ++i) {
+        for (int j = -1; j <= 1; j += 2) {
+            m_bodyMarkers.push_back(
+                {Eigen::Vector3d(50.0 * i, 25.0 * j, -40), -Eigen::Vector3d::UnitZ()});
+        }
+    }
+    for (int s = -1; s <= 1; s += 2) {
+        for (int k = -1; k <= 1; k += 2) {
+            m_bodyMarkers.push_back(
+                {Eigen::Vector3d(70.0 * s, 20.0 * k, -10), Eigen::Vector3d(s, 0, 0)});
+            m_bodyMarkers.push_back(
+                {Eigen::Vector3d(30.0 * k, 45.0 * s, -10), Eigen::Vector3d(0, s, 0)});
+        }
+    }
+    return true;
+}
+
+void Scene::placeMarkers(Rng& rng) {
+    const TriangleMesh& mesh = m_truth.part;
+    const int want = m_options.markerCount;
+    // Candidate faces: all but those facing down (the part rests on them).
+    std::vector<double> cumulative;
+    std::vector<size_t> faces;
+    double total = 0;
+    for (size_t i = 0; i < mesh.triangles.size(); ++i) {
+        if (mesh.normal(i).z() >= -0.05 && mesh.area(i) > 1e-6) {
+            total += mesh.area(i);
+            cumulative.push_back(total);
+            faces.push_back(i);
+        }
+    }
+    if (faces.empty() || want == 0) {
+        return;
+    }
+    const double radius = 0.5 * m_options.markerDiameter;
+    const double spacing = std::min(25.0, 0.6 * std::sqrt(total / want));
+    auto acceptable = [&](const Eigen::Vector3d& p, const Eigen::Vector3d& n,
+                          const std::vector<TruthMarker>& placed, size_t skip) {
+        for (size_t k = 0; k < placed.size(); ++k) {
+            if (k != skip && (placed[k].position - p).norm() < spacing) {
+                return false;
+            }
+        }
+        // Flat under the whole sticker: probes on a ring a little wider than the marker all
+        // meet the surface 1 mm below their start.
+        Eigen::Vector3d u, v;
+        basis(n, u, v);
+        for (int k = 0; k < 8; ++k) {
+            const double a = 2 * kPi * k / 8;
+            Ray r;
+            r.origin = (p + n + (radius + 2.0) * (std::cos(a) * u + std::sin(a) * v)).cast<float>();
+            r.direction = (-n).cast<float>();
+            r.tfar = 3.0f;
+            const Hit h = m_caster->intersect(r);
+            if (!h.valid() || std::fabs(h.t - 1.0f) > 0.01f) {
+                return false;
+            }
+        }
+        // Nothing covers it (the panel under the raised block, for instance).
+        Ray up;
+        up.origin = (p + 0.05 * n).cast<float>();
+        up.direction = n.cast<float>();
+        up.tfar = 500.0f;
+        return !m_caster->occluded(up);
+    };
+    auto draw = [&](Eigen::Vector3d& p, Eigen::Vector3d& n) {
+        const double x = rng.uniform(0, total);
+        const size_t k = static_cast<size_t>(
+            std::lower_bound(cumulative.begin(), cumulative.end(), x) - cumulative.begin());
+        const size_t f = faces[std::min(k, faces.size() - 1)];
+        const Eigen::Vector3i& t = mesh.triangles[f];
+        double a = rng.uniform(), b = rng.uniform();
+        if (a + b > 1) {
+            a = 1 - a;
+            b = 1 - b;
+        }
+        const Eigen::Vector3d p0 = mesh.vertices[static_cast<size_t>(t[0])].cast<double>();
+        p = p0 + a * (mesh.vertices[static_cast<size_t>(t[1])].cast<double>() - p0) +
+            b * (mesh.vertices[static_cast<size_t>(t[2])].cast<double>() - p0);
+        n = mesh.normal(f);
+    };
+    std::vector<TruthMarker>& out = m_truth.markers;
+    for (int attempt = 0; attempt < 400 * want && static_cast<int>(out.size()) < want; ++attempt) {
+        TruthMarker m;
+        draw(m.position, m.normal);
+        if (acceptable(m.position, m.normal, out, out.size())) {
+            m.id = static_cast<int>(out.size());
+            m.diameter = m_options.markerDiameter;
+            out.push_back(m);
+        }
+    }
+    // No two local constellations alike: the distances to the three nearest neighbours of
+    // every marker differ from those of every other marker by at least 0.5 mm somewhere.
+    auto signature = [&](size_t i) {
+        std::vector<double> d;
+        for (size_t k = 0; k < out.size(); ++k) {
+            if (k != i) {
+                d.push_back((out[k].position - out[i].position).norm());
+            }
+        }
+        std::sort(d.begin(), d.end());
+        d.resize(std::min<size_t>(3, d.size()));
+        return d;
+    };
+    for (int pass = 0; pass < 20; ++pass) {
+        bool moved = false;
+        std::vector<std::vector<double>> sig;
+        for (size_t i = 0; i < out.size(); ++i) {
+            sig.push_back(signature(i));
+        }
+        for (size_t i = 0; i < out.size() && !moved; ++i) {
+            for (size_t j = i + 1; j < out.size() && !moved; ++j) {
+                double diff = 0;
+                for (size_t k = 0; k < sig[i].size() && k < sig[j].size(); ++k) {
+                    diff = std::max(diff, std::fabs(sig[i][k] - sig[j][k]));
+                }
+                if (diff < 0.5) {
+                    // Move marker j somewhere else.
+                    for (int attempt = 0; attempt < 1000; ++attempt) {
+                        Eigen::Vector3d p, n;
+                        draw(p, n);
+                        if (acceptable(p, n, out, j)) {
+                            out[j].position = p;
+                            out[j].normal = n;
+                            moved = true;
+                            break;
+                        }
+                    }
+                }
+            }
+        }
+        if (!moved) {
+            break;
+        }
+    }
+}
+
+Pose Scene::scannerInPart(int index) const {
+    const SceneOptions& o = m_options;
+    const double s = index / o.fps;
+    const double margin = 30.0;
+    const double x0 = m_lo.x() + margin, x1 = std::max(x0, m_hi.x() - margin);
+    const double y0 = m_lo.y() + 40.0, y1 = std::max(y0, m_hi.y() - 40.0);
+    const int rows = static_cast<int>(std::floor((y1 - y0) / o.rowSpacing)) + 1;
+    const double rowLength = x1 - x0;
+    const double cycle = rows * rowLength + (rows - 1) * o.rowSpacing;
+    double m = cycle > 0 ? std::fmod(o.speed * s, 2 * cycle) : 0.0;
+    if (m > cycle) {
+        m = 2 * cycle - m;  // the sweep runs back the way it came
+    }
+    const double segment = rowLength + o.rowSpacing;
+    int r = segment > 0 ? static_cast<int>(std::floor(m / segment)) : 0;
+    double u = m - r * segment;
+    if (r >= rows) {
+        r = rows - 1;
+        u = rowLength;
+    }
+    double x, y;
+    if (u <= rowLength) {
+        x = r % 2 == 0 ? x0 + u : x1 - u;
+        y = y0 + r * o.rowSpacing;
+    } else {
+        x = r % 2 == 0 ? x1 : x0;
+        y = y0 + r * o.rowSpacing + (u - rowLength);
+    }
+    // Looking down; the hand tilts and turns slowly.
+    Eigen::Matrix3d base;
+    base.col(0) = Eigen::Vector3d::UnitX();
+    base.col(1) = -Eigen::Vector3d::UnitY();
+    base.col(2) = -Eigen::Vector3d::UnitZ();
+    const double a = o.tiltDeg * kDeg * std::sin(2 * kPi * s / 7.3 + m_phase[0]);
+    const double b = o.tiltDeg * kDeg * std::sin(2 * kPi * s / 5.1 + m_phase[1]);
+    const double yaw = 2 * o.tiltDeg * kDeg * std::sin(2 * kPi * s / 11.7 + m_phase[2]);
+    Pose p;
+    p.R = (Eigen::AngleAxisd(yaw, Eigen::Vector3d::UnitZ()) *
+           Eigen::AngleAxisd(a, Eigen::Vector3d::UnitX()) *
+           Eigen::AngleAxisd(b, Eigen::Vector3d::UnitY()))
+              .toRotationMatrix() *
+          base;
+    p.t = Eigen::Vector3d(x, y, m_height);
+    return p;
+}
+
+Pose Scene::partInRoom(int index) const {
+    Pose p;
+    if (m_options.motion != "sway") {
+        return p;
+    }
+    const double w = 2 * kPi * (index / m_options.fps) / m_options.motionPeriodS;
+    const Eigen::Vector3d centre = 0.5 * (m_lo + m_hi);
+    p.R = Eigen::AngleAxisd(m_options.motionDeg * kDeg * std::sin(w), Eigen::Vector3d::UnitZ())
+              .toRotationMatrix();
+    p.t = centre - p.R * centre +
+          m_options.motionMm * Eigen::Vector3d(std::sin(w), 0.5 * std::sin(2 * w), 0);
+    return p;
+}
+
+Pose Scene::roomToTracker(int i) const {
+    return m_roomToTracker[static_cast<size_t>(i)];
+}
+
+bool Scene::trackerSees(int i, const Eigen::Vector3d& p) const {
+    const TrackerPlacement& t = m_trackers[static_cast<size_t>(i)];
+    const Eigen::Vector3d k = m_roomToTracker[static_cast<size_t>(i)].apply(p);
+    const double d = k.norm();
+    return d >= t.nearMm && d <= t.farMm && k.z() >= d * std::cos(0.5 * t.fovDeg * kDeg);
+}
+
+int Scene::bodyMarkersSeen(int i, const Pose& scanner, const Pose& /*part*/) const {
+    const Eigen::Vector3d eye = m_trackers[static_cast<size_t>(i)].position;
+    int seen = 0;
+    for (const Marker& b : m_bodyMarkers) {
+        const Eigen::Vector3d p = scanner.apply(b.position);
+        const Eigen::Vector3d n = scanner.rotate(b.normal);
+        if (trackerSees(i, p) && n.dot((eye - p).normalized()) >= std::cos(80 * kDeg)) {
+            ++seen;
+        }
+    }
+    return seen;
+}
+
+void Scene::frame(const FrameRequest& rq, ScanFrame& out) const {
+    const SceneOptions& o = m_options;
+    Rng rng(frameSeed(o.seed, rq.index));
+    out = ScanFrame();
+    out.index = rq.index;
+    const Pose part = partInRoom(rq.index);
+    const Pose scanner = scannerInPart(rq.index);
+    const Pose scannerRoom = part * scanner;
+    const int n = static_cast<int>(m_trackers.size());
+
+    // The observing tracker.
+    int tracker = -1, best = 0;
+    if (rq.tracker >= 0 && rq.tracker < n) {
+        tracker = rq.tracker;
+        best = bodyMarkersSeen(tracker, scannerRoom, part);
+    } else {
+        for (int i = 0; i < n; ++i) {
+            if (!rq.allowed.empty() &&
+                std::find(rq.allowed.begin(), rq.allowed.end(), i) == rq.allowed.end()) {
+                continue;
+            }
+            const int c = bodyMarkersSeen(i, scannerRoom, part);
+            if (c >= 4 && (tracker < 0 || c > best || (c == best && i == rq.previousTracker))) {
+                tracker = i;
+                best = c;
+            }
+        }
+    }
+    out.tracker = tracker;
+    if (tracker < 0) {
+        return;  // nobody sees the scanner: an empty frame
+    }
+    out.trackerId = m_trackers[static_cast<size_t>(tracker)].id;
+    const Pose toK = m_roomToTracker[static_cast<size_t>(tracker)];
+    const Pose partToK = toK * part;
+    out.scannerSeen = !rq.trackerOnly && best >= 4;
+
+    if (out.scannerSeen) {
+        out.truePose = rq.dynamic ? scanner : partToK * scanner;
+        const Eigen::Matrix3d R = noiseRotation(rng, o.poseNoiseDeg) * out.truePose.R;
+        const Eigen::Vector3d t = out.truePose.t + noise3(rng, o.poseNoiseMm);
+        for (int r = 0; r < 3; ++r) {
+            for (int c = 0; c < 3; ++c) {
+                out.rotation[3 * r + c] = R(c, r);  // row reading: p = x R_rows + t
+            }
+            out.translation[r] = t[r];
+        }
+        // Distance along the axis.
+        Ray axis;
+        axis.origin = scanner.t.cast<float>();
+        axis.direction = scanner.R.col(2).cast<float>();
+        const Hit h = m_caster->intersect(axis);
+        out.distance = h.valid() ? h.t : 0.0;
+    }
+
+    // Laser lines.
+    if (out.scannerSeen && rq.laser) {
+        const int lines = o.lines;
+        const int perLine = o.pointsPerLine;
+        const int familyA = (lines + 1) / 2;
+        const double nearZ = o.depthNear / std::max(1.0, rq.depthScale);
+        const double farZ = o.depthFar * std::max(1.0, rq.depthScale);
+        const double minCos = std::cos(80 * kDeg);
+        std::vector<Ray> rays(static_cast<size_t>(perLine));
+        std::vector<Hit> hits;
+        std::vector<int> valid(static_cast<size_t>(perLine));
+        out.points.reserve(static_cast<size_t>(lines * perLine));
+        out.normals.reserve(static_cast<size_t>(lines * perLine));
+        out.quality.reserve(static_cast<size_t>(lines * perLine));
+        for (int l = 0; l < lines; ++l) {
+            const int family = l % 2;
+            const int inFamily = l / 2;
+            const int familySize = family == 0 ? familyA : lines - familyA;
+            const double phi = (family == 0 ? 45.0 : -45.0) * kDeg;
+            const Eigen::Vector3d nS(std::cos(phi), std::sin(phi), 0);
+            const Eigen::Vector3d uS(-std::sin(phi), std::cos(phi), 0);
+            const double offset = (inFamily - 0.5 * (familySize - 1)) * o.lineSpacing;
+            const Eigen::Vector3d eS = offset * nS;
+            const Eigen::Vector3d eW = scanner.apply(eS);
+            LaserLineInfo info;
+            info.index = l;
+            info.firstPoint = static_cast<int>(out.points.size());
+            info.plane = Eigen::Vector4d(nS.x(), nS.y(), nS.z(), -offset);
+            for (int k = 0; k < perLine; ++k) {
+                const double th = (-0.5 + static_cast<double>(k) / (perLine - 1)) * o.fanDeg * kDeg;
+                const Eigen::Vector3d dS =
+                    std::cos(th) * Eigen::Vector3d::UnitZ() + std::sin(th) * uS;
+                Ray& r = rays[static_cast<size_t>(k)];
+                r.origin = eW.cast<float>();
+                r.direction = (scanner.R * dS).cast<float>();
+                r.tnear = static_cast<float>(0.5 * nearZ);
+                r.tfar = static_cast<float>(2.0 * farZ);
+            }
+            m_caster->intersect(rays, hits);
+            for (int k = 0; k < perLine; ++k) {
+                valid[static_cast<size_t>(k)] = -1;
+                const Hit& h = hits[static_cast<size_t>(k)];
+                if (!h.valid()) {
+                    continue;
+                }
+                const double th = (-0.5 + static_cast<double>(k) / (perLine - 1)) * o.fanDeg * kDeg;
+                const Eigen::Vector3d dS =
+                    std::cos(th) * Eigen::Vector3d::UnitZ() + std::sin(th) * uS;
+                const Eigen::Vector3d dW = scanner.R * dS;
+                const size_t tri = static_cast<size_t>(h.triangle);
+                const Eigen::Vector3d nW = m_truth.part.normal(tri);
+                const double facing = -nW.dot(dW);
+                if (facing < minCos) {
+                    continue;  // back face or grazing
+                }
+                // The exact hit on the triangle's plane, in double precision.
+                const Eigen::Vector3d a =
+                    m_truth.part.vertices[static_cast<size_t>(m_truth.part.triangles[tri][0])]
+                        .cast<double>();
+                const double t = nW.dot(a - eW) / nW.dot(dW);
+                const Eigen::Vector3d pS = eS + t * dS;
+                if (pS.z() < nearZ || pS.z() > farZ) {
+                    continue;
+                }
+                Eigen::Vector3d nS2 = scanner.R.transpose() * nW;
+                nS2 = noiseRotation(rng, o.laserNormalNoiseDeg) * nS2;
+                valid[static_cast<size_t>(k)] = static_cast<int>(out.points.size());
+                out.points.push_back(pS + noise3(rng, o.laserNoise));
+                out.normals.push_back(nS2);
+                out.quality.push_back(static_cast<float>(0.5 + 0.5 * facing));
+            }
+            info.pointCount = static_cast<int>(out.points.size()) - info.firstPoint;
+            if (info.pointCount > 0) {
+                info.start = out.points[static_cast<size_t>(info.firstPoint)];
+                info.end = out.points.back();
+            }
+            out.lines.push_back(info);
+            if (rq.edges) {
+                // An edge where a line breaks off: a valid point next to a missing one, or two
+                // neighbours more than 3 mm apart (a step).
+                for (int k = 0; k < perLine; ++k) {
+                    const int here = valid[static_cast<size_t>(k)];
+                    if (here < 0) {
+                        continue;
+                    }
+                    for (int side = -1; side <= 1; side += 2) {
+                        const int j = k + side;
+                        const int there =
+                            j >= 0 && j < perLine ? valid[static_cast<size_t>(j)] : -1;
+                        const bool inside = j >= 0 && j < perLine;
+                        const bool brk = (inside && there < 0) ||
+                                         (there >= 0 &&
+                                          (out.points[static_cast<size_t>(here)] -
+                                           out.points[static_cast<size_t>(there)])
+                                                  .norm() > 3.0 &&
+                                          out.points[static_cast<size_t>(here)].z() <
+                                              out.points[static_cast<size_t>(there)].z());
+                        if (!brk) {
+                            continue;
+                        }
+                        const Pose sToK = partToK * scanner;
+                        EdgePointK e;
+                        e.centre = sToK.apply(out.points[static_cast<size_t>(here)]);
+                        e.normal = sToK.rotate(out.normals[static_cast<size_t>(here)]);
+                        e.outward = sToK.rotate(side * uS);
+                        e.line = l;
+                        out.edges.push_back(e);
+                    }
+                }
+            }
+        }
+    }
+
+    // Reference markers: those the tracker sees, or those the scanner's cameras see.
+    const Pose kToPart = partToK.inverse();
+    const Eigen::Vector3d eyeInPart = kToPart.t;  // the tracker's origin in the part frame
+    const Pose partToS = scanner.inverse();
+    for (const TruthMarker& m : m_truth.markers) {
+        const Eigen::Vector3d pRoom = part.apply(m.position);
+        if (!trackerSees(tracker, pRoom)) {
+            continue;
+        }
+        const Eigen::Vector3d toEye = (eyeInPart - m.position).normalized();
+        const double facing = m.normal.dot(toEye);
+        if (facing < std::cos(75 * kDeg)) {
+            continue;
+        }
+        Ray r;
+        r.origin = (m.position + 0.05 * m.normal).cast<float>();
+        r.direction = toEye.cast<float>();
+        r.tfar = 1e5f;
+        if (m_caster->occluded(r)) {
+            continue;
+        }
+        if (rq.scannerMarkers) {
+            if (!out.scannerSeen) {
+                continue;
+            }
+            const Eigen::Vector3d s = partToS.apply(m.position);
+            const double d = s.norm();
+            if (s.z() < 0.8 * o.depthNear || s.z() > 1.1 * o.depthFar ||
+                s.z() < d * std::cos(0.5 * o.cameraFovDeg * kDeg) ||
+                m.normal.dot((scanner.t - m.position).normalized()) < std::cos(70 * kDeg)) {
+                continue;
+            }
+        }
+        ObservedMarkerK k;
+        k.id = m.id;
+        k.centre = partToK.apply(m.position) + noise3(rng, o.markerNoise);
+        k.normal = partToK.rotate(m.normal);
+        k.diameter = m.id >= 0 && static_cast<size_t>(m.id) < rq.diameters.size() &&
+                             rq.diameters[static_cast<size_t>(m.id)] > 0
+                         ? rq.diameters[static_cast<size_t>(m.id)]
+                         : m.diameter;
+        k.valid = facing >= std::cos(60 * kDeg);
+        out.markers.push_back(k);
+    }
+
+    // Holes the scanner's cameras see.
+    if (out.scannerSeen && rq.holes) {
+        for (const TruthHole& h : m_truth.holes) {
+            const Eigen::Vector3d s = partToS.apply(h.centre);
+            const double d = s.norm();
+            if (s.z() < o.depthNear || s.z() > o.depthFar ||
+                s.z() < d * std::cos(0.5 * o.cameraFovDeg * kDeg) ||
+                h.direction.dot((scanner.t - h.centre).normalized()) < std::cos(60 * kDeg)) {
+                continue;
+            }
+            ObservedHole oh;
+            oh.id = h.id;
+            oh.centre = partToK.apply(h.centre) + noise3(rng, 0.5 * o.laserNoise);
+            oh.direction = partToK.rotate(h.direction);
+            oh.radius = h.radius;
+            oh.depth = h.depth;
+            Eigen::Vector3d u, v;
+            basis(h.direction, u, v);
+            for (int k = 0; k < 24; ++k) {
+                const double a = 2 * kPi * k / 24;
+                oh.edge.push_back(
+                    partToK.apply(h.centre + h.radius * (std::cos(a) * u + std::sin(a) * v)) +
+                    noise3(rng, o.laserNoise));
+            }
+            out.holes.push_back(std::move(oh));
+        }
+    }
+}
+
+std::string Scene::describeJson() const {
+    const SceneOptions& o = m_options;
+    nlohmann::json j;
+    j["seed"] = o.seed;
+    j["part"] = o.meshPath.empty() ? std::string("built-in") : o.meshPath;
+    j["markers"] = o.markersPath.empty() ? std::string("placed") : o.markersPath;
+    j["markerCount"] = m_truth.markers.size();
+    j["markerDiameter"] = o.markerDiameter;
+    j["noise"] = {{"laserMm", o.laserNoise},
+                  {"laserNormalDeg", o.laserNormalNoiseDeg},
+                  {"poseMm", o.poseNoiseMm},
+                  {"poseDeg", o.poseNoiseDeg},
+                  {"markerMm", o.markerNoise}};
+    j["scanner"] = {{"lines", o.lines},
+                    {"pointsPerLine", o.pointsPerLine},
+                    {"lineSpacingMm", o.lineSpacing},
+                    {"fanDeg", o.fanDeg},
+                    {"workingDistanceMm", o.workingDistance},
+                    {"depthNearMm", o.depthNear},
+                    {"depthFarMm", o.depthFar},
+                    {"cameraFovDeg", o.cameraFovDeg}};
+    j["trajectory"] = {{"fps", o.fps},
+                       {"speedMmPerS", o.speed},
+                       {"rowSpacingMm", o.rowSpacing},
+                       {"tiltDeg", o.tiltDeg},
+                       {"heightMm", m_height}};
+    j["motion"] = {{"kind", o.motion},
+                   {"amplitudeMm", o.motionMm},
+                   {"amplitudeDeg", o.motionDeg},
+                   {"periodS", o.motionPeriodS}};
+    nlohmann::json trackers = nlohmann::json::array();
+    for (size_t i = 0; i < m_trackers.size(); ++i) {
+        const TrackerPlacement& t = m_trackers[i];
+        const Matrix16& m = m_truth.transfer.at(t.id);
+        trackers.push_back({{"id", t.id},
+                            {"position", {t.position.x(), t.position.y(), t.position.z()}},
+                            {"target", {t.target.x(), t.target.y(), t.target.z()}},
+                            {"fovDeg", t.fovDeg},
+                            {"nearMm", t.nearMm},
+                            {"farMm", t.farMm},
+                            {"matrix", std::vector<double>(m.begin(), m.end())}});
+    }
+    j["trackers"] = trackers;
+    j["convention"] =
+        "matrix: p_K = B p_W + T with B(r,c) = M[4r+c], T = M[12..14]; frame pose: p_K = x_S R + t";
+    return j.dump();
+}
+
+bool Scene::exportTruth(const std::string& dir, std::string* error) const {
+    return sim::exportTruth(dir, m_truth, describeJson(), error);
+}
+
+}  // namespace sim
