@@ -8,6 +8,7 @@
 #include <fstream>
 #include <thread>
 
+#include "Truth.h"
 #include "device/Pathfinder.h"
 #include "platform/Platform.h"
 
@@ -450,6 +451,34 @@ bool HostSession::waitCalibEvent(double seconds) {
 std::vector<std::string> HostSession::deviceTexts() {
     std::lock_guard<std::mutex> lock(m_mutex);
     return m_texts;
+}
+
+std::optional<Truth> exportTruth(const std::string& consoleProgram,
+                                 const std::vector<std::string>& sceneArgs,
+                                 const std::string& dir) {
+    const std::string program = consoleProgram.empty() ? defaultConsoleProgram() : consoleProgram;
+    std::error_code ec;
+    fs::create_directories(dir, ec);
+    std::vector<std::string> args{"--export-truth", dir};
+    args.insert(args.end(), sceneArgs.begin(), sceneArgs.end());
+    auto log = std::make_shared<std::ofstream>((fs::path(dir) / "export.log").string());
+    ChildProcess child;
+    std::string error;
+    if (!child.start(
+            program, args, [log](const std::string& l) { *log << l << '\n'; }, error)) {
+        std::printf("truth: %s\n", error.c_str());
+        return std::nullopt;
+    }
+    for (int i = 0; i < 600 && child.alive(); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    child.stop();
+    std::optional<Truth> truth = loadTruthFolder(dir, error);
+    if (!truth) {
+        std::printf("truth: this console exports none; no accuracy figures\n");
+        fs::remove_all(dir, ec);
+    }
+    return truth;
 }
 
 }  // namespace pfapp

@@ -23,6 +23,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -83,6 +84,14 @@ struct CalibEvent {
     device::emDeviceTFastCali kind;
     std::vector<double> values;
 };
+
+struct Truth;
+
+// Runs `console --export-truth DIR sceneArgs...` (the console of the session's options, or the
+// default one) and loads what it wrote. Empty, with one line on standard output and no folder
+// left behind, when the console exports no truth.
+std::optional<Truth> exportTruth(const std::string& consoleProgram,
+                                 const std::vector<std::string>& sceneArgs, const std::string& dir);
 
 class HostSession {
 public:

@@ -23,16 +23,9 @@ struct Truth {
     double noiseSigmaMm = 0.0;  // the laser noise of the scene (0: unknown)
 };
 
-// Runs `console --export-truth DIR sceneArgs...` and loads what it wrote. Empty (with one
-// line on standard output) when the console exports no truth.
-std::optional<Truth> exportTruth(const std::string& consoleProgram,
-                                 const std::vector<std::string>& sceneArgs, const std::string& dir);
-
-// Loads the truth files of `dir`; empty with `error` when they are missing or unreadable.
+// Loads the truth files of `dir` (through the simulator's loadTruth: part.ply, markers.txt,
+// cascade.bin, and the laser noise from scene.json); empty with `error` when they are missing
+// or unreadable. The distance to the part uses the simulator's MeshDistance.
 std::optional<Truth> loadTruthFolder(const std::string& dir, std::string& error);
-
-// markers.txt of the truth (id x y z nx ny nz diameter per line; '#' lines are notes).
-bool readMarkerTable(const std::string& path, std::map<int32_t, Eigen::Vector3d>& markers,
-                     std::string& error);
 
 }  // namespace pfapp
