@@ -3,9 +3,11 @@
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
+#include <optional>
 
 #include "CascadeFile.h"
 #include "Commands.h"
+#include "Truth.h"
 #include "device/Pathfinder.h"
 
 namespace pfapp {
@@ -56,10 +58,29 @@ int runMeasure(const MeasureOptions& o) {
         ids.push_back(d.serialText());
     }
     HostSession::check(dev.setWorkingDevice(ids), "choosing the working devices");
+    std::optional<Truth> truth;
+    if (session.startedConsole()) {
+        const std::string dir = o.out + ".truth";
+        truth = exportTruth(o.session.consoleProgram, o.session.consoleArgs, dir);
+        std::error_code ec;
+        std::filesystem::remove_all(dir, ec);
+    }
+    if (truth) {
+        session.setReferenceMarkers(*truth);
+    }
     std::printf("measuring the transfer matrices ...\n");
     std::fflush(stdout);
     HostSession::check(dev.getTransferMatrix(), "measuring the transfer matrices");
-    // The measured matrices travel with the frames.
+    std::vector<CascadeEntry> entries = session.transferMatrices();
+    if (!entries.empty()) {
+        std::string error;
+        if (!writeCascadeFile(o.out, entries, error)) {
+            throw AppError(kExitOutput, error);
+        }
+        std::printf("%zu matrices -> %s\n", entries.size(), o.out.c_str());
+        return kExitOk;
+    }
+    // A module that keeps no table to hand out: the matrices some frames carry.
     HostSession::check(dev.setScanObject(device::SCAN_OBJECT_SURFACE, true),
                        "choosing the scan object");
     session.startCollecting();
@@ -67,7 +88,6 @@ int runMeasure(const MeasureOptions& o) {
     session.waitForFrames(5, 0, 5.0, nullptr);
     dev.controlLaserOff();
     const Collection c = session.stopCollecting();
-    std::vector<CascadeEntry> entries;
     for (const auto& m : c.trackingMatrices) {
         entries.push_back(CascadeEntry{m.first, m.second});
     }

@@ -100,8 +100,16 @@ int runScan(ScanOptions o) {
         matrixSource = "cascade file";
     } else if (!o.replay.empty()) {
         matrixSource = "as recorded";
+    } else if (!truth || truth->markers.empty()) {
+        // Static tracking registers each tracker's markers against a reference set; without
+        // one a measurement only runs into its timeout.
+        std::printf(
+            "transfer matrices: no reference markers (no truth, no --cascade); poses "
+            "stay as the trackers deliver them\n");
+        matrixSource = "none";
     } else {
-        std::printf("measuring the transfer matrices ...\n");
+        const size_t count = session.setReferenceMarkers(*truth);
+        std::printf("measuring the transfer matrices against %zu reference markers ...\n", count);
         std::fflush(stdout);
         const int rc = dev.getTransferMatrix();
         if (rc == device::RESULT_NOT_SUPPORTED) {
@@ -143,7 +151,10 @@ int runScan(ScanOptions o) {
     report.collection = std::move(c);
     report.startupSeconds = session.startupSeconds();
     report.matrixSource = matrixSource;
-    report.matrices = cascade;
+    report.matrices = session.transferMatrices();
+    if (report.matrices.empty()) {
+        report.matrices = cascade;
+    }
     if (report.matrices.empty()) {
         for (const auto& entry : report.collection.trackingMatrices) {
             report.matrices.push_back(CascadeEntry{entry.first, entry.second});

@@ -32,7 +32,31 @@ std::string defaultConsoleProgram() {
                               std::string("Lumora/lumora_console"));
 }
 
+// Module builds without a table to hand out answer with nothing.
+template <class D>
+auto tableOf(const D& d, int) -> decltype(d.transferMatrices()) {
+    return d.transferMatrices();
+}
+template <class D>
+std::vector<device::TransformTrackingMatrix> tableOf(const D&, long) {
+    return {};
+}
+
 }  // namespace
+
+std::vector<CascadeEntry> HostSession::transferMatrices() const {
+    std::vector<CascadeEntry> out;
+    if (!m_device) {
+        return out;
+    }
+    for (const device::TransformTrackingMatrix& m : tableOf(*m_device, 0)) {
+        CascadeEntry e;
+        e.trackerId = m.id;
+        std::copy(m.matrix, m.matrix + 16, e.matrix.begin());
+        out.push_back(e);
+    }
+    return out;
+}
 
 HostSession::HostSession(SessionOptions options) : m_options(std::move(options)) {}
 
@@ -451,6 +475,26 @@ bool HostSession::waitCalibEvent(double seconds) {
 std::vector<std::string> HostSession::deviceTexts() {
     std::lock_guard<std::mutex> lock(m_mutex);
     return m_texts;
+}
+
+size_t HostSession::setReferenceMarkers(const Truth& truth) {
+    device::tagMarkpointList reference;
+    for (const auto& m : truth.markers) {
+        device::tagMarkpoint p;
+        p.label = m.first;
+        const Eigen::Vector3d n = truth.markerNormals.count(m.first)
+                                      ? truth.markerNormals.at(m.first)
+                                      : Eigen::Vector3d::UnitZ();
+        for (int k = 0; k < 3; ++k) {
+            p.position[k] = static_cast<float>(m.second[k]);
+            p.normal[k] = static_cast<float>(n[k]);
+        }
+        p.value = static_cast<float>(
+            truth.markerDiameters.count(m.first) ? truth.markerDiameters.at(m.first) : 6.0);
+        reference.points.push_back(p);
+    }
+    HostSession::check(m_device->setMarkpoint(reference, true), "giving the reference markers");
+    return reference.points.size();
 }
 
 std::optional<Truth> exportTruth(const std::string& consoleProgram,

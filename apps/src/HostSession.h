@@ -28,6 +28,7 @@
 #include <string>
 #include <vector>
 
+#include "CascadeFile.h"
 #include "ExitCodes.h"
 #include "Geometry.h"
 #include "System.h"
@@ -111,6 +112,14 @@ public:
     // Throws AppError(kExitDevice) naming `what` unless `result` is success.
     static void check(int result, const std::string& what);
     static std::string resultText(int result);
+
+    // The module's transfer-matrix table (empty when the module keeps none or does not hand
+    // it out).
+    std::vector<CascadeEntry> transferMatrices() const;
+
+    // Gives the module the true markers as its reference set (what static tracking registers
+    // the trackers' markers against); returns how many.
+    size_t setReferenceMarkers(const Truth& truth);
 
     // --- frames ----------------------------------------------------------------------------
     // Starts assembling delivered frames (forgets an earlier collection).

@@ -21,6 +21,8 @@ std::optional<Truth> loadTruthFolder(const std::string& dir, std::string& error)
     truth.folder = dir;
     for (const sim::TruthMarker& m : real->markers) {
         truth.markers[m.id] = m.position;
+        truth.markerNormals[m.id] = m.normal;
+        truth.markerDiameters[m.id] = m.diameter;
     }
     for (const auto& t : real->transfer) {
         truth.matrices.push_back(CascadeEntry{t.first, t.second});

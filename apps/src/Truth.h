@@ -18,7 +18,9 @@ struct Truth {
     // Distance of a point of the reference frame to the true part (millimetres); empty when
     // the part could not be read.
     std::function<double(const Eigen::Vector3d&)> distance;
-    std::map<int32_t, Eigen::Vector3d> markers;
+    std::map<int32_t, Eigen::Vector3d> markers;  // reference markers by id (W)
+    std::map<int32_t, Eigen::Vector3d> markerNormals;
+    std::map<int32_t, double> markerDiameters;
     std::vector<CascadeEntry> matrices;
     double noiseSigmaMm = 0.0;  // the laser noise of the scene (0: unknown)
 };
