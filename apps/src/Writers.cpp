@@ -128,7 +128,6 @@ bool PngWriter::write(const std::string& path, std::string& error) const {
             const Eigen::Vector3f& p = m_cloud.points[i];
             const int u0 = static_cast<int>(margin + (p.x() - mn.x()) * scale);
             const int v0 = static_cast<int>(height - 1 - (margin + (p.y() - mn.y()) * scale));
-            const double t = std::max(0.0, std::min(1.0, (values[i] - lo) / (hi - lo)));
             float s = 1.0f;
             if (m_cloud.hasNormals()) {
                 Eigen::Vector3f n = m_cloud.normals[i];
@@ -144,9 +143,49 @@ bool PngWriter::write(const std::string& path, std::string& error) const {
                     }
                     depth.at<float>(v, u) = p.z();
                     hit.at<uint8_t>(v, u) = 1;
-                    level.at<uint8_t>(v, u) = static_cast<uint8_t>(std::lround(t * 255.0));
                     shade.at<float>(v, u) = s;
                 }
+            }
+        }
+        // The colour of a pixel is the mean value of the points of its top surface (within
+        // 1 mm of the highest): the highest point alone would pick the largest noise.
+        cv::Mat sum(height, width, CV_64F, cv::Scalar(0.0));
+        cv::Mat count(height, width, CV_32S, cv::Scalar(0));
+        for (size_t i = 0; i < m_cloud.points.size(); ++i) {
+            const Eigen::Vector3f& p = m_cloud.points[i];
+            const int u = static_cast<int>(margin + (p.x() - mn.x()) * scale);
+            const int v = static_cast<int>(height - 1 - (margin + (p.y() - mn.y()) * scale));
+            if (u < 0 || v < 0 || u >= width || v >= height ||
+                p.z() < depth.at<float>(v, u) - 1.0f) {
+                continue;
+            }
+            sum.at<double>(v, u) += values[i];
+            count.at<int32_t>(v, u) += 1;
+        }
+        for (int v = 0; v < height; ++v) {
+            for (int u = 0; u < width; ++u) {
+                if (!hit.at<uint8_t>(v, u)) {
+                    continue;
+                }
+                // A pixel no point fell into directly takes its nearest filled neighbour.
+                double value = 0.0;
+                int n = 0;
+                for (int r = 0; r <= splat && n == 0; ++r) {
+                    for (int dv = -r; dv <= r; ++dv) {
+                        for (int du = -r; du <= r; ++du) {
+                            const int vv = v + dv;
+                            const int uu = u + du;
+                            if (vv >= 0 && uu >= 0 && vv < height && uu < width &&
+                                count.at<int32_t>(vv, uu) > 0) {
+                                value += sum.at<double>(vv, uu);
+                                n += count.at<int32_t>(vv, uu);
+                            }
+                        }
+                    }
+                }
+                const double t =
+                    n == 0 ? 0.0 : std::max(0.0, std::min(1.0, (value / n - lo) / (hi - lo)));
+                level.at<uint8_t>(v, u) = static_cast<uint8_t>(std::lround(t * 255.0));
             }
         }
         // Without normals, shade by the slope of the depth buffer.
