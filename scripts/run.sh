@@ -1,14 +1,23 @@
 #!/usr/bin/env bash
-# Main job: set up, build, and run what exists of the stack.
+# Main job: set up, build the host tool, scan the simulated part and say where the results are.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
 build=${BUILD_DIR:-build}
 jobs=$(nproc 2>/dev/null || echo 2)
+out=${OUT_DIR:-out/scan-$(date +%Y%m%d-%H%M%S)}
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
-cmake --build "$build" -j"$jobs"
-if [ -x "$build/apps/pathfinder" ]; then
-  exec "$build/apps/pathfinder" scan --out "${OUT_DIR:-out}"
-fi
-echo "run: the host program is not built yet; running the test suite instead"
-ctest --test-dir "$build" --output-on-failure -j"$jobs"
+# The tool brings the device module and the console with it.
+cmake --build "$build" -j"$jobs" --target pathfinder_cli
+status=0
+"$build/apps/pathfinder" scan --out "$out" "$@" || status=$?
+echo
+echo "run: results in $out"
+for f in scan.ply scan.png summary.json; do
+  if [ -f "$out/$f" ]; then
+    echo "  $(cd "$out" && pwd)/$f"
+  else
+    echo "  $out/$f (not written)"
+  fi
+done
+exit "$status"

@@ -1,0 +1,115 @@
+// pathfinder devices: the devices with state, kind, model, versions, last temperatures and
+// thermal balance.
+#include <chrono>
+#include <cstdio>
+#include <thread>
+
+#include "Commands.h"
+#include "device/Pathfinder.h"
+
+namespace pfapp {
+
+namespace {
+
+struct DevicesOptions {
+    SessionOptions session;
+    double wait = 2.5;
+};
+
+const char* kindName(int kind) {
+    switch (kind) {
+        case device::DEVICE_TYPE_TRACKER:
+            return "tracker";
+        case device::DEVICE_TYPE_SCANNER:
+            return "scanner";
+        case device::DEVICE_TYPE_LIGHT_PEN:
+            return "light pen";
+        case device::DEVICE_TYPE_AIR:
+            return "air";
+        default:
+            return "unknown";
+    }
+}
+
+const char* stateName(int state) {
+    switch (state) {
+        case device::STATE_NO_STATUS:
+            return "no status";
+        case device::STATE_DISCONNECTED:
+            return "disconnected";
+        case device::STATE_CAMERA_OPEN_FAILED:
+            return "camera failed";
+        case device::STATE_USB_START_FAILED:
+            return "USB failed";
+        case device::STATE_READY:
+            return "ready";
+        default:
+            return "unknown";
+    }
+}
+
+int runDevices(const DevicesOptions& o) {
+    HostSession session(o.session);
+    session.open();
+    // Heartbeats bring the temperatures; give them a moment.
+    std::map<std::string, device::tagDeviceThermalBalance> thermal;
+    const auto until = std::chrono::steady_clock::now() + std::chrono::duration<double>(o.wait);
+    while (std::chrono::steady_clock::now() < until) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(250));
+        thermal = session.thermalRecords();
+        bool enough = !thermal.empty();
+        for (const auto& t : thermal) {
+            enough = enough && t.second.samples.size() >= 2;
+        }
+        if (enough) {
+            break;
+        }
+    }
+    const std::vector<device::tagDeviceInfo> list = session.devices();
+    const std::string lowpart = session.lowpartVersion();
+    std::printf("endpoint %s, module %s, low-part firmware %s\n", session.endpoint().c_str(),
+                device::getTrackVersion(), lowpart.empty() ? "(no answer)" : lowpart.c_str());
+    std::printf("%-12s %-9s %-6s %-13s %8s %8s %8s %9s\n", "device", "kind", "model", "state",
+                "temp C", "mean C", "samples", "balance%");
+    for (const device::tagDeviceInfo& d : list) {
+        const std::string id = d.serialText();
+        const auto t = thermal.find(id);
+        if (t != thermal.end()) {
+            std::printf("%-12s %-9s %-6d %-13s %8.2f %8.2f %8zu %9.3f\n", id.c_str(),
+                        kindName(d.kind), d.model, stateName(d.state), t->second.temperature1,
+                        t->second.mean, t->second.samples.size(), t->second.deviation);
+        } else {
+            std::printf("%-12s %-9s %-6d %-13s %8s %8s %8s %9s\n", id.c_str(), kindName(d.kind),
+                        d.model, stateName(d.state), "-", "-", "0", "-");
+        }
+    }
+    for (const auto& t : thermal) {
+        bool listed = false;
+        for (const device::tagDeviceInfo& d : list) {
+            listed = listed || d.serialText() == t.first;
+        }
+        if (!listed) {
+            std::printf("%-12s %-9s %-6s %-13s %8.2f %8.2f %8zu %9.3f\n", t.first.c_str(), "-", "-",
+                        "heartbeat", t.second.temperature1, t.second.mean, t.second.samples.size(),
+                        t.second.deviation);
+        }
+    }
+    if (list.empty()) {
+        throw AppError(kExitNoData, "the console announced no devices");
+    }
+    return kExitOk;
+}
+
+}  // namespace
+
+void addDevicesCommand(CLI::App& app, CommandRun& run) {
+    auto o = std::make_shared<DevicesOptions>();
+    CLI::App* sub = app.add_subcommand(
+        "devices", "list the devices: state, kind, model, versions, temperatures, balance");
+    sub->add_option("--wait", o->wait, "seconds to wait for heartbeats (default 2.5)")
+        ->check(CLI::Range(0.0, 60.0));
+    addSessionOptions(sub, o->session);
+    sub->callback([o, &run] { run.run = [o] { return runDevices(*o); }; });
+}
+
+}  // namespace pfapp

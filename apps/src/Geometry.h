@@ -1,0 +1,80 @@
+// Geometry of the host tool that needs no device: applying delivered poses, distance
+// statistics against the truth, best rigid fits of markers and the error of a transfer matrix.
+// Tests call it directly.
+#pragma once
+
+#include <Eigen/Core>
+#include <Eigen/Geometry>
+#include <array>
+#include <cstdint>
+#include <functional>
+#include <vector>
+
+namespace pfapp {
+
+// A pose as the module delivers it: a scanner point x (row vector) maps to x·R + t; R by rows.
+struct RowPose {
+    std::array<double, 9> rotation{1, 0, 0, 0, 1, 0, 0, 0, 1};
+    std::array<double, 3> translation{0, 0, 0};
+
+    Eigen::Vector3d applyPoint(const Eigen::Vector3d& x) const;
+    Eigen::Vector3d applyDirection(const Eigen::Vector3d& x) const;
+};
+
+// The assembled cloud: points in millimetres, normals (unit) when the scanner gave directions.
+struct Cloud {
+    std::vector<Eigen::Vector3f> points;
+    std::vector<Eigen::Vector3f> normals;  // empty, or one per point
+
+    bool hasNormals() const { return !normals.empty() && normals.size() == points.size(); }
+};
+
+// Appends a frame's laser points (x, y, z per point, scanner frame) mapped by `pose`. The
+// directions are used when there is one per point; when a frame brings none, the cloud stops
+// carrying normals. Non-finite points are skipped. Returns the number of points added.
+size_t appendFrame(Cloud& cloud, const RowPose& pose, const std::vector<float>& points,
+                   const std::vector<float>& directions);
+
+struct DistanceStats {
+    size_t count = 0;
+    double rms = 0.0;
+    double max = 0.0;
+    double p95 = 0.0;
+    double mean = 0.0;
+};
+
+// Statistics of absolute distances (empty input gives count 0 and zeros).
+DistanceStats distanceStats(std::vector<double> distances);
+
+// Distance of every cloud point to a surface (a callable answering one point).
+std::vector<double> distancesTo(const Cloud& cloud,
+                                const std::function<double(const Eigen::Vector3d&)>& distance);
+
+// Best rigid motion (rotation, translation; no scale) taking `from[i]` onto `to[i]`, by the
+// SVD of the cross-covariance (Kabsch). Needs three points not on one line; `ok` false
+// otherwise.
+struct RigidFit {
+    Eigen::Matrix3d rotation = Eigen::Matrix3d::Identity();
+    Eigen::Vector3d translation = Eigen::Vector3d::Zero();
+    std::vector<double> residuals;  // |R·from + t - to| per pair
+    bool ok = false;
+};
+RigidFit bestRigidFit(const std::vector<Eigen::Vector3d>& from,
+                      const std::vector<Eigen::Vector3d>& to);
+
+// A transfer matrix (16 doubles: B in 0-2, 4-6, 8-10 with B(r,c) = m[4r+c], T in 12-14;
+// p_K = B·p_W + T) against the true one: the difference of the translations in millimetres
+// and the angle of B·B_true^T in degrees.
+struct MatrixError {
+    double translationMm = 0.0;
+    double rotationDeg = 0.0;
+};
+MatrixError transferMatrixError(const std::array<double, 16>& measured,
+                                const std::array<double, 16>& truth);
+
+// Where a point of the reference frame W lands in the tracker: B·p + T.
+Eigen::Vector3d transferToTracker(const std::array<double, 16>& m, const Eigen::Vector3d& p);
+// The inverse: a tracker point back into W, B^T·(p - T) (B is a rotation).
+Eigen::Vector3d transferToReference(const std::array<double, 16>& m, const Eigen::Vector3d& p);
+
+}  // namespace pfapp

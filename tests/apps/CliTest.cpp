@@ -1,0 +1,355 @@
+// The `pathfinder` program end to end: every subcommand against consoles it starts on free
+// ports (or one the test starts), with the error paths a new user meets.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+
+#include <pcl/io/ply_io.h>
+#include <pcl/point_types.h>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <thread>
+
+#include "CascadeFile.h"
+#include "System.h"
+
+namespace pfapp {
+namespace {
+
+namespace fs = std::filesystem;
+
+struct Outcome {
+    int code = -1;
+    std::string out;
+};
+
+std::string quote(const std::string& s) {
+    std::string q = "'";
+    for (char c : s) {
+        q += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    }
+    return q + "'";
+}
+
+// Runs the program with `args` (and standard error joined to standard output). The waits of
+// the stack run ten times faster, the tool's endpoint is its own unless `env` says otherwise.
+Outcome pathfinder(const std::vector<std::string>& args, const std::string& env = "") {
+    std::string cmd = "env -u LUMORA_ENDPOINT PATHFINDER_TIME_SCALE=0.1 " + env + " " +
+                      quote(PATHFINDER_CLI_PATH);
+    for (const std::string& a : args) {
+        cmd += " " + quote(a);
+    }
+    cmd += " 2>&1 </dev/null";
+    Outcome r;
+    FILE* p = ::popen(cmd.c_str(), "r");
+    if (p == nullptr) {
+        return r;
+    }
+    char buffer[4096];
+    size_t n;
+    while ((n = std::fread(buffer, 1, sizeof(buffer), p)) > 0) {
+        r.out.append(buffer, n);
+    }
+    const int status = ::pclose(p);
+    r.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return r;
+}
+
+class HostCli : public ::testing::Test {
+protected:
+    void SetUp() override {
+        std::string pattern = (fs::temp_directory_path() / "pf_cli_XXXXXX").string();
+        ASSERT_NE(::mkdtemp(&pattern[0]), nullptr);
+        m_dir = pattern;
+    }
+    void TearDown() override { fs::remove_all(m_dir); }
+    std::string path(const std::string& name) const { return (fs::path(m_dir) / name).string(); }
+
+    std::string m_dir;
+};
+
+std::string endpointIn(const std::string& out) {
+    const size_t at = out.find("endpoint ");
+    if (at == std::string::npos) {
+        return {};
+    }
+    const size_t end = out.find(',', at);
+    return out.substr(at + 9, end - at - 9);
+}
+
+TEST_F(HostCli, EverySubcommandHasHelpAndBadCommandLinesAreUsageErrors) {
+    const std::vector<std::pair<std::vector<std::string>, std::string>> helps{
+        {{"scan", "--help"}, "--cascade"},
+        {{"markers", "--help"}, "--out"},
+        {{"cascade", "measure", "--help"}, "--out"},
+        {{"cascade", "show", "--help"}, "FILE"},
+        {{"devices", "--help"}, "--endpoint"},
+        {{"calibrate", "--help"}, "--mode"},
+        {{"config", "--help"}, "KEY"},
+        {{"--help"}, "Exit codes"}};
+    for (const auto& h : helps) {
+        const Outcome r = pathfinder(h.first);
+        EXPECT_EQ(r.code, 0) << h.first[0] << "\n" << r.out;
+        EXPECT_NE(r.out.find(h.second), std::string::npos) << h.first[0] << "\n" << r.out;
+    }
+    EXPECT_EQ(pathfinder({}).code, 2);
+    EXPECT_EQ(pathfinder({"scan"}).code, 2);  // --out is required
+    EXPECT_EQ(pathfinder({"scan", "--out", path("o"), "--frames", "5", "--seconds", "2"}).code, 2);
+    EXPECT_EQ(pathfinder({"scan", "--out", path("o"), "--object", "wood"}).code, 2);
+    EXPECT_EQ(pathfinder({"calibrate", "--mode", "sideways"}).code, 2);
+    EXPECT_EQ(pathfinder({"devices", "--endpoint", "nowhere:port"}).code, 2);
+    EXPECT_FALSE(fs::exists(path("o")));
+}
+
+TEST_F(HostCli, AMissingConsoleIsOneLineAndExitCodeThree) {
+    Outcome r = pathfinder({"devices", "--console", path("no/lumora_console")});
+    EXPECT_EQ(r.code, 3) << r.out;
+    EXPECT_NE(r.out.find("pathfinder: console missing: " + path("no/lumora_console")),
+              std::string::npos)
+        << r.out;
+
+    // Nothing listens on a port that was free a moment ago, and starting is not allowed.
+    std::string port;
+    {
+        ChildProcess probe;  // any free port: let a console pick one and end it again
+        std::mutex m;
+        std::string line;
+        std::string error;
+        ASSERT_TRUE(probe.start(
+            fs::path(PATHFINDER_CLI_PATH).parent_path().parent_path().string() +
+                "/annex/Lumora/lumora_console",
+            {"--endpoint", "127.0.0.1:0", "--no-stdin"},
+            [&](const std::string& l) {
+                std::lock_guard<std::mutex> lock(m);
+                if (line.empty()) {
+                    line = l;
+                }
+            },
+            error))
+            << error;
+        for (int i = 0; i < 500; ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+            std::lock_guard<std::mutex> lock(m);
+            if (!line.empty()) {
+                break;
+            }
+        }
+        std::lock_guard<std::mutex> lock(m);
+        port = line.substr(line.rfind(':') + 1);
+    }
+    ASSERT_FALSE(port.empty());
+    r = pathfinder({"scan", "--out", path("s"), "--no-start", "--endpoint", "127.0.0.1:" + port});
+    EXPECT_EQ(r.code, 3) << r.out;
+    EXPECT_NE(r.out.find("console missing: nothing answers at 127.0.0.1:" + port),
+              std::string::npos)
+        << r.out;
+}
+
+TEST_F(HostCli, DevicesListsTheConsolesDevicesAndEndsOnlyItsOwnConsole) {
+    // A console the user already runs is used and left running.
+    ChildProcess theirs;
+    std::mutex m;
+    std::string listening;
+    std::string error;
+    const std::string console = fs::path(PATHFINDER_CLI_PATH).parent_path().parent_path().string() +
+                                "/annex/Lumora/lumora_console";
+    ASSERT_TRUE(theirs.start(
+        console,
+        {"--endpoint", "127.0.0.1:0", "--no-stdin", "--tracker-id", "TRK0077", "--heartbeat-ms",
+         "100"},
+        [&](const std::string& l) {
+            std::lock_guard<std::mutex> lock(m);
+            if (listening.empty() && l.find("listening on ") != l.npos) {
+                listening = l.substr(l.find("listening on ") + 13);
+            }
+        },
+        error))
+        << error;
+    for (int i = 0; i < 500 && listening.empty(); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        std::lock_guard<std::mutex> lock(m);
+    }
+    std::string endpoint;
+    {
+        std::lock_guard<std::mutex> lock(m);
+        endpoint = listening;
+    }
+    ASSERT_FALSE(endpoint.empty());
+    Outcome r = pathfinder({"devices", "--wait", "3"}, "LUMORA_ENDPOINT=" + endpoint);
+    EXPECT_EQ(r.code, 0) << r.out;
+    EXPECT_NE(r.out.find("using the console that answers at " + endpoint), std::string::npos)
+        << r.out;
+    EXPECT_NE(r.out.find("TRK0077      tracker   0      ready"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("SCN0001      scanner"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("low-part firmware 1.4.2"), std::string::npos) << r.out;
+    EXPECT_TRUE(theirs.alive());
+
+    // A console of its own: the scene options reach it, and it is gone afterwards.
+    r = pathfinder({"devices", "--wait", "3", "--console-arg=--tracker-model=2",
+                    "--console-arg=--lowpart-version=2.0.7"});
+    EXPECT_EQ(r.code, 0) << r.out;
+    EXPECT_NE(r.out.find("starting the console"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("TRK0001      tracker   2      ready"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("low-part firmware 2.0.7"), std::string::npos) << r.out;
+    // Temperatures of the simulated devices (31 C tracker) with their running mean.
+    EXPECT_NE(r.out.find("    31."), std::string::npos) << r.out;
+    std::string host;
+    uint16_t port = 0;
+    ASSERT_TRUE(splitEndpoint(endpointIn(r.out), host, port)) << r.out;
+    EXPECT_FALSE(endpointAnswers(host, port, 300));
+    EXPECT_TRUE(theirs.alive());
+}
+
+TEST_F(HostCli, ScanRefusesBadInputsBeforeStartingAnything) {
+    std::ofstream(path("file")) << "x";
+    Outcome r = pathfinder({"scan", "--out", path("file") + "/sub"});
+    EXPECT_EQ(r.code, 7) << r.out;
+    EXPECT_NE(r.out.find("output folder not writable: " + path("file") + "/sub"), std::string::npos)
+        << r.out;
+    EXPECT_EQ(r.out.find("starting the console"), std::string::npos) << r.out;
+
+    std::ofstream(path("bad.bin"), std::ios::binary) << "0123456789";
+    r = pathfinder({"scan", "--out", path("out"), "--cascade", path("bad.bin")});
+    EXPECT_EQ(r.code, 5) << r.out;
+    EXPECT_NE(r.out.find(path("bad.bin") + ": not a cascade file"), std::string::npos) << r.out;
+    EXPECT_EQ(r.out.find("starting the console"), std::string::npos) << r.out;
+
+    r = pathfinder({"scan", "--out", path("out"), "--replay", path("none.rec")});
+    EXPECT_EQ(r.code, 5) << r.out;
+    EXPECT_NE(r.out.find("cannot read the recording"), std::string::npos) << r.out;
+}
+
+TEST_F(HostCli, ScanWritesAnHonestSummaryAndFilesThatLoad) {
+    const std::string out = path("scan");
+    const Outcome r = pathfinder({"scan", "--out", out, "--frames", "40"});
+    ASSERT_TRUE(fs::exists(out + "/summary.json")) << r.out;
+    std::ifstream in(out + "/summary.json");
+    const nlohmann::json s = nlohmann::json::parse(in);
+    for (const char* key :
+         {"frames", "points", "frames_per_second", "dropped_frames", "duration_s", "startup_s"}) {
+        EXPECT_TRUE(s.contains(key)) << key;
+    }
+    const size_t frames = s.at("frames");
+    const size_t points = s.at("points");
+    EXPECT_NE(r.out.find("frames                 " + std::to_string(frames)), std::string::npos)
+        << r.out;
+    if (frames == 0) {
+        // Nothing delivered is an error, said as such, and no empty cloud pretends otherwise.
+        EXPECT_EQ(r.code, 8) << r.out;
+        EXPECT_NE(r.out.find("no frames were delivered"), std::string::npos) << r.out;
+        EXPECT_FALSE(fs::exists(out + "/scan.ply"));
+        EXPECT_EQ(points, 0u);
+        return;
+    }
+    EXPECT_EQ(r.code, 0) << r.out;
+    EXPECT_GE(frames, 40u);
+    pcl::PointCloud<pcl::PointXYZ> cloud;
+    ASSERT_EQ(pcl::io::loadPLYFile(out + "/scan.ply", cloud), 0);
+    EXPECT_EQ(cloud.size(), points);
+    EXPECT_TRUE(fs::file_size(out + "/scan.png") > 1000);
+    std::vector<CascadeEntry> matrices;
+    std::string error;
+    EXPECT_TRUE(readCascadeFile(out + "/cascade.bin", matrices, error)) << error;
+    if (s.contains("accuracy")) {
+        const double sigma = s["accuracy"].value("noise_sigma_mm", 0.0);
+        ASSERT_GT(sigma, 0.0);
+        EXPECT_LT(s["accuracy"].at("rms_mm").get<double>(), 3 * sigma) << s.dump(2);
+    }
+}
+
+TEST_F(HostCli, ARejectedTriggerIsADeviceErrorInOneLine) {
+    const Outcome r = pathfinder({"scan", "--out", path("s"), "--frames", "10",
+                                  "--console-arg=--setup=answer setTrigger 3"});
+    EXPECT_EQ(r.code, 4) << r.out;
+    const size_t at = r.out.find("pathfinder: ");
+    ASSERT_NE(at, std::string::npos) << r.out;
+    const std::string line = r.out.substr(at, r.out.find('\n', at) - at);
+    EXPECT_NE(line.find("the device rejected the trigger (result 12)"), std::string::npos) << line;
+}
+
+size_t summaryFrames(const std::string& dir) {
+    std::ifstream in(dir + "/summary.json");
+    return nlohmann::json::parse(in).at("frames").get<size_t>();
+}
+
+TEST_F(HostCli, AReplayedRecordingGivesTheFramesOfTheLiveScan) {
+    const std::string rec = path("live.rec");
+    Outcome live = pathfinder(
+        {"scan", "--out", path("live"), "--frames", "30", "--console-arg=--record=" + rec});
+    ASSERT_TRUE(fs::exists(rec)) << live.out;
+    Outcome replay = pathfinder({"scan", "--out", path("replay"), "--replay", rec});
+    EXPECT_NE(replay.out.find("replaying"), std::string::npos) << replay.out;
+    EXPECT_EQ(replay.code, live.code) << live.out << replay.out;
+    EXPECT_EQ(summaryFrames(path("replay")), summaryFrames(path("live")));
+
+    std::ofstream(path("bad.rec"), std::ios::binary) << "not a recording";
+    Outcome bad = pathfinder({"scan", "--out", path("bad"), "--replay", path("bad.rec")});
+    EXPECT_EQ(bad.code, 5) << bad.out;
+    EXPECT_NE(bad.out.find("cannot replay " + path("bad.rec")), std::string::npos) << bad.out;
+}
+
+TEST_F(HostCli, CascadeShowPrintsAFileAndRefusesADamagedOne) {
+    std::vector<CascadeEntry> entries(2);
+    entries[0].trackerId = "TRK0001";
+    entries[1].trackerId = "TRK0002";
+    entries[1].matrix[12] = 1500.25;
+    std::string error;
+    ASSERT_TRUE(writeCascadeFile(path("c.bin"), entries, error));
+    Outcome r = pathfinder({"cascade", "show", path("c.bin")});
+    EXPECT_EQ(r.code, 0) << r.out;
+    EXPECT_NE(r.out.find("2 trackers"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("TRK0002"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("1500.250"), std::string::npos) << r.out;
+
+    std::ofstream(path("bad.bin"), std::ios::binary) << std::string(151, '\0');
+    r = pathfinder({"cascade", "show", path("bad.bin")});
+    EXPECT_EQ(r.code, 5) << r.out;
+    EXPECT_NE(r.out.find("not a cascade file"), std::string::npos) << r.out;
+    r = pathfinder({"cascade", "show", path("missing.bin")});
+    EXPECT_EQ(r.code, 5) << r.out;
+}
+
+TEST_F(HostCli, ConfigReadsAndChangesKeysKeepingNotesAndLayout) {
+    const std::string file = path("Debug.dbg");
+    std::ofstream(file) << "# switches\nSaveScanFrame = false   # frames to disk\n\nLevel: 3\n";
+    Outcome r = pathfinder({"config", file});
+    EXPECT_EQ(r.code, 0) << r.out;
+    EXPECT_NE(r.out.find("Level = 3"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("SaveScanFrame = false"), std::string::npos) << r.out;
+
+    r = pathfinder({"config", file, "Level"});
+    EXPECT_EQ(r.code, 0);
+    EXPECT_EQ(r.out, "3\n");
+
+    r = pathfinder({"config", file, "SaveScanFrame", "true"});
+    EXPECT_EQ(r.code, 0) << r.out;
+    std::ifstream in(file);
+    const std::string text((std::istreambuf_iterator<char>(in)), {});
+    EXPECT_EQ(text, "# switches\nSaveScanFrame = true   # frames to disk\n\nLevel: 3\n");
+
+    r = pathfinder({"config", file, "NoSuchKey", "1"});
+    EXPECT_EQ(r.code, 6) << r.out;
+    EXPECT_NE(r.out.find("unknown key NoSuchKey"), std::string::npos) << r.out;
+    std::ifstream again(file);
+    EXPECT_EQ(std::string((std::istreambuf_iterator<char>(again)), {}), text);
+
+    r = pathfinder({"config", path("missing.dbg")});
+    EXPECT_EQ(r.code, 5) << r.out;
+    EXPECT_NE(r.out.find("cannot read"), std::string::npos) << r.out;
+}
+
+TEST_F(HostCli, CalibrateRunsATrackerBarCalibrationStepByStep) {
+    const Outcome r = pathfinder({"calibrate", "--mode", "tracker-bar"});
+    EXPECT_EQ(r.code, 0) << r.out;
+    EXPECT_NE(r.out.find("next location 1"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("tracker pose"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("step: result 0.0210"), std::string::npos) << r.out;
+}
+
+}  // namespace
+}  // namespace pfapp
