@@ -62,7 +62,9 @@ int runScan(ScanOptions o) {
     scene.insert(scene.end(), o.session.consoleArgs.begin(), o.session.consoleArgs.end());
     o.session.consoleArgs = scene;
     if (!o.replay.empty()) {
-        o.session.consoleArgs.insert(o.session.consoleArgs.end(), {"--replay", o.replay});
+        // Played once: the console ends with the recording, so the scan ends with it too.
+        o.session.consoleArgs.insert(o.session.consoleArgs.end(),
+                                     {"--replay", o.replay, "--replay-exit"});
     }
     o.session.consoleLog = (fs::path(o.out) / "console.log").string();
 
