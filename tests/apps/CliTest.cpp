@@ -238,14 +238,6 @@ TEST_F(HostCli, ScanWritesAnHonestSummaryAndFilesThatLoad) {
     const size_t points = s.at("points");
     EXPECT_NE(r.out.find("frames                 " + std::to_string(frames)), std::string::npos)
         << r.out;
-    if (frames == 0) {
-        // Nothing delivered is an error, said as such, and no empty cloud pretends otherwise.
-        EXPECT_EQ(r.code, 8) << r.out;
-        EXPECT_NE(r.out.find("no frames were delivered"), std::string::npos) << r.out;
-        EXPECT_FALSE(fs::exists(out + "/scan.ply"));
-        EXPECT_EQ(points, 0u);
-        return;
-    }
     EXPECT_EQ(r.code, 0) << r.out;
     EXPECT_GE(frames, 40u);
     pcl::PointCloud<pcl::PointXYZ> cloud;
@@ -255,11 +247,11 @@ TEST_F(HostCli, ScanWritesAnHonestSummaryAndFilesThatLoad) {
     std::vector<CascadeEntry> matrices;
     std::string error;
     EXPECT_TRUE(readCascadeFile(out + "/cascade.bin", matrices, error)) << error;
-    if (s.contains("accuracy")) {
-        const double sigma = s["accuracy"].value("noise_sigma_mm", 0.0);
-        ASSERT_GT(sigma, 0.0);
-        EXPECT_LT(s["accuracy"].at("rms_mm").get<double>(), 3 * sigma) << s.dump(2);
-    }
+    // The console exports its truth, so the cloud is measured against the true part.
+    ASSERT_TRUE(s.contains("accuracy")) << s.dump(2);
+    const double sigma = s["accuracy"].value("noise_sigma_mm", 0.0);
+    ASSERT_GT(sigma, 0.0);
+    EXPECT_LT(s["accuracy"].at("rms_mm").get<double>(), 3 * sigma) << s.dump(2);
 }
 
 TEST_F(HostCli, ARejectedTriggerIsADeviceErrorInOneLine) {
