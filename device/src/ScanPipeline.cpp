@@ -24,6 +24,11 @@ constexpr uint16_t kTransferWaiting = 0x0001;    // low byte: a measurement wait
 constexpr uint16_t kTransferFrameDone = 0x0100;  // high byte: that frame has been processed
 constexpr int kTransferPollMs = 100;
 constexpr int kTransferPollLimit = 200;  // the counter may exceed this once: 202 sleeps at most
+constexpr int kTransferQuietPolls = 3;   // quiet polls that end the drain after a measurement
+constexpr int kTransferDrainPolls = 20;  // bound of that drain
+
+// Frames a transfer measurement consumed, so that its end can tell when the link went quiet.
+std::atomic<uint64_t> g_transferFramesSwallowed{0};
 
 constexpr double kIdentity16[16] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
 
@@ -442,6 +447,18 @@ emDeviceResult CPathfinder::getTransferMatrix() {
 
     m_bTriggerActive.store(false);
     m_pScanWrapper->setTrigger(false, {});
+    if (!trackers.empty()) {
+        // The trigger-off is not acknowledged: frames the device sent before it handled it are
+        // still on their way. They are swallowed until the link has been quiet for a few polls.
+        uint64_t seen = g_transferFramesSwallowed.load();
+        for (int quiet = 0, polls = 0; quiet < kTransferQuietPolls && polls < kTransferDrainPolls;
+             ++polls) {
+            platform::sleepMs(kTransferPollMs);
+            const uint64_t now = g_transferFramesSwallowed.load();
+            quiet = now == seen ? quiet + 1 : 0;
+            seen = now;
+        }
+    }
     const int business = m_nWorkBusiness == 3 ? 11 : (m_nWorkBusiness == 4 ? 22 : 2);
     m_pScanWrapper->setWorkBusiness(business);
     m_nTransferHandshake.store(0);
@@ -503,6 +520,7 @@ void CPathfinder::CallBack_ScanData(void* pScanData, bool bFlag) {
     // A waiting transfer measurement consumes the frame; nothing reaches the host.
     const uint16_t handshake = m_nTransferHandshake.load();
     if ((handshake & kTransferWaiting) != 0) {
+        g_transferFramesSwallowed.fetch_add(1);
         if ((handshake & kTransferFrameDone) == 0 && m_pMarkpoint != nullptr) {
             double M[16] = {0};
             const int r = m_pMarkpoint->SetTrackStatic(frame, M);
