@@ -146,6 +146,9 @@ int runScan(ScanOptions o) {
     }
     if (o.replay.empty()) {
         dev.controlLaserOff();
+        // Frames the device sent before it saw the laser go off are still on their way through
+        // the module; they belong to the scan (a replay of the recording delivers them too).
+        session.waitForFrames(0, 3.0, 0.3, {});
     }
     Collection c = session.stopCollecting();
 

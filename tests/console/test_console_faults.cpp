@@ -90,7 +90,10 @@ uint32_t typeOf(const std::string& frame) {
 
 class ConsoleFaults : public ::testing::Test {
 protected:
-    void SetUp() override { platform::setTimeScale(0.01); }
+    void SetUp() override {
+        platform::setTimeScale(0.01);
+        console.timeScale = "1";
+    }
     void TearDown() override { wrapper.setCloseWrapper(true); }
 
     void connect(std::vector<std::string> extra = {}) {
