@@ -22,10 +22,6 @@ namespace sdktest {
 
 class ConsoleProcess {
 public:
-    // The child's time scale; empty: the one this process's environment gives. Tests that
-    // state the console's delays, silences or crash times in real milliseconds set "1".
-    std::string timeScale;
-
     ~ConsoleProcess() {
         if (m_pid > 0) {
             ::kill(m_pid, SIGKILL);
@@ -58,21 +54,7 @@ public:
         posix_spawn_file_actions_init(&fa);
         posix_spawn_file_actions_adddup2(&fa, out[1], STDOUT_FILENO);
         posix_spawn_file_actions_adddup2(&fa, in[0], STDIN_FILENO);
-        std::vector<std::string> env;
-        for (char** e = environ; *e != nullptr; ++e) {
-            if (timeScale.empty() || std::string(*e).rfind("PATHFINDER_TIME_SCALE=", 0) != 0) {
-                env.emplace_back(*e);
-            }
-        }
-        if (!timeScale.empty()) {
-            env.emplace_back("PATHFINDER_TIME_SCALE=" + timeScale);
-        }
-        std::vector<char*> cenv;
-        for (std::string& e : env) {
-            cenv.push_back(e.data());
-        }
-        cenv.push_back(nullptr);
-        const int rc = posix_spawn(&m_pid, cargv[0], &fa, nullptr, cargv.data(), cenv.data());
+        const int rc = posix_spawn(&m_pid, cargv[0], &fa, nullptr, cargv.data(), environ);
         posix_spawn_file_actions_destroy(&fa);
         ::close(out[1]);
         ::close(in[0]);
