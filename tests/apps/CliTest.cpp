@@ -170,12 +170,9 @@ TEST_F(HostCli, DevicesListsTheConsolesDevicesAndEndsOnlyItsOwnConsole) {
         },
         error))
         << error;
-    for (int i = 0; i < 500 && listening.empty(); ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        std::lock_guard<std::mutex> lock(m);
-    }
     std::string endpoint;
-    {
+    for (int i = 0; i < 500 && endpoint.empty(); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
         std::lock_guard<std::mutex> lock(m);
         endpoint = listening;
     }
