@@ -92,7 +92,10 @@ class ConsoleFaults : public ::testing::Test {
 protected:
     void SetUp() override {
         platform::setTimeScale(0.01);
-        console.timeScale = "1";
+        // The consoles these tests start inherit the environment. Their delays, silences,
+        // crash times and replay pacing are given in real milliseconds, whatever scale the
+        // test run was given (the sanitizer runs give one).
+        ::setenv(platform::kTimeScaleEnv, "1", 1);
     }
     void TearDown() override { wrapper.setCloseWrapper(true); }
 
