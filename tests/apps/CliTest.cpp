@@ -404,6 +404,18 @@ TEST_F(HostCli, CascadeMeasureWritesTheTruePosesOfChainedTrackers) {
     const Outcome shown = pathfinder({"cascade", "show", path("c.bin")});
     EXPECT_EQ(shown.code, 0) << shown.out;
     EXPECT_NE(shown.out.find("2 trackers"), std::string::npos) << shown.out;
+
+    // The module imports the file the tool wrote: a scan with it lands on the part.
+    const Outcome scan =
+        pathfinder({"scan", "--out", path("s"), "--frames", "20", "--cascade", path("c.bin"),
+                    "--console-arg=--seed=5", "--console-arg=--trackers=2"});
+    ASSERT_EQ(scan.code, 0) << scan.out;
+    const nlohmann::json s = summaryOf(path("s"));
+    EXPECT_EQ(s.at("transfer_matrices"), "cascade file") << s.dump(2);
+    ASSERT_TRUE(s.contains("accuracy")) << s.dump(2);
+    EXPECT_LT(s["accuracy"].at("rms_mm").get<double>(),
+              3 * s["accuracy"].at("noise_sigma_mm").get<double>())
+        << s.dump(2);
 }
 
 // A marker model built by dynamic tracking: the tool reports it against the truth, and the
