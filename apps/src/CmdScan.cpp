@@ -139,7 +139,7 @@ int runScan(ScanOptions o) {
         const bool replay = !o.replay.empty();
         const size_t frames = replay || o.seconds > 0 ? 0 : o.frames;
         Progress progress(replay ? "replaying" : "scanning", "frames", frames, o.seconds,
-                          stdoutIsTerminal());
+                          platform::stdoutIsTerminal());
         session.waitForFrames(frames, o.seconds, replay ? 8.0 : 5.0,
                               [&](size_t n) { progress.update(n); });
         progress.finish(session.framesSoFar());

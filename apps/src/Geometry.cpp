@@ -165,4 +165,91 @@ Eigen::Vector3d transferToReference(const std::array<double, 16>& m, const Eigen
     return blockOf(m).transpose() * (p - translationOf(m));
 }
 
+namespace {
+
+size_t nearestOf(const std::vector<Eigen::Vector3d>& set, const Eigen::Vector3d& p) {
+    size_t best = 0;
+    for (size_t k = 1; k < set.size(); ++k) {
+        if ((set[k] - p).squaredNorm() < (set[best] - p).squaredNorm()) {
+            best = k;
+        }
+    }
+    return best;
+}
+
+}  // namespace
+
+MarkerModelMatch matchMarkerModel(
+    const std::vector<Eigen::Vector3d>& model, const std::vector<Eigen::Vector3d>& truth,
+    const std::vector<std::pair<std::string, std::array<double, 16>>>& frames, double maxPairMm) {
+    MarkerModelMatch best;
+    if (model.empty() || truth.empty()) {
+        return best;
+    }
+    std::vector<std::pair<std::string, std::array<double, 16>>> tried{
+        {"reference", {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1}}};
+    tried.insert(tried.end(), frames.begin(), frames.end());
+    double bestMedian = maxPairMm;
+    for (const auto& frame : tried) {
+        std::vector<Eigen::Vector3d> moved;
+        for (const Eigen::Vector3d& t : truth) {
+            moved.push_back(transferToTracker(frame.second, t));
+        }
+        MarkerModelMatch m;
+        m.frame = frame.first;
+        std::vector<double> gaps;
+        std::vector<Eigen::Vector3d> from, to;
+        for (size_t i = 0; i < model.size(); ++i) {
+            const size_t k = nearestOf(moved, model[i]);
+            const double gap = (moved[k] - model[i]).norm();
+            gaps.push_back(gap);
+            if (gap <= maxPairMm) {
+                m.paired.push_back(i);
+                m.truthOf.push_back(k);
+                from.push_back(model[i]);
+                to.push_back(moved[k]);
+            }
+        }
+        std::nth_element(gaps.begin(), gaps.begin() + static_cast<long>(gaps.size() / 2),
+                         gaps.end());
+        const double median = gaps[gaps.size() / 2];
+        if (median < bestMedian) {
+            m.fit = bestRigidFit(from, to);
+            m.ok = m.fit.ok;
+            if (m.ok) {
+                bestMedian = median;
+                best = std::move(m);
+            }
+        }
+    }
+    return best;
+}
+
+std::vector<size_t> countObservations(const std::vector<Eigen::Vector3d>& model,
+                                      const std::vector<Eigen::Vector3d>& observations,
+                                      double radiusMm) {
+    std::vector<size_t> counts(model.size(), 0);
+    if (model.empty()) {
+        return counts;
+    }
+    for (const Eigen::Vector3d& o : observations) {
+        const size_t k = nearestOf(model, o);
+        counts[k] += (model[k] - o).norm() <= radiusMm ? 1 : 0;
+    }
+    return counts;
+}
+
+double observationWeightedRms(const std::vector<double>& residuals,
+                              const std::vector<size_t>& observations) {
+    const size_t n = std::min(residuals.size(), observations.size());
+    if (n == 0) {
+        return 0.0;
+    }
+    double sum = 0.0;
+    for (size_t i = 0; i < n; ++i) {
+        sum += residuals[i] * residuals[i] * static_cast<double>(observations[i]);
+    }
+    return std::sqrt(sum / static_cast<double>(n));
+}
+
 }  // namespace pfapp

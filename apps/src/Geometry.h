@@ -8,6 +8,8 @@
 #include <array>
 #include <cstdint>
 #include <functional>
+#include <string>
+#include <utility>
 #include <vector>
 
 namespace pfapp {
@@ -76,5 +78,34 @@ MatrixError transferMatrixError(const std::array<double, 16>& measured,
 Eigen::Vector3d transferToTracker(const std::array<double, 16>& m, const Eigen::Vector3d& p);
 // The inverse: a tracker point back into W, B^T·(p - T) (B is a rotation).
 Eigen::Vector3d transferToReference(const std::array<double, 16>& m, const Eigen::Vector3d& p);
+
+// A marker model against the true markers when the two share no labels (a model's labels are
+// its own). A model is built in some frame of the scene: the true markers are tried in the
+// reference frame and in each tracker's (`frames`: name and transfer matrix), every model
+// marker is paired with the nearest true marker, and the frame with the smallest median pair
+// distance wins when that is below `maxPairMm`. The pairs within `maxPairMm` then get the best
+// rigid fit.
+struct MarkerModelMatch {
+    bool ok = false;
+    std::string frame;            // "reference" or the tracker's id
+    std::vector<size_t> paired;   // model markers that found a true one
+    std::vector<size_t> truthOf;  // the true marker of each paired model marker
+    RigidFit fit;                 // residuals in the order of `paired`
+};
+MarkerModelMatch matchMarkerModel(
+    const std::vector<Eigen::Vector3d>& model, const std::vector<Eigen::Vector3d>& truth,
+    const std::vector<std::pair<std::string, std::array<double, 16>>>& frames, double maxPairMm);
+
+// How often each model marker was observed: every observation (a marker position in the
+// model's frame) counts for the nearest model marker within `radiusMm`.
+std::vector<size_t> countObservations(const std::vector<Eigen::Vector3d>& model,
+                                      const std::vector<Eigen::Vector3d>& observations,
+                                      double radiusMm);
+
+// The residuals of markers seen k_i times, each scaled by sqrt(k_i): sqrt(sum k_i r_i^2 / n).
+// A model whose markers are the means of their observations gives about the noise of one
+// observation, however often each marker was seen.
+double observationWeightedRms(const std::vector<double>& residuals,
+                              const std::vector<size_t>& observations);
 
 }  // namespace pfapp

@@ -1,7 +1,5 @@
 #include "HostSession.h"
 
-#include <stdlib.h>
-
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
@@ -32,16 +30,6 @@ std::string defaultConsoleProgram() {
                               std::string("Lumora/lumora_console"));
 }
 
-// Module builds without a table to hand out answer with nothing.
-template <class D>
-auto tableOf(const D& d, int) -> decltype(d.transferMatrices()) {
-    return d.transferMatrices();
-}
-template <class D>
-std::vector<device::TransformTrackingMatrix> tableOf(const D&, long) {
-    return {};
-}
-
 }  // namespace
 
 std::vector<CascadeEntry> HostSession::transferMatrices() const {
@@ -49,7 +37,7 @@ std::vector<CascadeEntry> HostSession::transferMatrices() const {
     if (!m_device) {
         return out;
     }
-    for (const device::TransformTrackingMatrix& m : tableOf(*m_device, 0)) {
+    for (const device::TransformTrackingMatrix& m : m_device->transferMatrices()) {
         CascadeEntry e;
         e.trackerId = m.id;
         std::copy(m.matrix, m.matrix + 16, e.matrix.begin());
@@ -131,22 +119,15 @@ void HostSession::startConsole(const std::string& host, uint16_t port) {
     if (!m_options.consoleLog.empty()) {
         log = std::make_shared<std::ofstream>(m_options.consoleLog, std::ios::trunc);
     }
+    // The console reads "--option=value" as "--option value": the arguments go as given, the
+    // same as to the truth export.
     std::vector<std::string> args{"--endpoint", host + ":" + std::to_string(port), "--no-stdin"};
-    // The console takes "--option value"; "--option=value" is split for it.
-    for (const std::string& a : m_options.consoleArgs) {
-        const size_t eq = a.find('=');
-        if (a.rfind("--", 0) == 0 && eq != std::string::npos) {
-            args.push_back(a.substr(0, eq));
-            args.push_back(a.substr(eq + 1));
-        } else {
-            args.push_back(a);
-        }
-    }
+    args.insert(args.end(), m_options.consoleArgs.begin(), m_options.consoleArgs.end());
     if (m_options.verbose) {
         std::printf("starting the console %s\n", program.c_str());
         std::fflush(stdout);
     }
-    auto child = std::make_unique<ChildProcess>();
+    auto child = std::make_unique<platform::ChildProcess>();
     std::string error;
     const bool started = child->start(
         program, args,
@@ -210,7 +191,7 @@ void HostSession::open() {
     if (!wanted.empty() && !splitEndpoint(wanted, host, port)) {
         throw AppError(kExitUsage, "not an endpoint (host:port): " + wanted);
     }
-    if (port != 0 && endpointAnswers(host, port, 500)) {
+    if (port != 0 && platform::endpointAnswers(host, port, 500)) {
         m_endpoint = host + ":" + std::to_string(port);
         if (m_options.verbose) {
             std::printf("using the console that answers at %s\n", m_endpoint.c_str());
@@ -222,14 +203,11 @@ void HostSession::open() {
     } else {
         startConsole(host, port);
     }
-    ::setenv("LUMORA_ENDPOINT", m_endpoint.c_str(), 1);
+    platform::setEnvironment("LUMORA_ENDPOINT", m_endpoint);
 
     // An annex folder without companion programs (see the header).
-    std::string tmp = "/tmp";
-    platform::getEnvironment("TMPDIR", tmp);
-    std::string pattern = platform::joinPath(tmp, std::string("pathfinder_host_XXXXXX"));
-    if (::mkdtemp(&pattern[0]) != nullptr) {
-        m_annex = pattern;
+    m_annex = platform::makeTemporaryDirectory("pathfinder_host_");
+    if (!m_annex.empty()) {
         device::CDeviceBase::setAnnexPath(platform::widePath(m_annex));
     }
 
@@ -506,7 +484,7 @@ std::optional<Truth> exportTruth(const std::string& consoleProgram,
     std::vector<std::string> args{"--export-truth", dir};
     args.insert(args.end(), sceneArgs.begin(), sceneArgs.end());
     auto log = std::make_shared<std::ofstream>((fs::path(dir) / "export.log").string());
-    ChildProcess child;
+    platform::ChildProcess child;
     std::string error;
     if (!child.start(
             program, args, [log](const std::string& l) { *log << l << '\n'; }, error)) {

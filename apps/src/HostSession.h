@@ -29,10 +29,11 @@
 #include <vector>
 
 #include "CascadeFile.h"
+#include "Endpoint.h"
 #include "ExitCodes.h"
 #include "Geometry.h"
-#include "System.h"
 #include "helmsman/DeviceTypes.h"
+#include "platform/Platform.h"
 
 namespace device {
 class CPathfinder;
@@ -113,8 +114,7 @@ public:
     static void check(int result, const std::string& what);
     static std::string resultText(int result);
 
-    // The module's transfer-matrix table (empty when the module keeps none or does not hand
-    // it out).
+    // The module's transfer-matrix table (empty until matrices were imported or measured).
     std::vector<CascadeEntry> transferMatrices() const;
 
     // Gives the module the true markers as its reference set (what static tracking registers
@@ -150,7 +150,7 @@ private:
     SessionOptions m_options;
     std::string m_endpoint;
     std::string m_annex;  // private annex folder (removed at the end)
-    std::unique_ptr<ChildProcess> m_console;
+    std::unique_ptr<platform::ChildProcess> m_console;
     std::unique_ptr<device::CPathfinder> m_device;
     double m_startupSeconds = 0.0;
 

@@ -38,8 +38,10 @@ std::optional<Truth> loadTruthFolder(const std::string& dir, std::string& error)
         try {
             const nlohmann::json j = nlohmann::json::parse(scene);
             truth.noiseSigmaMm = j.at("noise").at("laserMm").get<double>();
+            truth.markerNoiseMm = j.at("noise").value("markerMm", 0.0);
         } catch (const std::exception&) {
             truth.noiseSigmaMm = 0.0;  // a scene without noise levels: no tolerance to show
+            truth.markerNoiseMm = 0.0;
         }
     }
     return truth;

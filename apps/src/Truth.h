@@ -22,7 +22,8 @@ struct Truth {
     std::map<int32_t, Eigen::Vector3d> markerNormals;
     std::map<int32_t, double> markerDiameters;
     std::vector<CascadeEntry> matrices;
-    double noiseSigmaMm = 0.0;  // the laser noise of the scene (0: unknown)
+    double noiseSigmaMm = 0.0;   // the laser noise of the scene (0: unknown)
+    double markerNoiseMm = 0.0;  // the noise of a marker centre, per coordinate (0: unknown)
 };
 
 // Loads the truth files of `dir` (through the simulator's loadTruth: part.ply, markers.txt,

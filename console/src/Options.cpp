@@ -91,7 +91,7 @@ bool parseRecordOption(const std::string& a, const std::string& v, RecordOptions
     } else if (a == "--replay-speed") {
         char* end = nullptr;
         const double speed = std::strtod(v.c_str(), &end);
-        if (end == nullptr || *end != '\0' || !(speed >= 0.0) || speed > 1e6) {
+        if (v.empty() || end == nullptr || *end != '\0' || !(speed >= 0.0) || speed > 1e6) {
             error = "bad replay speed " + v + " (0: no pauses, 1: the recorded timing)";
             return false;
         }
@@ -111,8 +111,22 @@ bool parseOptions(int argc, const char* const* argv, ConsoleOptions& out, bool& 
     out.endpoint = SDK_NV::wire::endpointFromEnvironment();
     bool pointsGiven = false, linesGiven = false, markersGiven = false;
     for (int i = 1; i < argc; ++i) {
-        const std::string a = argv[i];
+        // "--option=value" is the same as "--option value".
+        std::string a = argv[i];
+        std::string inlineValue;
+        bool hasInline = false;
+        const size_t eq = a.find('=');
+        if (a.compare(0, 2, "--") == 0 && eq != std::string::npos && eq > 2) {
+            inlineValue = a.substr(eq + 1);
+            a.erase(eq);
+            hasInline = true;
+        }
         auto value = [&](std::string& v) {
+            if (hasInline) {
+                v = inlineValue;
+                hasInline = false;
+                return true;
+            }
             if (i + 1 >= argc) {
                 error = a + " needs a value";
                 return false;
@@ -120,24 +134,38 @@ bool parseOptions(int argc, const char* const* argv, ConsoleOptions& out, bool& 
             v = argv[++i];
             return true;
         };
+        auto noValue = [&] {
+            if (hasInline) {
+                error = a + " takes no value";
+            }
+            return !hasInline;
+        };
         std::string v;
         long n = 0;
         if (a == "--help" || a == "-h") {
+            if (!noValue()) {
+                return false;
+            }
             help = true;
             return true;
         } else if (a == "--no-stdin") {
-            out.readStdin = false;
-        } else if (a == "--verbose") {
-            out.verbose = true;
-        } else if (isSceneFlag(a)) {
-            if (i + 1 >= argc) {
-                error = a + " needs a value";
+            if (!noValue()) {
                 return false;
             }
-            if (!applySceneSetting(out, a.substr(2), argv[++i], error)) {
+            out.readStdin = false;
+        } else if (a == "--verbose") {
+            if (!noValue()) {
+                return false;
+            }
+            out.verbose = true;
+        } else if (isSceneFlag(a)) {
+            if (!value(v) || !applySceneSetting(out, a.substr(2), v, error)) {
                 return false;
             }
         } else if (a == "--replay-exit") {
+            if (!noValue()) {
+                return false;
+            }
             out.record.replayExit = true;
         } else if (kRecordValueOptions.find(a + " ") != std::string::npos && a.size() > 3) {
             if (!value(v) || !parseRecordOption(a, v, out.record, error)) {
@@ -156,7 +184,7 @@ bool parseOptions(int argc, const char* const* argv, ConsoleOptions& out, bool& 
         } else if (a == "--fps") {
             char* end = nullptr;
             const double fps = std::strtod(v.c_str(), &end);
-            if (end == nullptr || *end != '\0' || !(fps >= 0.0) || fps > 10000.0) {
+            if (v.empty() || end == nullptr || *end != '\0' || !(fps >= 0.0) || fps > 10000.0) {
                 error = "bad frame rate " + v;
                 return false;
             }

@@ -10,18 +10,23 @@
 #endif
 // The order of these headers matters and must not be sorted: winsock2.h must precede
 // windows.h (a windows.h without WIN32_LEAN_AND_MEAN pulls in the old winsock.h, which clashes
-// with it), and shellapi.h and tlhelp32.h need the types windows.h declares.
+// with it), ws2tcpip.h follows winsock2.h, and shellapi.h and tlhelp32.h need the types windows.h
+// declares.
 // clang-format off
 #include <winsock2.h>
+#include <ws2tcpip.h>
 #include <windows.h>
 #include <shellapi.h>
 #include <tlhelp32.h>
 // clang-format on
 
+#include <io.h>
+#include <stdio.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 #include <wchar.h>
 
+#include <algorithm>
 #include <chrono>
 #include <climits>
 #include <ctime>
@@ -299,6 +304,129 @@ int currentProcessId() {
 }
 
 // ---------------------------------------------------------------------------------------------
+// A child with captured output
+// ---------------------------------------------------------------------------------------------
+
+struct ChildProcess::State {
+    HANDLE process = nullptr;
+    DWORD id = 0;
+    std::thread reader;
+};
+
+ChildProcess::ChildProcess() : m_state(new State) {}
+
+ChildProcess::~ChildProcess() {
+    stop();
+}
+
+bool ChildProcess::start(const std::string& program, const std::vector<std::string>& args,
+                         std::function<void(const std::string&)> onLine, std::string& error) {
+    return guarded(false, [&] {
+        if (m_state->process != nullptr || m_state->reader.joinable()) {
+            error = "already started";
+            return false;
+        }
+        if (!fileExists(program)) {
+            error = program + ": no such file";
+            return false;
+        }
+        SECURITY_ATTRIBUTES inherit{};
+        inherit.nLength = sizeof inherit;
+        inherit.bInheritHandle = TRUE;
+        HANDLE readEnd = nullptr, writeEnd = nullptr;
+        if (!CreatePipe(&readEnd, &writeEnd, &inherit, 0)) {
+            error = "cannot create a pipe";
+            return false;
+        }
+        SetHandleInformation(readEnd, HANDLE_FLAG_INHERIT, 0);
+        HANDLE nul = CreateFileW(L"NUL", GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, &inherit,
+                                 OPEN_EXISTING, 0, nullptr);
+        std::wstring commandLine = quoteArgument(wide(program));
+        for (const std::string& a : args) {
+            commandLine += L' ';
+            commandLine += quoteArgument(wide(a));
+        }
+        STARTUPINFOW startup{};
+        startup.cb = sizeof startup;
+        startup.dwFlags = STARTF_USESTDHANDLES;
+        startup.hStdInput = nul == INVALID_HANDLE_VALUE ? nullptr : nul;
+        startup.hStdOutput = writeEnd;
+        startup.hStdError = writeEnd;
+        PROCESS_INFORMATION info{};
+        const std::wstring file = wide(program);
+        const BOOL ok = CreateProcessW(file.c_str(), &commandLine[0], nullptr, nullptr, TRUE,
+                                       CREATE_NO_WINDOW, nullptr, nullptr, &startup, &info);
+        CloseHandle(writeEnd);
+        if (nul != INVALID_HANDLE_VALUE) {
+            CloseHandle(nul);
+        }
+        if (!ok) {
+            CloseHandle(readEnd);
+            error = program + ": cannot start (error " + std::to_string(GetLastError()) + ")";
+            return false;
+        }
+        CloseHandle(info.hThread);
+        m_state->process = info.hProcess;
+        m_state->id = info.dwProcessId;
+        m_state->reader = std::thread([readEnd, onLine = std::move(onLine)] {
+            std::string pending;
+            char buffer[4096];
+            DWORD n = 0;
+            while (ReadFile(readEnd, buffer, sizeof buffer, &n, nullptr) && n > 0) {
+                pending.append(buffer, n);
+                std::size_t eol;
+                while ((eol = pending.find('\n')) != std::string::npos) {
+                    std::string line = pending.substr(0, eol);
+                    if (!line.empty() && line.back() == '\r') {
+                        line.pop_back();
+                    }
+                    if (onLine) {
+                        onLine(line);
+                    }
+                    pending.erase(0, eol + 1);
+                }
+            }
+            if (!pending.empty() && onLine) {
+                onLine(pending);
+            }
+            CloseHandle(readEnd);
+        });
+        return true;
+    });
+}
+
+bool ChildProcess::alive() const {
+    if (m_state->process == nullptr) {
+        return false;
+    }
+    if (WaitForSingleObject(m_state->process, 0) == WAIT_TIMEOUT) {
+        return true;
+    }
+    CloseHandle(m_state->process);
+    m_state->process = nullptr;
+    m_state->id = 0;
+    return false;
+}
+
+int ChildProcess::pid() const {
+    return m_state->process != nullptr ? static_cast<int>(m_state->id) : -1;
+}
+
+void ChildProcess::stop() {
+    if (m_state->process != nullptr) {
+        // Windows has no polite request for a console program without a window: end it.
+        TerminateProcess(m_state->process, 1);
+        WaitForSingleObject(m_state->process, 2000);
+        CloseHandle(m_state->process);
+        m_state->process = nullptr;
+        m_state->id = 0;
+    }
+    if (m_state->reader.joinable()) {
+        m_state->reader.join();
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
 // Modules and paths
 // ---------------------------------------------------------------------------------------------
 
@@ -496,6 +624,46 @@ bool getEnvironment(const char* name, std::string& value) {
     });
 }
 
+bool setEnvironment(const char* name, const std::string& value) {
+    // _putenv_s changes the C runtime's copy and the process environment alike.
+    return name != nullptr && *name != '\0' && std::string(name).find('=') == std::string::npos &&
+           _putenv_s(name, value.c_str()) == 0;
+}
+
+bool stdoutIsTerminal() {
+    return _isatty(_fileno(stdout)) != 0;
+}
+
+std::string makeTemporaryDirectory(const std::string& prefix) {
+    return guarded(std::string(), [&] {
+        wchar_t folder[MAX_PATH + 1] = {0};
+        const DWORD n = GetTempPathW(MAX_PATH + 1, folder);
+        if (n == 0 || n > MAX_PATH) {
+            return std::string();
+        }
+        const std::string base = nativePath(std::wstring(folder, n));
+        const unsigned long long seed =
+            static_cast<unsigned long long>(GetCurrentProcessId()) * 0x9E3779B97F4A7C15ULL ^
+            static_cast<unsigned long long>(GetTickCount64());
+        for (unsigned attempt = 0; attempt < 100; ++attempt) {
+            const unsigned long long x = seed + attempt * 0x2545F4914F6CDD1DULL;
+            char suffix[8];
+            for (int k = 0; k < 6; ++k) {
+                suffix[k] = "abcdefghijklmnopqrstuvwxyz0123456789"[(x >> (6 * k)) % 36];
+            }
+            suffix[6] = '\0';
+            const std::string path = joinPath(base, prefix + suffix);
+            if (CreateDirectoryW(wide(path).c_str(), nullptr)) {
+                return path;
+            }
+            if (GetLastError() != ERROR_ALREADY_EXISTS) {
+                return std::string();
+            }
+        }
+        return std::string();
+    });
+}
+
 bool socketStartup() {
     // Winsock keeps a count of start-ups; one per process is enough and is never undone, so
     // that sockets stay usable until the process ends.
@@ -504,6 +672,41 @@ bool socketStartup() {
         return WSAStartup(MAKEWORD(1, 1), &data) == 0;
     }();
     return started;
+}
+
+bool endpointAnswers(const std::string& host, uint16_t port, int timeoutMs) {
+    if (port == 0 || !socketStartup()) {
+        return false;
+    }
+    addrinfo hints{};
+    hints.ai_family = AF_INET;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* found = nullptr;
+    if (getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found) != 0) {
+        return false;
+    }
+    bool answered = false;
+    const SOCKET s = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+    if (s != INVALID_SOCKET) {
+        u_long nonBlocking = 1;
+        ioctlsocket(s, FIONBIO, &nonBlocking);
+        int rc = connect(s, found->ai_addr, static_cast<int>(found->ai_addrlen));
+        if (rc != 0 && WSAGetLastError() == WSAEWOULDBLOCK) {
+            fd_set writable, failed;
+            FD_ZERO(&writable);
+            FD_ZERO(&failed);
+            FD_SET(s, &writable);
+            FD_SET(s, &failed);
+            const int ms = std::max(0, timeoutMs);
+            timeval wait{ms / 1000, (ms % 1000) * 1000};
+            rc = select(0, nullptr, &writable, &failed, &wait) == 1 && FD_ISSET(s, &writable) ? 0
+                                                                                              : -1;
+        }
+        answered = rc == 0;
+        closesocket(s);
+    }
+    freeaddrinfo(found);
+    return answered;
 }
 
 }  // namespace platform

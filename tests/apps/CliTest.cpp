@@ -13,10 +13,14 @@
 #include <fstream>
 #include <mutex>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <thread>
 
 #include "CascadeFile.h"
-#include "System.h"
+#include "Endpoint.h"
+#include "Geometry.h"
+#include "Truth.h"
+#include "platform/Platform.h"
 
 namespace pfapp {
 namespace {
@@ -116,7 +120,7 @@ TEST_F(HostCli, AMissingConsoleIsOneLineAndExitCodeThree) {
     // Nothing listens on a port that was free a moment ago, and starting is not allowed.
     std::string port;
     {
-        ChildProcess probe;  // any free port: let a console pick one and end it again
+        platform::ChildProcess probe;  // any free port: let a console pick one and end it again
         std::mutex m;
         std::string line;
         std::string error;
@@ -152,7 +156,7 @@ TEST_F(HostCli, AMissingConsoleIsOneLineAndExitCodeThree) {
 
 TEST_F(HostCli, DevicesListsTheConsolesDevicesAndEndsOnlyItsOwnConsole) {
     // A console the user already runs is used and left running.
-    ChildProcess theirs;
+    platform::ChildProcess theirs;
     std::mutex m;
     std::string listening;
     std::string error;
@@ -198,7 +202,7 @@ TEST_F(HostCli, DevicesListsTheConsolesDevicesAndEndsOnlyItsOwnConsole) {
     std::string host;
     uint16_t port = 0;
     ASSERT_TRUE(splitEndpoint(endpointIn(r.out), host, port)) << r.out;
-    EXPECT_FALSE(endpointAnswers(host, port, 300));
+    EXPECT_FALSE(platform::endpointAnswers(host, port, 300));
     EXPECT_TRUE(theirs.alive());
 }
 
@@ -261,6 +265,29 @@ TEST_F(HostCli, ARejectedTriggerIsADeviceErrorInOneLine) {
     EXPECT_NE(line.find("the device rejected the trigger (result 12)"), std::string::npos) << line;
 }
 
+std::string consoleProgram() {
+    return fs::path(PATHFINDER_CLI_PATH).parent_path().parent_path().string() +
+           "/annex/Lumora/lumora_console";
+}
+
+// The truth of the scene that `sceneArgs` give, as the console exports it.
+Truth exportedTruth(const std::string& dir, const std::vector<std::string>& sceneArgs) {
+    std::string cmd = quote(consoleProgram()) + " --export-truth " + quote(dir);
+    for (const std::string& a : sceneArgs) {
+        cmd += " " + quote(a);
+    }
+    EXPECT_EQ(std::system((cmd + " >/dev/null 2>&1").c_str()), 0) << cmd;
+    std::string error;
+    std::optional<Truth> truth = loadTruthFolder(dir, error);
+    EXPECT_TRUE(truth) << error;
+    return truth ? *truth : Truth();
+}
+
+nlohmann::json summaryOf(const std::string& dir) {
+    std::ifstream in(dir + "/summary.json");
+    return nlohmann::json::parse(in);
+}
+
 size_t summaryFrames(const std::string& dir) {
     std::ifstream in(dir + "/summary.json");
     return nlohmann::json::parse(in).at("frames").get<size_t>();
@@ -268,13 +295,17 @@ size_t summaryFrames(const std::string& dir) {
 
 TEST_F(HostCli, AReplayedRecordingGivesTheFramesOfTheLiveScan) {
     const std::string rec = path("live.rec");
-    Outcome live = pathfinder(
-        {"scan", "--out", path("live"), "--frames", "30", "--console-arg=--record=" + rec});
+    // The true matrices are imported, so that the recording holds the scan alone (a measured
+    // session also records the measurement's tracker frames, which a replay delivers).
+    exportedTruth(path("truth"), {});
+    Outcome live = pathfinder({"scan", "--out", path("live"), "--frames", "30", "--cascade",
+                               path("truth/cascade.bin"), "--console-arg=--record=" + rec});
     ASSERT_TRUE(fs::exists(rec)) << live.out;
     Outcome replay = pathfinder({"scan", "--out", path("replay"), "--replay", rec});
     EXPECT_NE(replay.out.find("replaying"), std::string::npos) << replay.out;
     EXPECT_EQ(replay.code, live.code) << live.out << replay.out;
     EXPECT_EQ(summaryFrames(path("replay")), summaryFrames(path("live")));
+    EXPECT_EQ(summaryOf(path("replay")).at("points"), summaryOf(path("live")).at("points"));
 
     std::ofstream(path("bad.rec"), std::ios::binary) << "not a recording";
     Outcome bad = pathfinder({"scan", "--out", path("bad"), "--replay", path("bad.rec")});
@@ -338,6 +369,103 @@ TEST_F(HostCli, CalibrateRunsATrackerBarCalibrationStepByStep) {
     EXPECT_NE(r.out.find("next location 1"), std::string::npos) << r.out;
     EXPECT_NE(r.out.find("tracker pose"), std::string::npos) << r.out;
     EXPECT_NE(r.out.find("step: result 0.0210"), std::string::npos) << r.out;
+}
+
+// Two chained trackers measured by the tool: the file it writes holds both matrices, each
+// within 0.05 mm and 0.005 degrees of the true pose.
+TEST_F(HostCli, CascadeMeasureWritesTheTruePosesOfChainedTrackers) {
+    const Truth truth = exportedTruth(path("truth"), {"--seed=5", "--trackers=2"});
+    ASSERT_EQ(truth.matrices.size(), 2u);
+    // The measurement polls each tracker for 202 x 20 ms of scaled time: enough frames for a
+    // static model need a slower clock than the other tests.
+    const Outcome r =
+        pathfinder({"cascade", "measure", "--out", path("c.bin"), "--console-arg=--seed=5",
+                    "--console-arg=--trackers=2", "--console-arg=--fps=240"},
+                   "PATHFINDER_TIME_SCALE=0.25");
+    ASSERT_EQ(r.code, 0) << r.out;
+    EXPECT_NE(r.out.find("2 matrices -> " + path("c.bin")), std::string::npos) << r.out;
+    std::vector<CascadeEntry> measured;
+    std::string error;
+    ASSERT_TRUE(readCascadeFile(path("c.bin"), measured, error)) << error;
+    ASSERT_EQ(measured.size(), 2u);
+    for (const CascadeEntry& m : measured) {
+        const CascadeEntry* t = nullptr;
+        for (const CascadeEntry& e : truth.matrices) {
+            t = e.trackerId == m.trackerId ? &e : t;
+        }
+        ASSERT_NE(t, nullptr) << m.trackerId;
+        const MatrixError e = transferMatrixError(m.matrix, t->matrix);
+        EXPECT_LE(e.translationMm, 0.05) << m.trackerId;
+        EXPECT_LE(e.rotationDeg, 0.005) << m.trackerId;
+    }
+    const Outcome shown = pathfinder({"cascade", "show", path("c.bin")});
+    EXPECT_EQ(shown.code, 0) << shown.out;
+    EXPECT_NE(shown.out.find("2 trackers"), std::string::npos) << shown.out;
+
+    // The module imports the file the tool wrote: a scan with it lands on the part.
+    const Outcome scan =
+        pathfinder({"scan", "--out", path("s"), "--frames", "20", "--cascade", path("c.bin"),
+                    "--console-arg=--seed=5", "--console-arg=--trackers=2"});
+    ASSERT_EQ(scan.code, 0) << scan.out;
+    const nlohmann::json s = summaryOf(path("s"));
+    EXPECT_EQ(s.at("transfer_matrices"), "cascade file") << s.dump(2);
+    ASSERT_TRUE(s.contains("accuracy")) << s.dump(2);
+    EXPECT_LT(s["accuracy"].at("rms_mm").get<double>(),
+              3 * s["accuracy"].at("noise_sigma_mm").get<double>())
+        << s.dump(2);
+}
+
+// A marker model built by dynamic tracking: the tool reports it against the truth, and the
+// residuals scaled by the square root of each marker's observations stay within 1.3 sigma of
+// the marker noise. The model file holds the markers it printed.
+TEST_F(HostCli, MarkersBuildsAModelWithinTheRegistrationAccuracy) {
+    exportedTruth(path("truth"), {"--seed=9"});
+    const Outcome r = pathfinder({"markers", "--out", path("model.txt"), "--frames", "150",
+                                  "--truth", path("truth"), "--console-arg=--seed=9"});
+    ASSERT_EQ(r.code, 0) << r.out;
+    size_t printed = 0;
+    ASSERT_EQ(
+        std::sscanf(r.out.c_str() + r.out.find("marker model: "), "marker model: %zu", &printed), 1)
+        << r.out;
+    std::ifstream in(path("model.txt"));
+    std::string line;
+    size_t rows = 0;
+    while (std::getline(in, line)) {
+        if (line.empty() || line[0] == '#') {
+            continue;
+        }
+        int id = 0;
+        double v[6];
+        EXPECT_EQ(std::sscanf(line.c_str(), "%d %lf %lf %lf %lf %lf %lf", &id, &v[0], &v[1], &v[2],
+                              &v[3], &v[4], &v[5]),
+                  7)
+            << line;
+        ++rows;
+    }
+    EXPECT_EQ(rows, printed);
+    EXPECT_GE(rows, 10u);
+    const size_t fit = r.out.find("after a best fit to the truth (");
+    ASSERT_NE(fit, std::string::npos) << r.out;
+    size_t paired = 0, total = 0;
+    ASSERT_EQ(std::sscanf(r.out.c_str() + fit, "after a best fit to the truth (%zu of %zu", &paired,
+                          &total),
+              2);
+    EXPECT_EQ(paired, total) << r.out;
+    const size_t at = r.out.find("residual x sqrt(observations): rms ");
+    ASSERT_NE(at, std::string::npos) << r.out;
+    double weighted = -1, bound = -1;
+    ASSERT_EQ(std::sscanf(r.out.c_str() + at,
+                          "residual x sqrt(observations): rms %lf mm (bound 1.3 x marker noise "
+                          "%lf mm)",
+                          &weighted, &bound),
+              2)
+        << r.out;
+    EXPECT_GT(bound, 0.0);
+    EXPECT_LE(weighted, bound) << r.out;
+
+    const Outcome bad =
+        pathfinder({"markers", "--out", path("m2.txt"), "--truth", path("no truth"), "--no-start"});
+    EXPECT_EQ(bad.code, 5) << bad.out;
 }
 
 }  // namespace

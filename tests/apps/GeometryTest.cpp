@@ -96,5 +96,62 @@ TEST(HostGeometry, TransferMatrixErrorAndDirections) {
     EXPECT_TRUE(transferToReference(measured, k).isApprox(p));
 }
 
+// A model without the true labels is found in the tracker frame it was built in, paired marker
+// by marker, and its residuals weighted by how often each marker was seen.
+TEST(HostGeometry, MarkerModelsAreMatchedInTheirFrameAndWeightedByObservations) {
+    std::vector<Eigen::Vector3d> truth;
+    for (int i = 0; i < 12; ++i) {
+        truth.emplace_back(40.0 * (i % 4), 55.0 * (i / 4), 3.0 * (i % 3));
+    }
+    const Eigen::Matrix3d b =
+        Eigen::AngleAxisd(0.4, Eigen::Vector3d(1, 2, 3).normalized()).toRotationMatrix();
+    std::array<double, 16> m{};
+    for (int r = 0; r < 3; ++r) {
+        for (int c = 0; c < 3; ++c) {
+            m[static_cast<size_t>(4 * r + c)] = b(r, c);
+        }
+    }
+    m[12] = 100;
+    m[13] = -2500;
+    m[14] = 40;
+    m[15] = 1;
+    const std::array<double, 16> far{1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 900, 0, 0, 1};
+    // The model lists the markers in reverse, in the tracker's frame, one of them 0.01 mm off
+    // along a direction the rigid fit cannot take up alone.
+    std::vector<Eigen::Vector3d> model;
+    for (size_t i = truth.size(); i-- > 0;) {
+        model.push_back(transferToTracker(m, truth[i]));
+    }
+    model[3].z() += 0.01;
+    const MarkerModelMatch match =
+        matchMarkerModel(model, truth, {{"TRK0001", far}, {"TRK0002", m}}, 1.0);
+    ASSERT_TRUE(match.ok);
+    EXPECT_EQ(match.frame, "TRK0002");
+    ASSERT_EQ(match.paired.size(), 12u);
+    EXPECT_EQ(match.truthOf[0], 11u);
+    EXPECT_EQ(match.truthOf[3], 8u);
+    const DistanceStats s = distanceStats(match.fit.residuals);
+    EXPECT_GT(s.max, 0.005);
+    EXPECT_LT(s.max, 0.01);
+    EXPECT_FALSE(matchMarkerModel(model, truth, {{"TRK0001", far}}, 1.0).ok);
+
+    // Marker i seen i + 1 times (two of them outside the radius, not counted).
+    std::vector<Eigen::Vector3d> seen;
+    for (size_t i = 0; i < model.size(); ++i) {
+        for (size_t k = 0; k <= i; ++k) {
+            seen.push_back(model[i] + Eigen::Vector3d(0.1, 0, 0));
+        }
+    }
+    seen.push_back(model[0] + Eigen::Vector3d(0, 0.6, 0));
+    seen.push_back(Eigen::Vector3d(1e4, 0, 0));
+    const std::vector<size_t> counts = countObservations(model, seen, 0.5);
+    for (size_t i = 0; i < counts.size(); ++i) {
+        EXPECT_EQ(counts[i], i + 1) << i;
+    }
+    EXPECT_DOUBLE_EQ(observationWeightedRms({0.02, 0.01}, {1, 4}),
+                     std::sqrt((0.0004 + 0.0004) / 2));
+    EXPECT_EQ(observationWeightedRms({}, {}), 0.0);
+}
+
 }  // namespace
 }  // namespace pfapp

@@ -57,6 +57,36 @@ TEST(ConsoleOptions, ValuesAreReadAndCheckedForRange) {
     EXPECT_NE(console::usageText().find("--endpoint"), std::string::npos);
 }
 
+// "--option=value" reads as "--option value" for every kind of option; a value may hold '='
+// itself, and a switch given a value is refused.
+TEST(ConsoleOptions, AValueMayFollowAnEqualsSign) {
+    ConsoleOptions o;
+    std::string error;
+    ASSERT_TRUE(parse({"--endpoint=127.0.0.1:0", "--fps=60", "--seed=11", "--setup=scene seed=4",
+                       "--trackers=2", "--laser-noise=0.05", "--record=out.rec", "--replay-speed",
+                       "2", "--export-truth=truth dir", "--no-stdin"},
+                      o, error))
+        << error;
+    EXPECT_EQ(o.endpoint.port, 0);
+    EXPECT_DOUBLE_EQ(o.fps, 60.0);
+    EXPECT_EQ(o.seed, 11u);
+    EXPECT_EQ(o.setupLines, std::vector<std::string>{"scene seed=4"});
+    EXPECT_EQ(o.scene.trackers, 2);
+    EXPECT_DOUBLE_EQ(o.scene.laserNoise, 0.05);
+    EXPECT_EQ(o.record.recordPath, "out.rec");
+    EXPECT_DOUBLE_EQ(o.record.replaySpeed, 2.0);
+    EXPECT_EQ(o.exportTruthDir, "truth dir");
+    EXPECT_FALSE(o.readStdin);
+
+    for (const std::vector<const char*>& bad : std::vector<std::vector<const char*>>{
+             {"--fps="}, {"--seed=x"}, {"--no-stdin=1"}, {"--bogus=1"}, {"--trackers=9"}}) {
+        ConsoleOptions fresh;
+        error.clear();
+        EXPECT_FALSE(parse(bad, fresh, error)) << bad[0];
+        EXPECT_FALSE(error.empty()) << bad[0];
+    }
+}
+
 TEST(ConsoleOptions, ASetupLineThatIsNotUnderstoodFailsTheStart) {
     ConsoleOptions o;
     o.readStdin = false;

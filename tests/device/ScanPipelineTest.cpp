@@ -3,10 +3,14 @@
 // file, and the frame handler fed with frames built here.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <regex>
 
 #include "DeviceTestSupport.h"
 #include "device/CascadeFile.h"
@@ -525,6 +529,48 @@ TEST_F(Frames, HoleScanningDeliversTheHoleRoutinesPose) {
     // The hole centre (1,0,0) in the reference frame: (1,0,0).Rev + Rev T.
     EXPECT_FLOAT_EQ(last()->scanHoles[0].center[0], static_cast<float>(Rev[0] + Rev[12]));
     EXPECT_DOUBLE_EQ(last()->translation[0], 5 * Rev[0] + 6 * Rev[4] + 7 * Rev[8] + Rev[12]);
+}
+
+// The log line: "[Y-m-d H:M:S] <milliseconds since 1970> <text>", written only while the
+// switch is on. The millisecond field is the wall clock of the call, not a second count.
+TEST(ConsoleLog, LinesCarryTheMillisecondsOfTheWallClockAndFollowTheSwitch) {
+    const bool was = device::getConsoleLog();
+    const auto msNow = [] {
+        return std::chrono::duration_cast<std::chrono::milliseconds>(
+                   std::chrono::system_clock::now().time_since_epoch())
+            .count();
+    };
+    device::setConsoleLog(false);
+    testing::internal::CaptureStdout();
+    device::TWStdout("silent");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+
+    device::setConsoleLog(true);
+    testing::internal::CaptureStdout();
+    const int64_t before = msNow();
+    device::TWStdout("laser on");
+    const int64_t after = msNow();
+    const std::string line = testing::internal::GetCapturedStdout();
+    device::setConsoleLog(was);
+
+    std::smatch m;
+    ASSERT_TRUE(std::regex_match(
+        line, m, std::regex(R"(\[(\d{4})-(\d\d)-(\d\d) (\d\d):(\d\d):(\d\d)\] (\d+) laser on\n)")))
+        << line;
+    const int64_t ms = std::stoll(m[7].str());
+    EXPECT_GE(ms, before);
+    EXPECT_LE(ms, after);
+    // The bracketed stamp is the same instant in local time, to the second (the two are read
+    // one after the other, so they may straddle a second).
+    std::tm stamp{};
+    stamp.tm_year = std::stoi(m[1].str()) - 1900;
+    stamp.tm_mon = std::stoi(m[2].str()) - 1;
+    stamp.tm_mday = std::stoi(m[3].str());
+    stamp.tm_hour = std::stoi(m[4].str());
+    stamp.tm_min = std::stoi(m[5].str());
+    stamp.tm_sec = std::stoi(m[6].str());
+    stamp.tm_isdst = -1;
+    EXPECT_LE(std::abs(static_cast<int64_t>(std::mktime(&stamp)) - ms / 1000), 1) << line;
 }
 
 }  // namespace

@@ -1,6 +1,8 @@
 // Helper program of the process tests.
 //   platform_test_child sleep <seconds>
 //   platform_test_child report <file> [args...]   writes cwd, time scale and args, one a line
+//   platform_test_child echo <out> <err>          <out> and a line end on standard output, then
+//                                                 <err> without line end on standard error
 #include <unistd.h>
 
 #include <climits>
@@ -27,6 +29,12 @@ int main(int argc, char** argv) {
             std::fprintf(f, "%s\n", argv[i]);
         }
         std::fclose(f);
+        return 0;
+    }
+    if (argc == 4 && std::strcmp(argv[1], "echo") == 0) {
+        std::printf("%s\n", argv[2]);
+        std::fflush(stdout);
+        std::fprintf(stderr, "%s", argv[3]);
         return 0;
     }
     return 1;

@@ -1,6 +1,9 @@
+#include <arpa/inet.h>
 #include <dlfcn.h>
+#include <netinet/in.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -8,6 +11,7 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -213,6 +217,92 @@ TEST(PlatformSockets, StartupIgnoresBrokenPipes) {
     ::close(fds[0]);
     EXPECT_LT(::write(fds[1], "x", 1), 0);  // would have ended the process without the startup
     ::close(fds[1]);
+}
+
+// The child with captured output: lines of standard output and error in order, the last one
+// without its line end too; a running child is ended by stop, a missing program not started.
+TEST(PlatformChildProcess, CapturesEveryLineAndEndsOnlyItsChild) {
+    std::mutex m;
+    std::vector<std::string> lines;
+    platform::ChildProcess echo;
+    std::string error;
+    ASSERT_TRUE(echo.start(
+        PLATFORM_TEST_CHILD, {"echo", "to out", "to err"},
+        [&](const std::string& l) {
+            std::lock_guard<std::mutex> lock(m);
+            lines.push_back(l);
+        },
+        error))
+        << error;
+    EXPECT_GT(echo.pid(), 0);
+    EXPECT_FALSE(echo.start(PLATFORM_TEST_CHILD, {}, nullptr, error));  // started once only
+    for (int i = 0; i < 500 && echo.alive(); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    EXPECT_FALSE(echo.alive());
+    EXPECT_EQ(echo.pid(), -1);
+    echo.stop();  // joins the reader: every line is in
+    EXPECT_EQ(lines, (std::vector<std::string>{"to out", "to err"}));
+
+    platform::ChildProcess sleeper;
+    ASSERT_TRUE(sleeper.start(PLATFORM_TEST_CHILD, {"sleep", "30"}, nullptr, error)) << error;
+    const int pid = sleeper.pid();
+    EXPECT_TRUE(sleeper.alive());
+    const auto t0 = std::chrono::steady_clock::now();
+    sleeper.stop();
+    EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(5));
+    EXPECT_FALSE(sleeper.alive());
+    EXPECT_FALSE(platform::processAlive(pid));
+
+    platform::ChildProcess missing;
+    error.clear();
+    EXPECT_FALSE(missing.start("/nonexistent/program", {}, nullptr, error));
+    EXPECT_NE(error.find("/nonexistent/program"), std::string::npos) << error;
+    EXPECT_FALSE(missing.alive());
+}
+
+TEST(PlatformSockets, AnEndpointAnswersWhileSomethingListens) {
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    ASSERT_GE(fd, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof(a);
+    ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&a), len), 0);
+    ASSERT_EQ(::listen(fd, 4), 0);
+    ASSERT_EQ(::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len), 0);
+    const uint16_t port = ntohs(a.sin_port);
+    EXPECT_TRUE(platform::endpointAnswers("127.0.0.1", port, 1000));
+    EXPECT_TRUE(platform::endpointAnswers("localhost", port, 1000));
+    ::close(fd);
+    EXPECT_FALSE(platform::endpointAnswers("127.0.0.1", port, 300));
+    EXPECT_FALSE(platform::endpointAnswers("127.0.0.1", 0, 300));
+    EXPECT_FALSE(platform::endpointAnswers("no such host.invalid", port, 300));
+}
+
+TEST(PlatformEnvironment, VariablesAndTemporaryFoldersOfTheProcess) {
+    std::string value;
+    EXPECT_TRUE(platform::setEnvironment("PF_PLATFORM_TEST", "a b=c"));
+    EXPECT_TRUE(platform::getEnvironment("PF_PLATFORM_TEST", value));
+    EXPECT_EQ(value, "a b=c");
+    EXPECT_FALSE(platform::setEnvironment("PF=BAD", "x"));
+    EXPECT_FALSE(platform::setEnvironment("", "x"));
+
+    TempDir dir;
+    std::string old;
+    const bool hadOld = platform::getEnvironment("TMPDIR", old);
+    ASSERT_TRUE(platform::setEnvironment("TMPDIR", dir.path()));
+    const std::string a = platform::makeTemporaryDirectory("pf_");
+    const std::string b = platform::makeTemporaryDirectory("pf_");
+    if (hadOld) {
+        platform::setEnvironment("TMPDIR", old);
+    } else {
+        ::unsetenv("TMPDIR");
+    }
+    EXPECT_EQ(a.rfind(dir.path() + "/pf_", 0), 0u) << a;
+    EXPECT_NE(a, b);
+    EXPECT_TRUE(platform::directoryExists(a));
+    EXPECT_TRUE(platform::directoryExists(b));
 }
 
 }  // namespace

@@ -6,10 +6,12 @@
 //
 // Usage: windows_check                        checks in <program folder>\windows_check_work
 //        windows_check --child <file> <text>  writes <text> to <file> (the process check)
+//        windows_check --echo <text>          prints "first" and <text> (the captured child)
 #include <cstdio>
 #include <ctime>
 #include <fstream>
 #include <iterator>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -127,6 +129,41 @@ void processes(const std::string& dir, const std::string& self) {
     CHECK(got == text);
     CHECK(platform::startProcess(platform::joinPath(dir, "no such program.exe")) == -1);
     CHECK(platform::currentProcessId() > 0 && platform::processAlive(platform::currentProcessId()));
+
+    // A child whose output is captured line by line, CR LF ends removed.
+    std::vector<std::string> lines;
+    std::mutex linesMutex;
+    {
+        platform::ChildProcess child;
+        std::string error;
+        CHECK(child.start(
+            self, {"--echo", text},
+            [&](const std::string& l) {
+                std::lock_guard<std::mutex> lock(linesMutex);
+                lines.push_back(l);
+            },
+            error));
+        CHECK(child.pid() > 0);
+        for (int i = 0; i < 300 && child.alive(); ++i) {
+            platform::sleepMs(100);
+        }
+        CHECK(!child.alive());
+        child.stop();
+        std::string missing;
+        platform::ChildProcess none;
+        CHECK(!none.start(platform::joinPath(dir, "no such program.exe"), {}, nullptr, missing));
+        CHECK(!missing.empty());
+    }
+    CHECK((lines == std::vector<std::string>{"first", text}));
+
+    const std::string tmp = platform::makeTemporaryDirectory("pf_check_");
+    CHECK(!tmp.empty() && platform::directoryExists(tmp));
+    CHECK(platform::makeTemporaryDirectory("pf_check_") != tmp);
+    std::string value;
+    CHECK(platform::setEnvironment("PF_CHECK_VALUE", "a b=c"));
+    CHECK(platform::getEnvironment("PF_CHECK_VALUE", value) && value == "a b=c");
+    CHECK(!platform::setEnvironment("PF=CHECK", "x"));
+    CHECK(!platform::endpointAnswers("127.0.0.1", 0, 100));
 }
 
 void configEditor(const std::string& dir) {
@@ -208,6 +245,10 @@ void configEditor(const std::string& dir) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (argc == 3 && std::string(argv[1]) == "--echo") {
+        std::printf("first\n%s\n", argv[2]);
+        return 0;
+    }
     if (argc == 4 && std::string(argv[1]) == "--child") {
         std::ofstream(argv[2], std::ios::binary) << argv[3];
         return 0;

@@ -7,6 +7,8 @@
 #include <chrono>
 #include <cstdint>
 #include <ctime>
+#include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -80,6 +82,33 @@ void reapChildren();
 
 // Id of the calling process.
 int currentProcessId();
+
+// A child process whose standard output and error are read line by line on a thread of its
+// own; every line (without its line end) goes to `onLine`, from that thread. Standard input is
+// the null device. The child is ended when the object dies. Nothing is found or ended by name.
+class ChildProcess {
+public:
+    ChildProcess();
+    ~ChildProcess();
+    ChildProcess(const ChildProcess&) = delete;
+    ChildProcess& operator=(const ChildProcess&) = delete;
+
+    // Starts `program` (a path; no PATH search) with `args`. False, with `error` set, when it
+    // cannot be started; a started object is not started again.
+    bool start(const std::string& program, const std::vector<std::string>& args,
+               std::function<void(const std::string&)> onLine, std::string& error);
+    // True while the child runs (an ended child is reaped here and never signalled again).
+    bool alive() const;
+    // Its process id; -1 when none runs.
+    int pid() const;
+    // Asks the child to end (SIGTERM; TerminateProcess on Windows), waits about two seconds,
+    // then kills it; waits for its output to be read to the end.
+    void stop();
+
+private:
+    struct State;
+    std::unique_ptr<State> m_state;
+};
 
 // ---------------------------------------------------------------------------------------------
 // Modules and paths
@@ -157,6 +186,16 @@ bool fileTimes(const std::string& path, FileTimes& out);
 
 // Value of the environment variable `name`; false (and `value` untouched) when it is not set.
 bool getEnvironment(const char* name, std::string& value);
+// Sets the environment variable `name` for this process and the children it starts.
+bool setEnvironment(const char* name, const std::string& value);
+
+// True when standard output is a terminal (a console window on Windows).
+bool stdoutIsTerminal();
+
+// Creates a new, empty folder with a unique name that starts with `prefix` in the folder for
+// temporary files ($TMPDIR or /tmp; the user's temporary folder on Windows). Its path, or empty
+// when none could be made.
+std::string makeTemporaryDirectory(const std::string& prefix);
 
 // ---------------------------------------------------------------------------------------------
 // Sockets
@@ -165,5 +204,9 @@ bool getEnvironment(const char* name, std::string& value);
 // Starts the socket library (WSAStartup on Windows; on POSIX ignores SIGPIPE so a closed peer
 // is reported as an error instead of ending the process). Safe to call repeatedly.
 bool socketStartup();
+
+// True when something accepts a TCP connection at host:port (IPv4; a name is resolved) within
+// `timeoutMs` milliseconds (unscaled). Port 0 never answers. The connection is closed at once.
+bool endpointAnswers(const std::string& host, uint16_t port, int timeoutMs);
 
 }  // namespace platform
