@@ -69,6 +69,7 @@ int main(int argc, char** argv) {
     addDevicesCommand(app, run);
     addCalibrateCommand(app, run);
     addConfigCommand(app, run);
+    addVerifyCommand(app, run);
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& e) {
