@@ -72,7 +72,7 @@ Eigen::Vector3d vec3(const Json& j) {
     return Eigen::Vector3d(j.at(0).get<double>(), j.at(1).get<double>(), j.at(2).get<double>());
 }
 
-Nominal readNominal(const std::string& truthDir, double workingDistance) {
+Nominal readNominal(const std::string& truthDir) {
     std::ifstream in((fs::path(truthDir) / "scene.json").string());
     Nominal n;
     try {
@@ -100,7 +100,8 @@ Nominal readNominal(const std::string& truthDir, double workingDistance) {
         const Json& noise = j.at("noise");
         const double laser = noise.at("laserMm").get<double>();
         const double pose = noise.at("poseMm").get<double>();
-        const double turn = noise.at("poseDeg").get<double>() * M_PI / 180.0 * workingDistance;
+        const double distance = j.at("scanner").at("workingDistanceMm").get<double>();
+        const double turn = noise.at("poseDeg").get<double>() * M_PI / 180.0 * distance;
         n.sigmaMm = std::sqrt(laser * laser + pose * pose + turn * turn);
     } catch (const std::exception& e) {
         throw AppError(kExitInputFile, "the console's truth lists no artefacts (" +
@@ -480,7 +481,7 @@ int runVerify(VerifyOptions o) {
     if (!truth || truth->markers.empty()) {
         throw AppError(kExitInputFile, "the console exported no truth with reference markers");
     }
-    const Nominal nominal = readNominal(truthDir, 300.0);
+    const Nominal nominal = readNominal(truthDir);
 
     device::CPathfinder& dev = session.device();
     std::vector<std::string> ids;
