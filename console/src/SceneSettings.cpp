@@ -87,6 +87,7 @@ const std::vector<Setting>& settings() {
          }},
         integer("artefact-frames", &S::artefactFrames, 2, 100000),
         number("tracker-scale-ppm", &S::trackerScalePpm, -100000, 100000),
+        number("laser-rotation-deg", &S::laserRotationDeg, -10, 10),
         number("motion-mm", &S::motionMm, 0, 1000),
         number("motion-deg", &S::motionDeg, 0, 90),
         number("motion-period", &S::motionPeriodS, 0.1, 3600),

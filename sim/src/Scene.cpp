@@ -285,13 +285,17 @@ Pose Scene::artefactScannerPose(int index) const {
         // aiming a little off the centre, so the laser lines cross the whole visible cap.
         const Eigen::Vector3d c = m_artefacts.spheres[static_cast<size_t>(target->sphere)].centre;
         const double theta = 2 * kPi * f + m_phase[3];
+        // The second sphere of a ball bar is scanned with the scanner turned half round, as an
+        // operator walking round the bar does: errors of the scanner's own frame then move the
+        // two centres differently.
+        const double turn = target == &stage->targets.front() ? 0.0 : kPi;
         const double alpha = 20 * kDeg;
         const Eigen::Vector3d v(std::sin(alpha) * std::cos(theta),
                                 std::sin(alpha) * std::sin(theta), std::cos(alpha));
         const Eigen::Vector3d aim = c + 6.0 * Eigen::Vector3d(std::cos(3 * theta + m_phase[4]),
                                                               std::sin(3 * theta + m_phase[4]), 0);
         p.R = (Eigen::AngleAxisd(alpha, Eigen::Vector3d(-std::sin(theta), std::cos(theta), 0)) *
-               Eigen::AngleAxisd(0.5 * theta, Eigen::Vector3d::UnitZ()))
+               Eigen::AngleAxisd(0.5 * theta + turn, Eigen::Vector3d::UnitZ()))
                   .toRotationMatrix() *
               base;
         p.t = aim + d * v;
@@ -921,6 +925,24 @@ void Scene::frame(const FrameRequest& rq, ScanFrame& out) const {
         }
     }
 
+    if (o.laserRotationDeg != 0 && !out.points.empty()) {
+        // A scanner whose laser calibration is off reports its points turned about its x axis.
+        const Eigen::Matrix3d err =
+            Eigen::AngleAxisd(o.laserRotationDeg * kDeg, Eigen::Vector3d::UnitX())
+                .toRotationMatrix();
+        for (Eigen::Vector3d& p : out.points) {
+            p = err * p;
+        }
+        for (Eigen::Vector3d& n : out.normals) {
+            n = err * n;
+        }
+        for (LaserLineInfo& l : out.lines) {
+            const Eigen::Vector3d n = err * l.plane.head<3>();
+            l.plane.head<3>() = n;
+            l.start = err * l.start;
+            l.end = err * l.end;
+        }
+    }
     if (o.trackerScalePpm != 0) {
         // A tracker with a length error reports every position scaled about its origin.
         const double k = 1.0 + 1e-6 * o.trackerScalePpm;

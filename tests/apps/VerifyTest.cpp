@@ -149,6 +149,20 @@ TEST_F(Verify, ATrackerWithALengthErrorFailsTheSphereSpacing) {
     EXPECT_NEAR(value(j, "SD"), 0.12, 0.025);
 }
 
+TEST_F(Verify, AWrongLaserTransformFailsTheSphereSpacing) {
+    // The scanner's points turned by 0.03 degrees in its own frame: at 290 mm each sphere's
+    // centre moves by up to 0.15 mm with the scanner's heading, which differs between the two
+    // spheres of a bar.
+    const nlohmann::json j = run("laser", {"--laser-rotation-deg=0.03"}, 9);
+    ASSERT_TRUE(j.contains("ball_bar"));
+    EXPECT_FALSE(passes(j, "SD"));
+    int beyond = 0;
+    for (const auto& b : j.at("ball_bar")) {
+        beyond += std::fabs(b.at("sd_mm").get<double>()) > 0.08;
+    }
+    EXPECT_GE(beyond, 2);
+}
+
 TEST_F(Verify, LimitsComeFromAFileOrFlagsAndABadFileIsRefusedFirst) {
     const std::string bad = (fs::path(m_dir) / "bad.json").string();
     std::ofstream(bad) << "{\"PF\": 0.2, \"XY\": 1}";

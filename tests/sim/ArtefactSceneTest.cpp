@@ -1,8 +1,10 @@
 // The artefact scene against its own truth: every laser point of a cycle lies on the artefact
 // its frame looks at (spheres exact, not their triangles), the scanner stays trackable, the
-// layout is the one the truth lists, and a tracker's length error scales what it reports.
+// layout is the one the truth lists, and the injected calibration errors change what they
+// should and nothing else.
 #include <gtest/gtest.h>
 
+#include <Eigen/Geometry>
 #include <cmath>
 #include <nlohmann/json.hpp>
 
@@ -74,7 +76,7 @@ TEST(ArtefactScene, EveryLaserPointLiesOnItsArtefactAndTheScannerStaysTracked) {
     EXPECT_GT(onPlane, 20000u);
 }
 
-TEST(ArtefactScene, TheTruthListsTheLayoutAndALengthErrorScalesTheTrackersReport) {
+TEST(ArtefactScene, TheTruthListsTheLayoutAndInjectedErrorsChangeOnlyTheirPart) {
     std::string error;
     auto scene = sim::Scene::create(exact(), &error);
     ASSERT_TRUE(scene) << error;
@@ -121,6 +123,24 @@ TEST(ArtefactScene, TheTruthListsTheLayoutAndALengthErrorScalesTheTrackersReport
     ASSERT_FALSE(f0.markers.empty());
     EXPECT_LT((f1.markers[0].centre - 1.001 * f0.markers[0].centre).norm(), 1e-9);
     EXPECT_EQ(f0.points, f1.points);  // the scanner's own measurement is unchanged
+
+    // A laser calibration error turns what the scanner reports in its own frame, nothing else.
+    o = exact();
+    o.laserRotationDeg = 0.05;
+    auto turned = sim::Scene::create(o, &error);
+    ASSERT_TRUE(turned) << error;
+    sim::ScanFrame f2;
+    turned->frame(rq, f2);
+    ASSERT_EQ(f2.points.size(), f0.points.size());
+    ASSERT_FALSE(f0.points.empty());
+    const Eigen::Matrix3d err =
+        Eigen::AngleAxisd(0.05 * M_PI / 180, Eigen::Vector3d::UnitX()).toRotationMatrix();
+    for (size_t i = 0; i < f0.points.size(); i += 97) {
+        EXPECT_LT((f2.points[i] - err * f0.points[i]).norm(), 1e-9);
+    }
+    for (int c = 0; c < 3; ++c) {
+        EXPECT_EQ(f2.translation[c], f0.translation[c]);
+    }
 }
 
 }  // namespace

@@ -82,6 +82,9 @@ struct SceneOptions {
     // Length error of the trackers (parts per million): the pose translations and marker
     // centres they report are scaled by 1 + ppm/1e6 about their origin. Zero in a sound system.
     double trackerScalePpm = 0.0;
+    // Error of the scanner's laser calibration (degrees): the laser points, directions and line
+    // planes it reports are turned about its x axis. Zero in a sound system.
+    double laserRotationDeg = 0.0;
 };
 
 // Calibrated artefacts in W (millimetres).
