@@ -34,6 +34,7 @@ std::string usageText() {
            "scene (console/README.md, \"Scene\"; each also a control line: scene KEY=VALUE):\n"
            "  --scene physical|plane|artefacts --trackers N (1-3) --mesh FILE.ply|obj\n"
            "  --marker-file FILE --artefact-frames N --tracker-scale-ppm PPM\n"
+           "  --laser-rotation-deg DEG\n"
            "  --marker-count N --marker-diameter MM --laser-noise MM --normal-noise-deg DEG\n"
            "  --pose-noise-mm MM --pose-noise-deg DEG --marker-noise MM --noise off|default\n"
            "  --laser-lines N --points-per-line N --line-spacing MM --fan-deg DEG\n"
