@@ -55,10 +55,11 @@ int main(int argc, char** argv) {
     using namespace pfapp;
     CLI::App app{
         "pathfinder: scan with the optical-tracking system, build marker models, measure "
-        "chained trackers, show devices, calibrate and edit configuration files.\n"
+        "chained trackers, show devices, calibrate, edit configuration files and verify the "
+        "chain on simulated artefacts.\n"
         "Exit codes: 0 ok, 1 failure, 2 usage, 3 console missing or unreachable, 4 device "
         "refused or did not answer, 5 unreadable or malformed input file, 6 unknown key, "
-        "7 output not writable, 8 no data delivered.",
+        "7 output not writable, 8 no data delivered, 9 verification failed.",
         "pathfinder"};
     app.require_subcommand(1);
     app.set_version_flag("--version", std::string("pathfinder 0.1.0"));
@@ -69,6 +70,7 @@ int main(int argc, char** argv) {
     addDevicesCommand(app, run);
     addCalibrateCommand(app, run);
     addConfigCommand(app, run);
+    addVerifyCommand(app, run);
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& e) {

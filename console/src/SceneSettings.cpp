@@ -49,7 +49,8 @@ const std::vector<Setting>& settings() {
         {"scene",
          [](ConsoleOptions& o, const std::string& v) {
              o.sceneKind = v;
-             return v == "physical" || v == "plane";
+             o.scene.artefacts = v == "artefacts";
+             return v == "physical" || v == "plane" || v == "artefacts";
          }},
         integer("trackers", &S::trackers, 1, 3),
         {"mesh",
@@ -84,6 +85,9 @@ const std::vector<Setting>& settings() {
              o.scene.motion = v;
              return v == "none" || v == "sway";
          }},
+        integer("artefact-frames", &S::artefactFrames, 2, 100000),
+        number("tracker-scale-ppm", &S::trackerScalePpm, -100000, 100000),
+        number("laser-rotation-deg", &S::laserRotationDeg, -10, 10),
         number("motion-mm", &S::motionMm, 0, 1000),
         number("motion-deg", &S::motionDeg, 0, 90),
         number("motion-period", &S::motionPeriodS, 0.1, 3600),

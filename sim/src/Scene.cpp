@@ -85,6 +85,236 @@ uint64_t frameSeed(uint64_t seed, int index) {
 
 }  // namespace
 
+// Artefact scene
+// =============================================================================================
+
+struct Scene::Stage {
+    struct Target {
+        int sphere = -1;  // index into the artefact spheres, or
+        int plane = -1;   // into the planes
+        int frames = 0;
+    };
+    TriangleMesh mesh;
+    std::unique_ptr<RayCaster> caster;
+    std::vector<Eigen::Vector3d> normals;
+    std::vector<int> sphereOf;  // per triangle: the sphere it approximates, or -1
+    std::vector<Target> targets;
+    int firstFrame = 0;
+    int frames = 0;
+};
+
+namespace {
+
+// An oriented box: centre, unit axes and half sizes; outward-facing triangles.
+void appendBox(TriangleMesh& mesh, const Eigen::Vector3d& c, const Eigen::Matrix3d& axes,
+               const Eigen::Vector3d& half) {
+    for (int k = 0; k < 3; ++k) {
+        for (int side = -1; side <= 1; side += 2) {
+            const Eigen::Vector3d n = side * axes.col(k);
+            const Eigen::Vector3d a = axes.col((k + 1) % 3) * half[(k + 1) % 3];
+            const Eigen::Vector3d b = side * axes.col((k + 2) % 3) * half[(k + 2) % 3];
+            const Eigen::Vector3d f = c + n * half[k];
+            const int first = static_cast<int>(mesh.vertices.size());
+            const Eigen::Vector3d corners[4] = {f - a - b, f + a - b, f + a + b, f - a + b};
+            for (const Eigen::Vector3d& v : corners) {
+                mesh.vertices.push_back(v.cast<float>());
+            }
+            mesh.triangles.emplace_back(first, first + 1, first + 2);
+            mesh.triangles.emplace_back(first, first + 2, first + 3);
+        }
+    }
+}
+
+// A latitude-longitude sphere inscribed in the true one (vertices on it), so every ray that
+// meets the triangles meets the sphere; hits are recomputed on the true sphere.
+void appendSphere(TriangleMesh& mesh, const Eigen::Vector3d& c, double r) {
+    constexpr int kLat = 24, kLon = 48;
+    const int first = static_cast<int>(mesh.vertices.size());
+    for (int i = 0; i <= kLat; ++i) {
+        for (int j = 0; j <= kLon; ++j) {
+            const double th = kPi * i / kLat, ph = 2 * kPi * j / kLon;
+            const Eigen::Vector3d d(std::sin(th) * std::cos(ph), std::sin(th) * std::sin(ph),
+                                    std::cos(th));
+            mesh.vertices.push_back((c + r * d).cast<float>());
+        }
+    }
+    auto at = [&](int i, int j) { return first + i * (kLon + 1) + j; };
+    for (int i = 0; i < kLat; ++i) {
+        for (int j = 0; j < kLon; ++j) {
+            if (i > 0) {
+                mesh.triangles.emplace_back(at(i, j), at(i + 1, j), at(i + 1, j + 1));
+            }
+            if (i < kLat - 1) {
+                mesh.triangles.emplace_back(at(i, j), at(i + 1, j + 1), at(i, j + 1));
+            }
+        }
+    }
+}
+
+}  // namespace
+
+ArtefactSet artefactSet() {
+    ArtefactSet a;
+    a.volumeLo = Eigen::Vector3d(-400, -300, 0);
+    a.volumeHi = Eigen::Vector3d(400, 300, 500);
+    const Eigen::Vector3d centre = 0.5 * (a.volumeLo + a.volumeHi);
+    const double diameter = 25.0, length = 400.0;
+    a.spheres.push_back({"sphere", centre, diameter});
+    const Eigen::Vector3d half = 0.5 * (a.volumeHi - a.volumeLo);
+    const std::vector<std::pair<std::string, Eigen::Vector3d>> directions = {
+        {"diagonal +x+y+z", Eigen::Vector3d(half.x(), half.y(), half.z())},
+        {"diagonal -x+y+z", Eigen::Vector3d(-half.x(), half.y(), half.z())},
+        {"diagonal +x-y+z", Eigen::Vector3d(half.x(), -half.y(), half.z())},
+        {"diagonal -x-y+z", Eigen::Vector3d(-half.x(), -half.y(), half.z())},
+        {"axis x", Eigen::Vector3d::UnitX()},
+        {"axis y", Eigen::Vector3d::UnitY()},
+        {"axis z", Eigen::Vector3d::UnitZ()},
+    };
+    for (const auto& d : directions) {
+        const Eigen::Vector3d u = d.second.normalized();
+        const int first = static_cast<int>(a.spheres.size());
+        a.spheres.push_back({d.first + " A", centre - 0.5 * length * u, diameter});
+        a.spheres.push_back({d.first + " B", centre + 0.5 * length * u, diameter});
+        a.bars.push_back({d.first, first, first + 1, length});
+    }
+    ArtefactPlane plane;
+    plane.name = "plane";
+    // Along x, in front of every sphere: no sphere comes within 50 mm of it.
+    plane.centre = Eigen::Vector3d(0, -200, 100);
+    plane.axis = Eigen::Vector3d::UnitX();
+    plane.length = 600.0;
+    plane.width = 80.0;
+    plane.thickness = 10.0;
+    a.planes.push_back(plane);
+    a.tableCentre = Eigen::Vector3d(0, 0, -300);
+    a.tableSize = Eigen::Vector3d(1200, 900, 20);
+    return a;
+}
+
+Scene::~Scene() = default;
+
+bool Scene::buildArtefacts(std::string* error) {
+    const ArtefactSet& a = m_artefacts;
+    const int frames = m_options.artefactFrames;
+    if (frames < 2 || frames > 100000) {
+        if (error != nullptr) {
+            *error = "artefact-frames: 2 to 100000";
+        }
+        return false;
+    }
+    auto stage = [&](const std::vector<int>& spheres, int plane) {
+        auto s = std::make_unique<Stage>();
+        s->mesh = m_truth.part;
+        s->sphereOf.assign(s->mesh.triangles.size(), -1);
+        for (int k : spheres) {
+            const ArtefactSphere& sp = a.spheres[static_cast<size_t>(k)];
+            appendSphere(s->mesh, sp.centre, 0.5 * sp.diameter);
+            s->sphereOf.resize(s->mesh.triangles.size(), k);
+            s->targets.push_back({k, -1, frames});
+        }
+        if (plane >= 0) {
+            const ArtefactPlane& p = a.planes[static_cast<size_t>(plane)];
+            Eigen::Matrix3d axes;
+            axes.col(0) = p.axis;
+            axes.col(1) = p.normal.cross(p.axis);
+            axes.col(2) = p.normal;
+            appendBox(s->mesh, p.centre - 0.5 * p.thickness * p.normal, axes,
+                      Eigen::Vector3d(0.5 * p.length, 0.5 * p.width, 0.5 * p.thickness));
+            s->sphereOf.resize(s->mesh.triangles.size(), -1);
+            s->targets.push_back({-1, plane, 2 * frames});
+        }
+        for (size_t i = 0; i < s->mesh.triangles.size(); ++i) {
+            s->normals.push_back(s->mesh.normal(i));
+        }
+        s->caster = std::make_unique<RayCaster>(s->mesh);
+        s->firstFrame = m_cycle;
+        for (const Stage::Target& t : s->targets) {
+            s->frames += t.frames;
+        }
+        m_cycle += s->frames;
+        m_stages.push_back(std::move(s));
+    };
+    stage({0}, -1);
+    for (const ArtefactBallBar& b : a.bars) {
+        stage({b.a, b.b}, -1);
+    }
+    for (size_t p = 0; p < a.planes.size(); ++p) {
+        stage({}, static_cast<int>(p));
+    }
+    return true;
+}
+
+const Scene::Stage* Scene::stageAt(int index, int* frameInStage) const {
+    if (m_stages.empty() || m_cycle <= 0) {
+        return nullptr;
+    }
+    int k = index % m_cycle;
+    if (k < 0) {
+        k += m_cycle;
+    }
+    for (const auto& s : m_stages) {
+        if (k < s->firstFrame + s->frames) {
+            *frameInStage = k - s->firstFrame;
+            return s.get();
+        }
+    }
+    *frameInStage = 0;
+    return m_stages.back().get();
+}
+
+Pose Scene::artefactScannerPose(int index) const {
+    int j = 0;
+    const Stage* stage = stageAt(index, &j);
+    const Stage::Target* target = &stage->targets.back();
+    for (const Stage::Target& t : stage->targets) {
+        if (j < t.frames) {
+            target = &t;
+            break;
+        }
+        j -= t.frames;
+    }
+    const double f = (j + 0.5) / target->frames;
+    Eigen::Matrix3d base;
+    base.col(0) = Eigen::Vector3d::UnitX();
+    base.col(1) = -Eigen::Vector3d::UnitY();
+    base.col(2) = -Eigen::Vector3d::UnitZ();
+    const double d = m_options.workingDistance;
+    Pose p;
+    if (target->sphere >= 0) {
+        // Around the sphere on a cone of 20 degrees about the vertical, turning as it goes and
+        // aiming a little off the centre, so the laser lines cross the whole visible cap.
+        const Eigen::Vector3d c = m_artefacts.spheres[static_cast<size_t>(target->sphere)].centre;
+        const double theta = 2 * kPi * f + m_phase[3];
+        // The second sphere of a ball bar is scanned with the scanner turned half round, as an
+        // operator walking round the bar does: errors of the scanner's own frame then move the
+        // two centres differently.
+        const double turn = target == &stage->targets.front() ? 0.0 : kPi;
+        const double alpha = 20 * kDeg;
+        const Eigen::Vector3d v(std::sin(alpha) * std::cos(theta),
+                                std::sin(alpha) * std::sin(theta), std::cos(alpha));
+        const Eigen::Vector3d aim = c + 6.0 * Eigen::Vector3d(std::cos(3 * theta + m_phase[4]),
+                                                              std::sin(3 * theta + m_phase[4]), 0);
+        p.R = (Eigen::AngleAxisd(alpha, Eigen::Vector3d(-std::sin(theta), std::cos(theta), 0)) *
+               Eigen::AngleAxisd(0.5 * theta + turn, Eigen::Vector3d::UnitZ()))
+                  .toRotationMatrix() *
+              base;
+        p.t = aim + d * v;
+        return p;
+    }
+    // Along the plane at working distance, tilting and turning a little.
+    const ArtefactPlane& plane = m_artefacts.planes[static_cast<size_t>(target->plane)];
+    const double along = (f - 0.5) * (plane.length - 100.0);
+    const double tilt = 8 * kDeg * std::sin(2 * kPi * 3 * f + m_phase[4]);
+    const double yaw = std::atan2(plane.axis.y(), plane.axis.x()) +
+                       25 * kDeg * std::sin(2 * kPi * 2 * f + m_phase[5]);
+    p.R = (Eigen::AngleAxisd(yaw, Eigen::Vector3d::UnitZ()) *
+           Eigen::AngleAxisd(tilt, Eigen::Vector3d::UnitX()))
+              .toRotationMatrix() *
+          base;
+    p.t = plane.centre + along * plane.axis + d * plane.normal;
+    return p;
+}
+
 std::vector<TrackerPlacement> defaultTrackers(int count) {
     const TrackerPlacement all[3] = {
         {"TRK0001", {0, -2600, 1800}, {0, 0, 0}, 60.0, 1200.0, 6000.0},
@@ -132,7 +362,15 @@ bool Scene::build(const SceneOptions& o, std::string* error) {
         return fail("motion is none or sway");
     }
     m_options = o;
-    if (o.meshPath.empty()) {
+    if (o.artefacts) {
+        // The marker table is the part; the artefacts come with the stages.
+        m_artefacts = artefactSet();
+        m_truth.part = TriangleMesh();
+        appendBox(
+            m_truth.part,
+            m_artefacts.tableCentre - 0.5 * m_artefacts.tableSize.z() * Eigen::Vector3d::UnitZ(),
+            Eigen::Matrix3d::Identity(), 0.5 * m_artefacts.tableSize);
+    } else if (o.meshPath.empty()) {
         m_truth.part = defaultPart(&m_truth.holes);
     } else if (!loadMesh(o.meshPath, m_truth.part, error)) {
         return false;
@@ -194,7 +432,7 @@ bool Scene::build(const SceneOptions& o, std::string* error) {
                 {Eigen::Vector3d(30.0 * k, 45.0 * s, -10), Eigen::Vector3d(0, s, 0)});
         }
     }
-    return true;
+    return !o.artefacts || buildArtefacts(error);
 }
 
 void Scene::placeMarkers(Rng& rng) {
@@ -318,6 +556,9 @@ void Scene::placeMarkers(Rng& rng) {
 }
 
 Pose Scene::scannerInPart(int index) const {
+    if (!m_stages.empty()) {
+        return artefactScannerPose(index);
+    }
     const SceneOptions& o = m_options;
     const double s = index / o.fps;
     const double margin = 30.0;
@@ -420,6 +661,11 @@ void Scene::frame(const FrameRequest& rq, ScanFrame& out) const {
         out.quality.swap(quality);
     }
     out.index = rq.index;
+    int inStage = 0;
+    const Stage* stage = stageAt(rq.index, &inStage);
+    const RayCaster& caster = stage != nullptr ? *stage->caster : *m_caster;
+    const std::vector<Eigen::Vector3d>& triNormals = stage != nullptr ? stage->normals : m_normals;
+    const TriangleMesh& mesh = stage != nullptr ? stage->mesh : m_truth.part;
     const Pose part = partInRoom(rq.index);
     const Pose scanner = scannerInPart(rq.index);
     const Pose scannerRoom = part * scanner;
@@ -466,7 +712,7 @@ void Scene::frame(const FrameRequest& rq, ScanFrame& out) const {
         Ray axis;
         axis.origin = scanner.t.cast<float>();
         axis.direction = scanner.R.col(2).cast<float>();
-        const Hit h = m_caster->intersect(axis);
+        const Hit h = caster.intersect(axis);
         out.distance = h.valid() ? h.t : 0.0;
     }
 
@@ -513,7 +759,7 @@ void Scene::frame(const FrameRequest& rq, ScanFrame& out) const {
                 r.tnear = static_cast<float>(0.5 * nearZ);
                 r.tfar = static_cast<float>(2.0 * farZ);
             }
-            m_caster->intersect(rays, hits);
+            caster.intersect(rays, hits);
             for (int k = 0; k < perLine; ++k) {
                 valid[static_cast<size_t>(k)] = -1;
                 const Hit& h = hits[static_cast<size_t>(k)];
@@ -524,16 +770,31 @@ void Scene::frame(const FrameRequest& rq, ScanFrame& out) const {
                                            sinT[static_cast<size_t>(k)] * uS;
                 const Eigen::Vector3d dW = scanner.R * dS;
                 const size_t tri = static_cast<size_t>(h.triangle);
-                const Eigen::Vector3d& nW = m_normals[tri];
+                Eigen::Vector3d nW = triNormals[tri];
+                double t = 0;
+                const int sphere = stage != nullptr ? stage->sphereOf[tri] : -1;
+                if (sphere >= 0) {
+                    // The exact hit on the true sphere (the triangles lie inside it).
+                    const ArtefactSphere& sp = m_artefacts.spheres[static_cast<size_t>(sphere)];
+                    const double r = 0.5 * sp.diameter;
+                    const Eigen::Vector3d oc = eW - sp.centre;
+                    const double b = oc.dot(dW);
+                    const double disc = b * b - (oc.squaredNorm() - r * r);
+                    if (disc < 0) {
+                        continue;
+                    }
+                    t = -b - std::sqrt(disc);
+                    nW = (oc + t * dW) / r;
+                } else {
+                    // The exact hit on the triangle's plane, in double precision.
+                    const Eigen::Vector3d a =
+                        mesh.vertices[static_cast<size_t>(mesh.triangles[tri][0])].cast<double>();
+                    t = nW.dot(a - eW) / nW.dot(dW);
+                }
                 const double facing = -nW.dot(dW);
                 if (facing < minCos) {
                     continue;  // back face or grazing
                 }
-                // The exact hit on the triangle's plane, in double precision.
-                const Eigen::Vector3d a =
-                    m_truth.part.vertices[static_cast<size_t>(m_truth.part.triangles[tri][0])]
-                        .cast<double>();
-                const double t = nW.dot(a - eW) / nW.dot(dW);
                 const Eigen::Vector3d pS = eS + t * dS;
                 if (pS.z() < nearZ || pS.z() > farZ) {
                     continue;
@@ -609,7 +870,7 @@ void Scene::frame(const FrameRequest& rq, ScanFrame& out) const {
         r.origin = (m.position + 0.05 * m.normal).cast<float>();
         r.direction = toEye.cast<float>();
         r.tfar = 1e5f;
-        if (m_caster->occluded(r)) {
+        if (caster.occluded(r)) {
             continue;
         }
         if (rq.scannerMarkers) {
@@ -663,13 +924,53 @@ void Scene::frame(const FrameRequest& rq, ScanFrame& out) const {
             out.holes.push_back(std::move(oh));
         }
     }
+
+    if (o.laserRotationDeg != 0 && !out.points.empty()) {
+        // A scanner whose laser calibration is off reports its points turned about its x axis.
+        const Eigen::Matrix3d err =
+            Eigen::AngleAxisd(o.laserRotationDeg * kDeg, Eigen::Vector3d::UnitX())
+                .toRotationMatrix();
+        for (Eigen::Vector3d& p : out.points) {
+            p = err * p;
+        }
+        for (Eigen::Vector3d& n : out.normals) {
+            n = err * n;
+        }
+        for (LaserLineInfo& l : out.lines) {
+            const Eigen::Vector3d n = err * l.plane.head<3>();
+            l.plane.head<3>() = n;
+            l.start = err * l.start;
+            l.end = err * l.end;
+        }
+    }
+    if (o.trackerScalePpm != 0) {
+        // A tracker with a length error reports every position scaled about its origin.
+        const double k = 1.0 + 1e-6 * o.trackerScalePpm;
+        for (double& v : out.translation) {
+            v *= k;
+        }
+        for (ObservedMarkerK& m : out.markers) {
+            m.centre *= k;
+        }
+        for (ObservedHole& h : out.holes) {
+            h.centre *= k;
+            for (Eigen::Vector3d& e : h.edge) {
+                e *= k;
+            }
+        }
+        for (EdgePointK& e : out.edges) {
+            e.centre *= k;
+        }
+    }
 }
 
 std::string Scene::describeJson() const {
     const SceneOptions& o = m_options;
     nlohmann::json j;
     j["seed"] = o.seed;
-    j["part"] = o.meshPath.empty() ? std::string("built-in") : o.meshPath;
+    j["part"] = o.artefacts          ? std::string("artefact table")
+                : o.meshPath.empty() ? std::string("built-in")
+                                     : o.meshPath;
     j["markers"] = o.markersPath.empty() ? std::string("placed") : o.markersPath;
     j["markerCount"] = m_truth.markers.size();
     j["markerDiameter"] = o.markerDiameter;
@@ -708,6 +1009,37 @@ std::string Scene::describeJson() const {
                             {"matrix", std::vector<double>(m.begin(), m.end())}});
     }
     j["trackers"] = trackers;
+    j["trackerScalePpm"] = o.trackerScalePpm;
+    if (o.artefacts) {
+        const ArtefactSet& a = m_artefacts;
+        auto vec = [](const Eigen::Vector3d& v) {
+            return std::vector<double>{v.x(), v.y(), v.z()};
+        };
+        nlohmann::json spheres = nlohmann::json::array(), bars = nlohmann::json::array(),
+                       planes = nlohmann::json::array();
+        for (const ArtefactSphere& sp : a.spheres) {
+            spheres.push_back(
+                {{"name", sp.name}, {"centre", vec(sp.centre)}, {"diameter", sp.diameter}});
+        }
+        for (const ArtefactBallBar& b : a.bars) {
+            bars.push_back({{"name", b.name}, {"a", b.a}, {"b", b.b}, {"distance", b.distance}});
+        }
+        for (const ArtefactPlane& p : a.planes) {
+            planes.push_back({{"name", p.name},
+                              {"centre", vec(p.centre)},
+                              {"normal", vec(p.normal)},
+                              {"axis", vec(p.axis)},
+                              {"length", p.length},
+                              {"width", p.width}});
+        }
+        j["artefacts"] = {{"volumeLo", vec(a.volumeLo)},
+                          {"volumeHi", vec(a.volumeHi)},
+                          {"spheres", spheres},
+                          {"ballBars", bars},
+                          {"planes", planes},
+                          {"framesPerSphere", o.artefactFrames},
+                          {"cycleFrames", m_cycle}};
+    }
     j["convention"] =
         "matrix: p_K = B p_W + T with B(r,c) = M[4r+c], T = M[12..14]; frame pose: p_K = x_S R + t";
     return j.dump();

@@ -74,7 +74,51 @@ struct SceneOptions {
     double motionMm = 20.0;  // amplitude of the sway's translation
     double motionDeg = 3.0;  // amplitude of its rotation
     double motionPeriodS = 20.0;
+    // Artefact scene: instead of the part, calibrated artefacts (a sphere, a ball bar in seven
+    // positions, a plane) above a marker table, visited in turn by the scanner (see
+    // artefactSet()). `artefactFrames` frames per sphere, twice that for the plane.
+    bool artefacts = false;
+    int artefactFrames = 48;
+    // Length error of the trackers (parts per million): the pose translations and marker
+    // centres they report are scaled by 1 + ppm/1e6 about their origin. Zero in a sound system.
+    double trackerScalePpm = 0.0;
+    // Error of the scanner's laser calibration (degrees): the laser points, directions and line
+    // planes it reports are turned about its x axis. Zero in a sound system.
+    double laserRotationDeg = 0.0;
 };
+
+// Calibrated artefacts in W (millimetres).
+struct ArtefactSphere {
+    std::string name;
+    Eigen::Vector3d centre = Eigen::Vector3d::Zero();
+    double diameter = 25.0;
+};
+struct ArtefactBallBar {
+    std::string name;
+    int a = 0, b = 0;       // its two spheres (indices into ArtefactSet::spheres)
+    double distance = 0.0;  // calibrated centre distance
+};
+struct ArtefactPlane {
+    std::string name;
+    Eigen::Vector3d centre = Eigen::Vector3d::Zero();  // of the measured (top) face
+    Eigen::Vector3d normal = Eigen::Vector3d::UnitZ();
+    Eigen::Vector3d axis = Eigen::Vector3d::UnitX();  // along its length
+    double length = 0.0, width = 0.0, thickness = 0.0;
+};
+struct ArtefactSet {
+    Eigen::Vector3d volumeLo = Eigen::Vector3d::Zero(), volumeHi = Eigen::Vector3d::Zero();
+    std::vector<ArtefactSphere> spheres;  // [0] the single sphere, then two per ball-bar position
+    std::vector<ArtefactBallBar> bars;    // seven positions
+    std::vector<ArtefactPlane> planes;
+    Eigen::Vector3d tableCentre = Eigen::Vector3d::Zero();  // top face of the marker table
+    Eigen::Vector3d tableSize = Eigen::Vector3d::Zero();
+};
+// The artefacts of the artefact scene: a 800 x 600 x 500 mm measuring volume (x -400..400,
+// y -300..300, z 0..500); a 25 mm sphere at its centre; a 400 mm ball bar of two 25 mm spheres
+// centred on the volume's centre along the four space diagonals and the three axes; a
+// 600 x 80 mm plane along x at y -200, z 100; the marker table 300 mm below
+// the volume, out of the scanner's depth of field while it looks at an artefact.
+ArtefactSet artefactSet();
 
 // A rigid pose, column reading: p_to = R p_from + t.
 using Pose = RigidMotion;
@@ -151,6 +195,7 @@ struct ScanFrame {
 
 class Scene {
 public:
+    ~Scene();
     // Builds the scene; false with a reason (bad mesh or marker file, bad option).
     static std::unique_ptr<Scene> create(const SceneOptions& options, std::string* error);
 
@@ -174,6 +219,8 @@ public:
     std::string describeJson() const;
     // Writes the truth files into DIR.
     bool exportTruth(const std::string& dir, std::string* error) const;
+    // Frames of one visit of every artefact (0 unless the artefact scene).
+    int artefactCycle() const { return m_cycle; }
 
 private:
     Scene() = default;
@@ -189,6 +236,15 @@ private:
     std::unique_ptr<RayCaster> m_caster;
     std::vector<Eigen::Vector3d> m_normals;  // unit normal of every triangle
     std::vector<Marker> m_bodyMarkers;
+    // Artefact scene: one stage per artefact setting (the table plus the sphere, one ball-bar
+    // position or the plane), each with its own ray caster; frames visit them in turn.
+    struct Stage;
+    bool buildArtefacts(std::string* error);
+    const Stage* stageAt(int index, int* frameInStage) const;
+    Pose artefactScannerPose(int index) const;
+    std::vector<std::unique_ptr<Stage>> m_stages;
+    ArtefactSet m_artefacts;
+    int m_cycle = 0;
     // trajectory
     Eigen::Vector3d m_lo = Eigen::Vector3d::Zero(), m_hi = Eigen::Vector3d::Zero();
     double m_height = 0;
