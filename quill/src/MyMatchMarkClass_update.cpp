@@ -82,8 +82,60 @@ const MatchSettings& MyMatchMarkClass_update::get_settings() const {
     return d_->settings;
 }
 
+namespace detail {
+
+struct IndexedMarkSetState {
+    bool valid = false;
+    std::vector<mark_data> marks;
+    double sameDist = 0.0;
+    ReferenceIndex index;
+};
+
+}  // namespace detail
+
+IndexedMarkSet::IndexedMarkSet() = default;
+IndexedMarkSet::~IndexedMarkSet() = default;
+
+bool IndexedMarkSet::build(const mark_data* fixed, int m, float sameTargetDistance) {
+    try {
+        d_ = std::make_unique<detail::IndexedMarkSetState>();
+        detail::IndexedMarkSetState& st = *d_;
+        st.sameDist = std::max(0.0f, sameTargetDistance);
+        if (!st.index.buildShared(fixed, m, st.sameDist))
+            return false;
+        st.marks.assign(fixed, fixed + m);
+        st.valid = true;
+        return true;
+    } catch (...) {
+        d_.reset();
+        return false;
+    }
+}
+
+int IndexedMarkSet::size() const {
+    return d_ ? static_cast<int>(d_->marks.size()) : 0;
+}
+
 int MyMatchMarkClass_update::MarkRegistration(mark_data* moving, int n, mark_data* fixed, int m,
                                               int maxTries, int seed) {
+    return registerAgainst(moving, n, fixed, m, nullptr, maxTries, seed);
+}
+
+int MyMatchMarkClass_update::MarkRegistration(mark_data* moving, int n, const IndexedMarkSet& fixed,
+                                              int maxTries, int seed) {
+    const detail::IndexedMarkSetState* st = fixed.d_.get();
+    if (st == nullptr || !st->valid) {
+        d_->clearResult();
+        d_->status = kMatchBadInput;
+        return -1;
+    }
+    return registerAgainst(moving, n, st->marks.data(), static_cast<int>(st->marks.size()), st,
+                           maxTries, seed);
+}
+
+int MyMatchMarkClass_update::registerAgainst(mark_data* moving, int n, const mark_data* fixed,
+                                             int m, const detail::IndexedMarkSetState* indexed,
+                                             int maxTries, int seed) {
     MatcherState& st = *d_;
     st.clearResult();
     try {
@@ -100,17 +152,34 @@ int MyMatchMarkClass_update::MarkRegistration(mark_data* moving, int n, mark_dat
             st.status = kMatchTooFewMarkers;
             return 0;
         }
-        // The fixed set's own index, built for this call and only as far as this moving
-        // set's lookups reach.
+        detail::RegistrationOptions opt;
+        opt.maxTries = maxTries;
+        opt.seed = static_cast<std::uint64_t>(static_cast<std::uint32_t>(seed));
+        const double look = detail::lookupTolerance(st.settings);
+        // A set indexed beforehand for this same-target distance is cut for this moving set;
+        // otherwise (or when this moving set reaches farther than its lists) the fixed set
+        // gets its own index, built for this call and only as far as this moving set's
+        // lookups reach.
+        double linkRadius = 0.0;
+        std::vector<unsigned char> counts;
+        if (indexed != nullptr && indexed->sameDist == same &&
+            indexed->index.cutFor(mv, look, linkRadius, counts)) {
+            const detail::ReferenceIndex& lib = indexed->index;
+            if (lib.live() < minN) {
+                st.status = kMatchTooFewMarkers;
+                return 0;
+            }
+            const detail::RegistrationResult r = detail::registerMoving(
+                mv, detail::ReferenceView(lib, linkRadius, counts), st.settings, opt);
+            st.storeResult(r, mv, &lib.source());
+            return r.status == kMatchOk ? 1 : 0;
+        }
         detail::ReferenceIndex lib;
-        lib.build(fixed, m, same, mv, detail::lookupTolerance(st.settings));
+        lib.build(fixed, m, same, mv, look);
         if (lib.live() < minN) {
             st.status = kMatchTooFewMarkers;
             return 0;
         }
-        detail::RegistrationOptions opt;
-        opt.maxTries = maxTries;
-        opt.seed = static_cast<std::uint64_t>(static_cast<std::uint32_t>(seed));
         const detail::RegistrationResult r = detail::registerMoving(mv, lib, st.settings, opt);
         st.storeResult(r, mv, &lib.source());
         return r.status == kMatchOk ? 1 : 0;

@@ -47,31 +47,50 @@ struct MovingReach {
         for (auto& nb : near)
             nb.fill(kInf);
         std::vector<double> best(static_cast<std::size_t>(n), 1e300);
+        // Per marker, a squared distance at or beyond which a pair changes nothing for it: at
+        // least its nearest so far and its last kept neighbour (both as squared distances of
+        // pairs seen). The square root is monotone, so such a pair needs no square root.
+        std::vector<double> skip2(static_cast<std::size_t>(n), kInf);
+        std::vector<double> best2(static_cast<std::size_t>(n), kInf);
+        std::vector<std::array<double, kAnchorNeighbours>> near2(static_cast<std::size_t>(n));
+        for (auto& nb : near2)
+            nb.fill(kInf);
         // Keeps the kAnchorNeighbours smallest distances of an anchor, ascending.
-        const auto keep = [&](int i, double d) {
+        const auto keep = [&](int i, double d, double d2) {
             auto& nb = near[static_cast<std::size_t>(i)];
+            auto& nb2 = near2[static_cast<std::size_t>(i)];
             if (!(d >= minSide && d < nb[kAnchorNeighbours - 1]))
                 return;
             int at = kAnchorNeighbours - 1;
             while (at > 0 && nb[static_cast<std::size_t>(at) - 1] > d) {
                 nb[static_cast<std::size_t>(at)] = nb[static_cast<std::size_t>(at) - 1];
+                nb2[static_cast<std::size_t>(at)] = nb2[static_cast<std::size_t>(at) - 1];
                 --at;
             }
             nb[static_cast<std::size_t>(at)] = d;
+            nb2[static_cast<std::size_t>(at)] = d2;
+        };
+        const auto update = [&](int i, double d, double d2) {
+            const auto u = static_cast<std::size_t>(i);
+            if (d > minSide && d < best[u]) {
+                best[u] = d;
+                best2[u] = d2;
+            }
+            keep(i, d, d2);
+            skip2[u] = std::max(best2[u], near2[u][kAnchorNeighbours - 1]);
         };
         // Each pair once: |p_j - p_i| and |p_i - p_j| are the same number.
         for (int i = 0; i < n; ++i) {
+            const Eigen::Vector3d pi = p[static_cast<std::size_t>(i)];
             for (int j = i + 1; j < n; ++j) {
-                const double d =
-                    (p[static_cast<std::size_t>(j)] - p[static_cast<std::size_t>(i)]).norm();
-                if (d > minSide) {
-                    best[static_cast<std::size_t>(i)] =
-                        std::min(best[static_cast<std::size_t>(i)], d);
-                    best[static_cast<std::size_t>(j)] =
-                        std::min(best[static_cast<std::size_t>(j)], d);
+                const double d2 = (p[static_cast<std::size_t>(j)] - pi).squaredNorm();
+                if (d2 >= skip2[static_cast<std::size_t>(i)] &&
+                    d2 >= skip2[static_cast<std::size_t>(j)]) {
+                    continue;
                 }
-                keep(i, d);
-                keep(j, d);
+                const double d = std::sqrt(d2);
+                update(i, d, d2);
+                update(j, d, d2);
             }
         }
         const int step = n > 32 ? n / 32 : 1;
@@ -316,8 +335,26 @@ void ReferenceIndex::cutLists(double reach) {
     }
 }
 
+double ReferenceIndex::ownRadius(double rho) {
+    // Linking radius from a sample of nearest-marker distances, as for a library. The last
+    // pass found each marker's nearest within rho; a marker with none that near is searched
+    // further, and so is one whose distance rounds to exactly minSide.
+    std::vector<double> nn;
+    const std::size_t n = pos.size();
+    const std::size_t step = n > 32 ? n / 32 : 1;
+    for (std::size_t i = 0; i < n; i += step) {
+        double d = std::sqrt(nearest2_[i]);
+        if (!(d > minSide_ && d <= rho))
+            d = nearestOther(static_cast<int>(i));
+        if (d < 1e299)
+            nn.push_back(d);
+    }
+    return radiusFromNearest(nn, minSide_);
+}
+
 bool ReferenceIndex::build(const mark_data* marks, int count, double sameDist, const MovingSet& mv,
                            double lookTol) {
+    shared_ = false;
     pos.clear();
     nrm.clear();
     hasNormal.clear();
@@ -374,20 +411,8 @@ bool ReferenceIndex::build(const mark_data* marks, int count, double sameDist, c
     alive.assign(n, 1);
     linked.assign(n, 1);
 
-    // Linking radius from a sample of nearest-marker distances, as for a library. The pass
-    // found each marker's nearest within rho; a marker with none that near is searched
-    // further, and so is one whose distance rounds to exactly minSide.
     {
-        std::vector<double> nn;
-        const std::size_t step = n > 32 ? n / 32 : 1;
-        for (std::size_t i = 0; i < n; i += step) {
-            double d = std::sqrt(nearest2_[i]);
-            if (!(d > minSide_ && d <= rho))
-                d = nearestOther(static_cast<int>(i));
-            if (d < 1e299)
-                nn.push_back(d);
-        }
-        const double r = std::max(radiusFromNearest(nn, minSide_), mr.radius);
+        const double r = std::max(ownRadius(rho), mr.radius);
         linkRadius_ = r > 1e-3 ? r : 1e-3;
     }
     reach_ = listRadius(linkRadius_);
@@ -396,6 +421,108 @@ bool ReferenceIndex::build(const mark_data* marks, int count, double sameDist, c
         pairPass(reach_);
     }
     cutLists(reach_);
+    return true;
+}
+
+bool ReferenceIndex::buildShared(const mark_data* marks, int count, double sameDist) {
+    shared_ = true;
+    pos.clear();
+    nrm.clear();
+    hasNormal.clear();
+    alive.clear();
+    linked.clear();
+    src_.clear();
+    nbrCount_.clear();
+    buildGrid(pos, 1.0);
+    if (count < 0 || count > kMaxMarkers || (count > 0 && marks == nullptr))
+        return false;
+    minSide_ = sameDist > 0.0 ? sameDist : 0.0;
+
+    pos.reserve(static_cast<std::size_t>(count));
+    src_.reserve(static_cast<std::size_t>(count));
+    for (int i = 0; i < count; ++i) {
+        const Eigen::Vector3d p(marks[i].x, marks[i].y, marks[i].z);
+        if (p.allFinite()) {
+            pos.push_back(p);
+            src_.push_back(i);
+        }
+    }
+    // A pass as far as minSide meets every near-duplicate; they are folded as build() folds
+    // them, whatever distance its pass reaches.
+    const double rho0 = std::max(minSide_, 1e-3);
+    buildGrid(pos, rho0);
+    if (pairPass(rho0)) {
+        MovingSet folded;
+        prepareMoving(marks, count, minSide_, folded);
+        pos = std::move(folded.p);
+        src_ = std::move(folded.src);
+        buildGrid(pos, rho0);
+        pairPass(rho0);
+    }
+    const std::size_t n = pos.size();
+    nrm.resize(n);
+    hasNormal.resize(n);
+    for (std::size_t k = 0; k < n; ++k) {
+        const mark_data& m = marks[src_[k]];
+        hasNormal[k] = readNormal(m.nx, m.ny, m.nz, nrm[k]) ? 1 : 0;
+    }
+    alive.assign(n, 1);
+    linked.assign(n, 1);
+    ownRadius_ = ownRadius(rho0);
+    linkRadius_ = ownRadius_ > 1e-3 ? ownRadius_ : 1e-3;
+
+    // Lists as far as twice the set's own linking radius: a frame of the same part asks for
+    // at most about one linking radius (cutFor tells when a moving set asks for more).
+    reach_ = std::max(2.0 * linkRadius_, minSide_);
+    buildGrid(pos, reach_);
+    pairPass(reach_);
+    // The inlier queries get cells of about the typical marker spacing.
+    buildGrid(pos, linkRadius_ / 3.0);
+    pairs_ = std::vector<Pair>();
+    sorted_.reset();
+    nearest2_ = std::vector<double>();
+    return true;
+}
+
+bool ReferenceIndex::cutFor(const MovingSet& mv, double lookTol, double& linkRadius,
+                            std::vector<unsigned char>& counts) const {
+    if (!shared_)
+        return false;
+    // The radii build() would take for this moving set.
+    MovingReach mr;
+    mr.compute(mv.p, minSide_);
+    const double margin = 1e-6;
+    const auto listRadius = [&](double r) {
+        const double l = (mr.longestSide(r) + lookTol) * (1.0 + margin) + margin;
+        return std::min(l, r);
+    };
+    const double rho = std::max(listRadius(1.5 * std::max(mr.radius, 1e-3)), minSide_);
+    const double r = std::max(ownRadius_, mr.radius);
+    linkRadius = r > 1e-3 ? r : 1e-3;
+    const double reach = listRadius(linkRadius);
+    // build() gathers the pairs within `bound` and cuts its lists at `reach`.
+    const double bound = std::max(rho, reach);
+    if (!(bound <= reach_))
+        return false;
+    const double bound2 = bound * bound;
+    const std::uint64_t last = highKey(reach);
+    const std::uint64_t nearBound = lowKey(bound);
+    const std::size_t n = pos.size();
+    counts.resize(n);
+    for (std::size_t i = 0; i < n; ++i) {
+        const std::uint64_t* k = &nbr_[i * kNeighbours];
+        const int cnt = nbrCount_[i];
+        int keep = 0;
+        while (keep < cnt && k[keep] <= last) {
+            // Only a distance that rounds to the bound as a float can lie beyond it.
+            if (k[keep] >= nearBound &&
+                (pos[static_cast<std::size_t>(keyId(k[keep]))] - pos[i]).squaredNorm() > bound2) {
+                return false;  // build() would have skipped this pair: rare, build per call
+            }
+            ++keep;
+        }
+        counts[i] = static_cast<unsigned char>(keep);
+    }
     return true;
 }
 

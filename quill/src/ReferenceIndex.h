@@ -15,6 +15,11 @@
 //
 // Building it for 300 markers costs a few tens of microseconds, far less than filing every
 // triangle in a hash table would, which only pays off when many frames are registered.
+//
+// A set that many moving sets are registered against (a tracker's reference) is indexed once
+// with buildShared: its lists reach a few of its own linking radii, and cutFor() derives, per
+// moving set, the linking radius and the list lengths that build() would have given. The
+// registration reads either through a ReferenceView and finds the same answers.
 #pragma once
 
 #include <Eigen/Core>
@@ -43,6 +48,16 @@ public:
     // array itself is unusable (null with a positive count, a negative or absurd count).
     bool build(const mark_data* marks, int count, double sameDist, const MovingSet& mv,
                double lookTol);
+    // Indexes the usable markers of `marks` once, for any moving set (see cutFor). Returns
+    // false, leaving the index empty, when the array itself is unusable.
+    bool buildShared(const mark_data* marks, int count, double sameDist);
+    // For an index from buildShared: the linking radius and, per marker, the list length that
+    // build(marks, count, sameDist, mv, lookTol) would give. False when the moving set asks
+    // for lists longer than the shared ones reach (then build per call).
+    bool cutFor(const MovingSet& mv, double lookTol, double& linkRadius,
+                std::vector<unsigned char>& counts) const;
+    // List lengths of an index from build().
+    const std::vector<unsigned char>& listCounts() const { return nbrCount_; }
 
     double linkRadius() const { return linkRadius_; }
     double minSide() const { return minSide_; }
@@ -60,7 +75,9 @@ public:
         double bestD2 = r * r;
         forEachNear(p, r, [&](int id) {
             const double d2 = (pos[static_cast<std::size_t>(id)] - p).squaredNorm();
-            if (d2 <= bestD2 && accept(id)) {
+            // Equal distances go to the lower id, so that the answer does not depend on the
+            // order in which the grid offers the markers.
+            if ((d2 < bestD2 || (d2 == bestD2 && (best < 0 || id < best))) && accept(id)) {
                 bestD2 = d2;
                 best = id;
             }
@@ -91,6 +108,12 @@ public:
     // within `tol` of (d1, d2, d3); b and c are among a's linked markers, b the nearer.
     template <class F>
     void forEachTriangle(double d1, double d2, double d3, double tol, F&& f) const {
+        forEachTriangleIn(nbrCount_.data(), d1, d2, d3, tol, f);
+    }
+    // The same with the list lengths `counts` (one per marker, at most the index's own).
+    template <class F>
+    void forEachTriangleIn(const unsigned char* counts, double d1, double d2, double d3, double tol,
+                           F&& f) const {
         // Lists hold keys ordered like (distance as float, id): compare keys directly.
         const std::uint64_t lo1 = lowKey(d1 - tol), hi1 = highKey(d1 + tol);
         const std::uint64_t lo2 = lowKey(d2 - tol), hi2 = highKey(d2 + tol);
@@ -99,7 +122,7 @@ public:
         const int n = live();
         for (int a = 0; a < n; ++a) {
             const std::uint64_t* list = &nbr_[static_cast<std::size_t>(a) * kNeighbours];
-            const int cnt = nbrCount_[static_cast<std::size_t>(a)];
+            const int cnt = counts[static_cast<std::size_t>(a)];
             for (int u = 0; u < cnt; ++u) {
                 if (list[u] < lo1)
                     continue;
@@ -181,9 +204,15 @@ private:
     // Cuts the neighbour lists at `reach`.
     void cutLists(double reach);
 
+    // The linking radius from this set's own nearest-marker distances (sampled as a library
+    // samples them), and the sampling itself.
+    double ownRadius(double rho);
+
     double linkRadius_ = 100.0;
     double minSide_ = 0.0;
     double reach_ = 0.0;
+    bool shared_ = false;
+    double ownRadius_ = 100.0;  // buildShared: the set's own linking radius
     std::vector<int> src_;
     // Dense grid: cells of size 1/inv_ over [lo_, lo_ + n * cell); the ids of cell c are
     // cellId_[start_[c] .. start_[c + 1]).
@@ -203,6 +232,59 @@ private:
     std::vector<double> nearest2_;
     std::vector<std::uint64_t> nbr_;  // kNeighbours keys per marker, ascending
     std::vector<unsigned char> nbrCount_;
+};
+
+// What a registration reads of a ReferenceIndex: its markers, its grid, and the linking radius
+// and list lengths for one moving set.
+class ReferenceView {
+public:
+    // The index as build() made it.
+    explicit ReferenceView(const ReferenceIndex& idx)
+        : pos(idx.pos),
+          nrm(idx.nrm),
+          hasNormal(idx.hasNormal),
+          alive(idx.alive),
+          linked(idx.linked),
+          idx_(idx),
+          linkRadius_(idx.linkRadius()),
+          counts_(idx.listCounts().data()) {}
+    // A shared index cut for one moving set (ReferenceIndex::cutFor); `counts` must outlive
+    // the view.
+    ReferenceView(const ReferenceIndex& idx, double linkRadius,
+                  const std::vector<unsigned char>& counts)
+        : pos(idx.pos),
+          nrm(idx.nrm),
+          hasNormal(idx.hasNormal),
+          alive(idx.alive),
+          linked(idx.linked),
+          idx_(idx),
+          linkRadius_(linkRadius),
+          counts_(counts.data()) {}
+
+    const std::vector<Eigen::Vector3d>& pos;
+    const std::vector<Eigen::Vector3d>& nrm;
+    const std::vector<unsigned char>& hasNormal;
+    const std::vector<unsigned char>& alive;
+    const std::vector<unsigned char>& linked;
+
+    int live() const { return idx_.live(); }
+    double minSide() const { return idx_.minSide(); }
+    double linkRadius() const { return linkRadius_; }
+    const std::vector<int>& source() const { return idx_.source(); }
+    template <class Accept>
+    int nearest(const Eigen::Vector3d& p, double r, Accept&& accept,
+                double* dist2 = nullptr) const {
+        return idx_.nearest(p, r, accept, dist2);
+    }
+    template <class F>
+    void forEachTriangle(double d1, double d2, double d3, double tol, F&& f) const {
+        idx_.forEachTriangleIn(counts_, d1, d2, d3, tol, f);
+    }
+
+private:
+    const ReferenceIndex& idx_;
+    double linkRadius_;
+    const unsigned char* counts_;
 };
 
 }  // namespace Quill::detail

@@ -42,7 +42,7 @@ double sideTolerance(const MatchSettings& s) {
     return tol;
 }
 
-// The search over either kind of library (MarkerLibrary or ReferenceIndex).
+// The search over either kind of library (MarkerLibrary or a ReferenceIndex's view).
 template <class Library>
 class Searcher {
 public:
@@ -515,7 +515,12 @@ RegistrationResult registerMoving(const MovingSet& mv, const MarkerLibrary& lib,
 
 RegistrationResult registerMoving(const MovingSet& mv, const ReferenceIndex& lib,
                                   const MatchSettings& s, const RegistrationOptions& opt) {
-    Searcher<ReferenceIndex> searcher(mv, lib, s, opt);
+    return registerMoving(mv, ReferenceView(lib), s, opt);
+}
+
+RegistrationResult registerMoving(const MovingSet& mv, const ReferenceView& lib,
+                                  const MatchSettings& s, const RegistrationOptions& opt) {
+    Searcher<ReferenceView> searcher(mv, lib, s, opt);
     return searcher.run();
 }
 

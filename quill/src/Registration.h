@@ -76,5 +76,7 @@ RegistrationResult registerMoving(const MovingSet& mv, const MarkerLibrary& lib,
                                   const MatchSettings& s, const RegistrationOptions& opt);
 RegistrationResult registerMoving(const MovingSet& mv, const ReferenceIndex& lib,
                                   const MatchSettings& s, const RegistrationOptions& opt);
+RegistrationResult registerMoving(const MovingSet& mv, const ReferenceView& lib,
+                                  const MatchSettings& s, const RegistrationOptions& opt);
 
 }  // namespace Quill::detail

@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
+#include <thread>
 
 #include "TrackingFixtures.h"
 
@@ -113,6 +115,88 @@ TEST_F(DynamicTracking, FailureWritesNothing) {
     EXPECT_EQ(out.labels, std::vector<int>{7});
     EXPECT_EQ(out.positions, (std::vector<double>{1, 2, 3}));
     EXPECT_TRUE(untouched(rt16, 16, kSentinel));
+}
+
+// The reference set moved by `motion` (positions and normals).
+device::tagRefMarkpointData movedSet(const sim::MarkerScene& scene,
+                                     const sim::RigidMotion& motion) {
+    device::tagRefMarkpointData set = markerSet(scene);
+    for (std::size_t i = 0; i < set.labels.size(); ++i) {
+        const Eigen::Vector3d p = motion.apply(pointAt(set.positions, i));
+        const Eigen::Vector3d n = motion.rotate(pointAt(set.normals, i));
+        for (int k = 0; k < 3; ++k) {
+            set.positions[3 * i + static_cast<std::size_t>(k)] = p[k];
+            set.normals[3 * i + static_cast<std::size_t>(k)] = n[k];
+        }
+    }
+    return set;
+}
+
+// Largest distance between where rt16 puts the frame's true markers (noise-free, in the
+// frame's coordinates) and where `motion` puts their scene markers.
+double worstMovedMapping(const double* rt16, const sim::Frame& f, const sim::MarkerScene& scene,
+                         const sim::RigidMotion& motion) {
+    double worst = 0.0;
+    for (const sim::ObservedMarker& m : f.markers) {
+        if (m.truth >= 0) {
+            const Eigen::Vector3d p = scene[m.truth].position;
+            const Eigen::Vector3d mapped =
+                rotationOf(rt16) * f.pose.inverse().apply(p) + translationOf(rt16);
+            worst = std::max(worst, (mapped - motion.apply(p)).norm());
+        }
+    }
+    return worst;
+}
+
+TEST_F(DynamicTracking, ANewReferenceSetTakesEffectFromTheNextFrame) {
+    const sim::Frame f = frameNear(60, 12);
+    SDK_NV::tagScanData frame = toScanData(f);
+    ASSERT_EQ(tracker.SetTrackDynamic(frame, out, rt16), 0);
+    EXPECT_LT(worstMovedMapping(rt16, f, scene, sim::RigidMotion()), 0.05);
+
+    // The same part, set up elsewhere: the frame now lands on the moved markers.
+    sim::RigidMotion moved;
+    moved.R = Eigen::AngleAxisd(0.4, Eigen::Vector3d(0.2, 1.0, 0.3).normalized()).matrix();
+    moved.t = Eigen::Vector3d(250.0, -40.0, 90.0);
+    tracker.importMarkpointToLibrary(movedSet(scene, moved), true, false);
+    ASSERT_EQ(tracker.SetTrackDynamic(frame, out, rt16), 0);
+    EXPECT_LT(worstMovedMapping(rt16, f, scene, moved), 0.05);
+
+    // A set of another part: the frame no longer matches at all.
+    tracker.importMarkpointToLibrary(markerSet(sim::MarkerScene::randomPart(200, 4321)), true,
+                                     false);
+    EXPECT_EQ(tracker.SetTrackDynamic(frame, out, rt16), -1);
+}
+
+TEST_F(DynamicTracking, AReferenceImportedOnAnotherThreadNeverMixesWithTheFrameInFlight) {
+    // One thread swaps the reference between two placements of the part while this one
+    // tracks: every frame lands wholly on one placement or the other.
+    sim::RigidMotion moved;
+    moved.R = Eigen::AngleAxisd(-0.3, Eigen::Vector3d::UnitZ()).matrix();
+    moved.t = Eigen::Vector3d(-120.0, 300.0, 15.0);
+    const device::tagRefMarkpointData sets[2] = {markerSet(scene), movedSet(scene, moved)};
+    std::atomic<bool> done{false};
+    std::thread importer([&] {
+        for (int k = 0; !done; ++k) {
+            tracker.importMarkpointToLibrary(sets[k % 2], true, false);
+        }
+    });
+    int tracked = 0;
+    for (int k = 0; k < 40; ++k) {
+        const sim::Frame f = frameNear(10 + 3 * k, 30 + static_cast<std::uint64_t>(k));
+        SDK_NV::tagScanData frame = toScanData(f);
+        if (tracker.SetTrackDynamic(frame, out, rt16) != 0) {
+            continue;
+        }
+        ++tracked;
+        const double onFirst = worstMovedMapping(rt16, f, scene, sim::RigidMotion());
+        const double onSecond = worstMovedMapping(rt16, f, scene, moved);
+        // The two placements lie hundreds of millimetres apart: a mixed pose misses both.
+        EXPECT_LT(std::min(onFirst, onSecond), 0.05) << "frame " << k;
+    }
+    done = true;
+    importer.join();
+    EXPECT_GT(tracked, 30);
 }
 
 }  // namespace

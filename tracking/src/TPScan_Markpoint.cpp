@@ -32,6 +32,8 @@ constexpr int kMergeWeightCap = 20;
 // Global optimisation: stop threshold (percent) and iteration limit.
 constexpr float kOptimiseStopPercent = 0.1f;
 constexpr int kOptimiseMaxIterations = 150;
+// Markers nearer than this (millimetres) are one target for the tracking matchers.
+constexpr float kSameMarkDistance = 3.0f;
 // One-off splice registrations accept a match of this many markers.
 constexpr int kSplitMinMatches = 3;
 
@@ -97,7 +99,26 @@ bool relativeCameraPose(const google::protobuf::RepeatedField<double>& first,
 // Construction and configuration
 // ---------------------------------------------------------------------------------------------
 
-CTPScan_Markpoint::CTPScan_Markpoint() = default;
+// The imported reference markers and the matcher's index of them (normals included, as
+// dynamic tracking hands them over), built with the tracking matchers' same-target distance.
+struct CTPScan_Markpoint::ReferenceSet {
+    device::tagRefMarkpointData data;
+    std::vector<Quill::mark_data> withNormals;
+    Quill::IndexedMarkSet indexed;
+};
+
+CTPScan_Markpoint::CTPScan_Markpoint() {
+    // An empty set is a valid index: frames then fail for want of markers, as before any
+    // import.
+    const auto empty = std::make_shared<ReferenceSet>();
+    empty->indexed.build(nullptr, 0, kSameMarkDistance);
+    reference = empty;
+}
+
+std::shared_ptr<const CTPScan_Markpoint::ReferenceSet> CTPScan_Markpoint::referenceSnapshot() {
+    std::lock_guard<std::mutex> lock(referenceMutex);
+    return reference;
+}
 
 CTPScan_Markpoint::~CTPScan_Markpoint() {
     freeLibrary();
@@ -140,7 +161,7 @@ void CTPScan_Markpoint::InitMarkPointUpdateObject(Quill::MyMatchMarkClass_update
     matcher->set_max_mark2mark_dis(1.0f);
     matcher->set_max_nor_cos(0.7f);
     matcher->set_min_final_match_n(5);
-    matcher->set_max_near_same_mark_dis(3.0f);
+    matcher->set_max_near_same_mark_dis(kSameMarkDistance);
     matcher->set_max_err_for_three_mark(0.02f);
     matcher->set_max_second_final_err(0.05f);
     matcher->set_su_point_percentage(0.0f);
@@ -376,10 +397,20 @@ bool CTPScan_Markpoint::importMarkpointToLibrary(const device::tagRefMarkpointDa
         realTimeUpdate = !keepAsReference;
         pushFlagGroup();
         if (keepAsReference) {
-            reference.positions = set.positions;
-            reference.normals = set.normals;
-            reference.labels = set.labels;
-            reference.values = set.values;
+            auto next = std::make_shared<ReferenceSet>();
+            next->data.positions = set.positions;
+            next->data.normals = set.normals;
+            next->data.labels = set.labels;
+            next->data.values = set.values;
+            RefrenceMarkPoint2MarkPoint(next->data, next->withNormals, true);
+            if (!next->indexed.build(next->withNormals.data(),
+                                     static_cast<int>(next->withNormals.size()),
+                                     kSameMarkDistance)) {
+                std::printf("[pathfinder] reference set not indexed\n");
+                return false;
+            }
+            std::lock_guard<std::mutex> lock(referenceMutex);
+            reference = std::move(next);
         }
     } catch (const std::exception& e) {
         std::printf("[pathfinder] marker set import failed: %s\n", e.what());
@@ -593,7 +624,7 @@ int CTPScan_Markpoint::evaluateStatic(double* rt16) {
     std::vector<Quill::mark_data> moving;
     MarkOptToMarkPoint(records, count, moving);
     std::vector<Quill::mark_data> fixed;
-    if (!RefrenceMarkPoint2MarkPoint(reference, fixed)) {
+    if (!RefrenceMarkPoint2MarkPoint(referenceSnapshot()->data, fixed)) {
         return -1;
     }
     std::shared_ptr<Quill::MyMatchMarkClass_update> matcher = CreateMarkPointUpdate();
@@ -620,13 +651,10 @@ int CTPScan_Markpoint::SetTrackDynamic(SDK_NV::tagScanData& frame, device::tagRe
     }
     try {
         std::shared_ptr<Quill::MyMatchMarkClass_update> matcher = CreateMarkPointUpdate();
-        // The reference keeps its normals here; the observed normals are zeroed below, and
-        // that alone keeps normals out of the match (the matcher compares normals only where
-        // both sides know them).
-        std::vector<Quill::mark_data> fixed;
-        if (!RefrenceMarkPoint2MarkPoint(reference, fixed, true)) {
-            return -1;
-        }
+        // The reference keeps its normals here (its index was built with them at import); the
+        // observed normals are zeroed below, and that alone keeps normals out of the match
+        // (the matcher compares normals only where both sides know them).
+        const std::shared_ptr<const ReferenceSet> ref = referenceSnapshot();
         std::vector<Quill::mark_data> moving;
         std::vector<Quill::mark_data> full;
         int frameValue = 0;
@@ -639,9 +667,8 @@ int CTPScan_Markpoint::SetTrackDynamic(SDK_NV::tagScanData& frame, device::tagRe
             m.ny = 0.0f;
             m.nz = 0.0f;
         }
-        const int r =
-            matcher->MarkRegistration(moving.data(), static_cast<int>(moving.size()), fixed.data(),
-                                      static_cast<int>(fixed.size()), -1, 0);
+        const int r = matcher->MarkRegistration(moving.data(), static_cast<int>(moving.size()),
+                                                ref->indexed, -1, 0);
         if (r != 1) {
             return -1;
         }

@@ -30,7 +30,32 @@ class MarkOpt_class;
 
 namespace detail {
 struct MatcherState;
-}
+struct IndexedMarkSetState;
+}  // namespace detail
+
+// A fixed marker set indexed once for many one-off registrations against it (a tracker's
+// reference set): MarkRegistration against it gives the same results as against the plain
+// array, without indexing the set on every call. Immutable once built, so several threads
+// may register against one set at the same time, each with its own matcher.
+class IndexedMarkSet {
+public:
+    IndexedMarkSet();
+    ~IndexedMarkSet();
+    IndexedMarkSet(const IndexedMarkSet&) = delete;
+    IndexedMarkSet& operator=(const IndexedMarkSet&) = delete;
+
+    // Copies and indexes the first m markers of `fixed` for matchers whose same-target
+    // distance (max_near_same_mark_dis) is `sameTargetDistance`; a matcher with another
+    // distance indexes the copy per call. Returns false, leaving an empty set that every
+    // registration refuses as bad input, for an unusable array (null with a positive count,
+    // a negative or absurd count). No exception leaves it (false on lack of memory).
+    bool build(const mark_data* fixed, int m, float sameTargetDistance);
+    int size() const;  // markers copied (m), 0 before build
+
+private:
+    friend class MyMatchMarkClass_update;
+    std::unique_ptr<detail::IndexedMarkSetState> d_;
+};
 
 // The eleven settings of a matcher. Distances are millimetres, cosines are plain numbers.
 struct MatchSettings {
@@ -89,6 +114,9 @@ public:
     // triangles of the moving set that are tried (-1: automatic); `seed` varies the order in
     // which they are tried (0 is fine). The fixed set's index is built by this call.
     int MarkRegistration(mark_data* moving, int n, mark_data* fixed, int m, int maxTries, int seed);
+    // The same against a set indexed beforehand; same results as against its markers.
+    int MarkRegistration(mark_data* moving, int n, const IndexedMarkSet& fixed, int maxTries,
+                         int seed);
 
     // Results of the last registration (this one or the real-time matcher's through it).
     // The transform carries moving coordinates onto fixed ones: p_fixed = T * p_moving.
@@ -120,6 +148,8 @@ public:
 private:
     friend class MyRealTimeMarkMatch_class;
     friend class MarkOpt_class;
+    int registerAgainst(mark_data* moving, int n, const mark_data* fixed, int m,
+                        const detail::IndexedMarkSetState* indexed, int maxTries, int seed);
     std::unique_ptr<detail::MatcherState> d_;
 };
 

@@ -20,6 +20,8 @@
 // initLibrary take no lock and must not run while a frame is being added. SetTrackStatic uses
 // the optimiser without the lock and must not run at the same time as getResultData.
 // SetTrackDynamic, MarkPointSplit and realtimeSpliceMarkpoint use matchers of their own.
+// The reference set is swapped whole under its own mutex, so importing a new one while a
+// frame is tracked on another thread is safe.
 //
 // Transforms exchanged as 16 doubles use one layout (called the TranRT layout below): the
 // rotation block row by row in elements 0-2, 4-6, 8-10, the translation in 12-14, elements
@@ -154,6 +156,12 @@ private:
 
     int evaluateStatic(double* rt16);
 
+    // The reference set of static and dynamic tracking with its matcher index, built once per
+    // import and never changed afterwards: a frame works on the snapshot it took, while an
+    // import on another thread installs the next one.
+    struct ReferenceSet;
+    std::shared_ptr<const ReferenceSet> referenceSnapshot();
+
     std::unique_ptr<Quill::MyRealTimeMarkMatch_class> match;  // null: no library
     std::unique_ptr<Quill::MarkOpt_class> optimizer;          // from initLibrary to the end
     int32_t camCount = 1;
@@ -162,7 +170,8 @@ private:
     // Flags are atomic: the host's command threads set them while the scan-frame thread runs.
     std::atomic<bool> realTimeUpdate{false};
     std::atomic<bool> libraryOpen{true};
-    device::tagRefMarkpointData reference;
+    std::shared_ptr<const ReferenceSet> reference;  // under referenceMutex; never null
+    std::mutex referenceMutex;
     int32_t imageWidth = 2448;
     int32_t imageHeight = 2048;
     std::atomic<bool> cleared{false};  // set by clearLibrary, read by nobody

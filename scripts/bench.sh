@@ -1,0 +1,74 @@
+#!/usr/bin/env bash
+# Builds the Google Benchmark programs of bench/ in Release and prints one table: each figure,
+# the baseline or peer it is compared with (measured in the same process), the ratio and the
+# goal. With --json FILE the table is also written as JSON, so that runs can be compared.
+#
+#   scripts/bench.sh [--json FILE] [--build DIR] [--keep DIR]
+#
+# --build DIR  Release build directory (default build-bench in the repository)
+# --keep DIR   keep every program's own output and Google Benchmark JSON in DIR
+#
+# The programs run one after another on one core each; on a shared machine run it a few times
+# and compare the medians.
+set -euo pipefail
+
+root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
+build="$root/build-bench"
+json=""
+keep=""
+while [[ $# -gt 0 ]]; do
+    case "$1" in
+        --json)
+            json="$2"
+            shift 2
+            ;;
+        --build)
+            build="$2"
+            shift 2
+            ;;
+        --keep)
+            keep="$2"
+            shift 2
+            ;;
+        -h | --help)
+            sed -n '2,12p' "$0" | sed 's/^# \{0,1\}//'
+            exit 0
+            ;;
+        *)
+            echo "bench.sh: unknown argument '$1' (see --help)" >&2
+            exit 2
+            ;;
+    esac
+done
+
+cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DPATHFINDER_WERROR=ON \
+    -DPATHFINDER_BUILD_BENCH=ON >/dev/null
+targets=(bench_sdk_link device_scan_bench quill_bench tracking_bench sim_bench)
+# The PCL peer is built only where PCL's registration module is installed.
+if cmake --build "$build" --target help | grep -q '^quill_peer:'; then
+    targets+=(quill_peer)
+fi
+echo "bench.sh: building ${targets[*]} in $build" >&2
+cmake --build "$build" -j2 --target "${targets[@]}" >/dev/null
+
+out="${keep:-$(mktemp -d)}"
+mkdir -p "$out"
+[[ -n "$keep" ]] || trap 'rm -rf "$out"' EXIT
+
+run() {
+    local name="$1" program="$2"
+    shift 2
+    echo "bench.sh: running $name" >&2
+    "$program" --benchmark_out="$out/$name.json" --benchmark_out_format=json "$@" \
+        >"$out/$name.txt" 2>&1 || echo "bench.sh: $name failed (see $out/$name.txt)" >&2
+}
+run link "$build/bench/sdk/bench_sdk_link"
+run device "$build/bench/device/device_scan_bench" --benchmark_repetitions=5
+run quill "$build/bench/quill/quill_bench"
+if [[ -x "$build/bench/quill/quill_peer" ]]; then
+    run peer "$build/bench/quill/quill_peer"
+fi
+run tracking "$build/bench/tracking/tracking_bench"
+run sim "$build/bench/sim/sim_bench" --benchmark_repetitions=5
+
+python3 "$root/scripts/bench_table.py" "$out" ${json:+--json "$json"}
