@@ -246,6 +246,7 @@ void CTPWrapper::Link::onFrame(const wire::Frame& frame) {
         return;
     }
     message->setID(frame.id);
+    message->setSentNs(frame.sentNs);
     if (!frame.deviceIds.empty()) {
         deviceids ids = frame.deviceIds;
         message->setDeviceIds(&ids);
