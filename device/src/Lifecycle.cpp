@@ -25,6 +25,9 @@ constexpr int kStopPolls = 10;
 constexpr int kTriggerPollMs = 100;  // laser verdict
 constexpr int kTriggerPolls = 300;   // at most 30 s
 constexpr int kPreviewSettleMs = 500;
+// A link on which the devices say nothing for this long is taken for dead (the SDK probes
+// after a third of it; see sdk/README.md for how the time scale applies).
+constexpr int kKeepAliveMs = 3000;
 
 // The companion programs: the newer install first, the older one as fallback.
 #ifdef _WIN32
@@ -68,6 +71,7 @@ CPathfinder::CPathfinder() : CDeviceBase(NEW_TYPE_OPTICAL_TRACKING) {
 
         m_pScanWrapper = new SDK_NV::CTPScanWrapper();
         m_pScanWrapper->m_nHeartBeatInterval = 0;
+        m_pScanWrapper->m_nKeepAliveMs = kKeepAliveMs;
         m_pPripladDevices = new std::vector<SDK_NV::tagPripladDeviceData>();
         m_pLowPartConfig = new SDK_NV::tagLowPartConfig();
         m_pMarkpoint = new CTPScan_Markpoint();

@@ -177,6 +177,40 @@ TEST_F(Faults, ARestartedConsoleIsFoundAgainAndAnotherInitResumesTheScan) {
     EXPECT_TRUE(std::is_sorted(ids.begin(), ids.end()));
 }
 
+// --- a console that stops answering
+// ----------------------------------------------------------------
+
+TEST_F(Faults, ASilentConsoleIsFoundOutByTheKeepAliveAndTheLinkComesBackWhenItSpeaks) {
+    ASSERT_NO_FATAL_FAILURE(startConsole());
+    ASSERT_NO_FATAL_FAILURE(connect());
+    ASSERT_NO_FATAL_FAILURE(scan());
+    recorder->clear();
+    // The socket stays open, but nothing comes: no frames, no answers, no heartbeats.
+    ASSERT_TRUE(console->control("silent"));
+    ASSERT_TRUE(console->saw("silent"));
+    const auto start = Clock::now();
+    ASSERT_TRUE(replied(REPLY_SDK_DISCONNECTED, 10000));
+    const auto detected = Clock::now() - start;
+    // 3 s, which the time scale of the tests does not take below 1.5 s.
+    const auto span = std::max<std::chrono::nanoseconds>(
+        platform::scaledDuration(std::chrono::milliseconds(3000)), 1500ms);
+    EXPECT_GE(detected, span - 100ms);
+    EXPECT_LT(detected, span + 1000ms);
+    EXPECT_EQ(described(), (Lines{kTrackerGone, kScannerGone, kLinkGone}));
+    EXPECT_FALSE(device->isConnected());
+    EXPECT_FALSE(device->isTriggerActive());
+
+    // While it stays silent the host hears nothing more: no connection that comes and goes.
+    std::this_thread::sleep_for(span + 500ms);
+    EXPECT_EQ(recorder->events().size(), 3u);
+
+    // It speaks again: the link comes back by itself and a new trigger streams.
+    ASSERT_TRUE(console->control("silent off"));
+    ASSERT_TRUE(replied(REPLY_SDK_CONNECTED));
+    EXPECT_TRUE(device->isConnected());
+    ASSERT_NO_FATAL_FAILURE(scan());
+}
+
 // --- damaged frames ------------------------------------------------------------------------------
 
 TEST_F(Faults, DamagedFramesDuringAScanAreSkippedAndNothingAfterThemIsLost) {
