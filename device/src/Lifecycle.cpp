@@ -1,5 +1,6 @@
 // Construction, connection to the SDK, the companion console, shutdown, cache reset, the laser
 // trigger and the tracking preview.
+#include <chrono>
 #include <exception>
 #include <functional>
 
@@ -138,7 +139,8 @@ emDeviceResult CPathfinder::init() {
 
         if (!m_bConnected.load()) {
             const std::string path = platform::nativePath(program);
-            if (platform::startProcess(path, {}, platform::nativePath(folder)) < 0) {
+            m_nCompanionPid = platform::startProcess(path, {}, platform::nativePath(folder));
+            if (m_nCompanionPid < 0) {
                 detail::logLine("cannot start the console " + path);
             }
             for (int i = 0; i < kConnectPolls && !m_bConnected.load(); ++i) {
@@ -179,6 +181,19 @@ emDeviceResult CPathfinder::clear() {
                 break;
             }
             platform::sleepMs(kStopPollMs);
+        }
+        // The console this object started may be past the name search (an ending process no
+        // longer shows its executable) and not yet ended: wait until it is reaped, so that no
+        // zombie child of the host stays behind. Ending a process takes real time, so this
+        // wait is bounded in real time, whatever the time scale.
+        if (m_nCompanionPid > 0) {
+            const auto until = std::chrono::steady_clock::now() +
+                               std::chrono::milliseconds(kStopPollMs * kStopPolls);
+            while (!platform::reapChild(m_nCompanionPid) &&
+                   std::chrono::steady_clock::now() < until) {
+                platform::sleepMs(kStopPollMs / 50);
+            }
+            m_nCompanionPid = -1;
         }
     } catch (const std::exception& e) {
         detail::logLine(std::string("clear: ") + e.what());
