@@ -535,6 +535,12 @@ void Console::readClient() {
 
 void Console::onFrame(const wire::Frame& frame) {
     record(rec::Received, frame.raw, frame.rawSize);
+    if (frame.type == static_cast<uint32_t>(wire::kKeepAliveType)) {
+        // A keep-alive probe goes back as it came (a silent console reads none).
+        std::vector<char> empty;
+        transmit(frame.type, frame.id, nullptr, empty);
+        return;
+    }
     if (frame.type != static_cast<uint32_t>(wire::kCommandType)) {
         say("ignoring frame of type " + std::to_string(frame.type) + " from client");
         return;

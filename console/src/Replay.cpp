@@ -156,7 +156,12 @@ void Replayer::readClient() {
     // their recorded times.
     struct Sink : wire::FrameDecoder::Sink {
         bool verbose = false;
+        std::vector<int32_t> probes;  // keep-alive probes to answer
         void onFrame(const wire::Frame& f) override {
+            if (f.type == static_cast<uint32_t>(wire::kKeepAliveType)) {
+                probes.push_back(f.id);
+                return;
+            }
             sdk_link::Command c;
             if (verbose && f.type == static_cast<uint32_t>(wire::kCommandType) &&
                 c.ParseFromArray(f.body, static_cast<int>(f.bodySize))) {
@@ -168,6 +173,18 @@ void Replayer::readClient() {
     sink.verbose = m_options.verbose;
     if (!m_decoder->commit(static_cast<size_t>(n), sink)) {
         closeClient("frame boundary lost", false);
+        return;
+    }
+    // The link's keep-alive is answered live, between the recorded frames: it belongs to this
+    // connection, not to the recording.
+    for (int32_t id : sink.probes) {
+        std::string head;
+        if (m_client == net::kInvalidSocket ||
+            !wire::encodeFrameHead(static_cast<uint32_t>(wire::kKeepAliveType), id, nullptr, 0,
+                                   wire::monotonicNs(), 0, head) ||
+            !net::sendAll(m_client, head.data(), head.size())) {
+            break;
+        }
     }
 }
 

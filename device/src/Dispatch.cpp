@@ -3,6 +3,7 @@
 #include <cstring>
 #include <exception>
 #include <map>
+#include <mutex>
 
 #include "ModuleState.h"
 #include "device/Pathfinder.h"
@@ -141,6 +142,13 @@ void CPathfinder::RecvMessageFn(void* message) {
                     return;
                 }
                 m_bConnected.store(false);
+                {
+                    // The devices stop streaming with their connection and start the next one
+                    // untriggered, so the trigger ends here; otherwise a new controlLaserOn
+                    // after the link came back would be refused as busy.
+                    std::lock_guard<std::mutex> lock(detail::moduleMutex());
+                    m_bTriggerActive.store(false);
+                }
                 SDK_NV::CTPDeviceManager* devices = m_pScanWrapper->getTPDeviceManager();
                 for (const std::string& id : devices->getTracker()) {
                     tagDeviceInfo info;

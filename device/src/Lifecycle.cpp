@@ -1,5 +1,6 @@
 // Construction, connection to the SDK, the companion console, shutdown, cache reset, the laser
 // trigger and the tracking preview.
+#include <chrono>
 #include <exception>
 #include <functional>
 
@@ -25,6 +26,9 @@ constexpr int kStopPolls = 10;
 constexpr int kTriggerPollMs = 100;  // laser verdict
 constexpr int kTriggerPolls = 300;   // at most 30 s
 constexpr int kPreviewSettleMs = 500;
+// A link on which the devices say nothing for this long is taken for dead (the SDK probes
+// after a third of it; see sdk/README.md for how the time scale applies).
+constexpr int kKeepAliveMs = 3000;
 
 // The companion programs: the newer install first, the older one as fallback.
 #ifdef _WIN32
@@ -68,6 +72,7 @@ CPathfinder::CPathfinder() : CDeviceBase(NEW_TYPE_OPTICAL_TRACKING) {
 
         m_pScanWrapper = new SDK_NV::CTPScanWrapper();
         m_pScanWrapper->m_nHeartBeatInterval = 0;
+        m_pScanWrapper->m_nKeepAliveMs = kKeepAliveMs;
         m_pPripladDevices = new std::vector<SDK_NV::tagPripladDeviceData>();
         m_pLowPartConfig = new SDK_NV::tagLowPartConfig();
         m_pMarkpoint = new CTPScan_Markpoint();
@@ -134,7 +139,8 @@ emDeviceResult CPathfinder::init() {
 
         if (!m_bConnected.load()) {
             const std::string path = platform::nativePath(program);
-            if (platform::startProcess(path, {}, platform::nativePath(folder)) < 0) {
+            m_nCompanionPid = platform::startProcess(path, {}, platform::nativePath(folder));
+            if (m_nCompanionPid < 0) {
                 detail::logLine("cannot start the console " + path);
             }
             for (int i = 0; i < kConnectPolls && !m_bConnected.load(); ++i) {
@@ -175,6 +181,19 @@ emDeviceResult CPathfinder::clear() {
                 break;
             }
             platform::sleepMs(kStopPollMs);
+        }
+        // The console this object started may be past the name search (an ending process no
+        // longer shows its executable) and not yet ended: wait until it is reaped, so that no
+        // zombie child of the host stays behind. Ending a process takes real time, so this
+        // wait is bounded in real time, whatever the time scale.
+        if (m_nCompanionPid > 0) {
+            const auto until = std::chrono::steady_clock::now() +
+                               std::chrono::milliseconds(kStopPollMs * kStopPolls);
+            while (!platform::reapChild(m_nCompanionPid) &&
+                   std::chrono::steady_clock::now() < until) {
+                platform::sleepMs(kStopPollMs / 50);
+            }
+            m_nCompanionPid = -1;
         }
     } catch (const std::exception& e) {
         detail::logLine(std::string("clear: ") + e.what());

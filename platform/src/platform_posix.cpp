@@ -385,6 +385,22 @@ void reapChildren() {
     reapStartedChildren();
 }
 
+bool reapChild(int pid) {
+    std::lock_guard<std::mutex> lock(childrenMutex());
+    auto& children = startedChildren();
+    const auto it = children.find(static_cast<pid_t>(pid));
+    if (it == children.end()) {
+        return true;
+    }
+    int status = 0;
+    const pid_t r = ::waitpid(*it, &status, WNOHANG);
+    if (r == *it || (r < 0 && errno == ECHILD)) {
+        children.erase(it);
+        return true;
+    }
+    return false;
+}
+
 int currentProcessId() {
     return static_cast<int>(::getpid());
 }

@@ -299,6 +299,10 @@ bool processAlive(int pid) {
 // Windows keeps no zombies: nothing to reap.
 void reapChildren() {}
 
+bool reapChild(int pid) {
+    return !processAlive(pid);
+}
+
 int currentProcessId() {
     return static_cast<int>(GetCurrentProcessId());
 }

@@ -174,13 +174,15 @@ CMessage_Base::CMessage_Base(const int& type) : m_nType(type) {}
 CMessage_Base::CMessage_Base(const CMessage_Base& other)
     : m_nType(other.m_nType),
       m_nID(other.m_nID),
-      m_pDeviceIds(other.m_pDeviceIds ? new deviceids(*other.m_pDeviceIds) : nullptr) {}
+      m_pDeviceIds(other.m_pDeviceIds ? new deviceids(*other.m_pDeviceIds) : nullptr),
+      m_nSentNs(other.m_nSentNs) {}
 
 CMessage_Base& CMessage_Base::operator=(const CMessage_Base& other) {
     if (this != &other) {
         m_nType = other.m_nType;
         m_nID = other.m_nID;
         setDeviceIds(other.m_pDeviceIds);
+        m_nSentNs = other.m_nSentNs;
     }
     return *this;
 }

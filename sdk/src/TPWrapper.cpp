@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <thread>
@@ -25,6 +26,8 @@ constexpr int kBackoffMaxMs = 2000;
 constexpr int kConnectTimeoutMs = 1000;
 constexpr int kSendTimeoutMs = 2000;
 constexpr int kPollMs = 20;
+// The time scale does not shorten the keep-alive below this (real milliseconds).
+constexpr int kKeepAliveFloorMs = 1500;
 
 std::atomic<bool> g_saveFrame{false};
 std::atomic<uint64_t> g_savedSequence{0};
@@ -71,7 +74,8 @@ struct CTPWrapper::Link : wire::FrameDecoder::Sink {
     struct Counters {
         std::atomic<uint64_t> connects{0}, disconnects{0}, framesReceived{0}, messagesDelivered{0},
             droppedOversized{0}, droppedMalformed{0}, droppedUnknownType{0}, streamErrors{0},
-            framesSent{0}, sendFailures{0}, framesSaved{0}, callbackExceptions{0};
+            framesSent{0}, sendFailures{0}, framesSaved{0}, callbackExceptions{0},
+            keepAliveProbes{0}, keepAliveAnswers{0}, keepAliveTimeouts{0};
     } counters;
 
     wire::FrameDecoder decoder;
@@ -84,6 +88,7 @@ struct CTPWrapper::Link : wire::FrameDecoder::Sink {
     void deliver(CMessage_Base& message);
     void deliverConnect(bool up);
     void sendHeartBeatInterval(int ms);
+    void sendKeepAliveProbe(int32_t number);
     void saveFrame(const wire::Frame& frame, int frameID);
 
     void onFrame(const wire::Frame& frame) override;
@@ -120,7 +125,16 @@ void CTPWrapper::Link::run() {
     running.store(false);
 }
 
+// The keep-alive of `ms` as a steady-clock duration: scaled, but not below the floor.
+static std::chrono::nanoseconds keepAliveSpan(int ms) {
+    const std::chrono::nanoseconds scaled = platform::scaledDuration(std::chrono::milliseconds(ms));
+    const std::chrono::nanoseconds floor =
+        std::chrono::milliseconds(std::min(ms, kKeepAliveFloorMs));
+    return std::max(scaled, floor);
+}
+
 void CTPWrapper::Link::serve(net::socket_t s) {
+    using Clock = std::chrono::steady_clock;
     net::setSendTimeout(s, kSendTimeoutMs);
     net::setRecvTimeout(s, kPollMs);
     {
@@ -135,15 +149,39 @@ void CTPWrapper::Link::serve(net::socket_t s) {
         std::lock_guard<std::mutex> lock(endpointMutex);
         traceLine("connected to " + endpoint.text());
     }
-    deliverConnect(true);
+    // With a keep-alive the connection is reported once the devices said something on it.
+    bool reported = owner->m_nKeepAliveMs.load() <= 0;
+    if (reported) {
+        deliverConnect(true);
+    }
     int sentInterval = owner->m_nHeartBeatInterval.load();
     sendHeartBeatInterval(sentInterval);
 
+    Clock::time_point heard = Clock::now();  // the devices' last word, or the connection
+    Clock::time_point probed = heard;
+    int32_t probes = 0;
     while (!stop.load()) {
         const int interval = owner->m_nHeartBeatInterval.load();
         if (interval != sentInterval) {
             sentInterval = interval;
             sendHeartBeatInterval(interval);
+        }
+        if (const int keepAlive = owner->m_nKeepAliveMs.load(); keepAlive > 0) {
+            const std::chrono::nanoseconds span = keepAliveSpan(keepAlive);
+            const Clock::time_point now = Clock::now();
+            if (now - heard >= span) {
+                counters.keepAliveTimeouts++;
+                logLine("the devices sent nothing for " +
+                        std::to_string(
+                            std::chrono::duration_cast<std::chrono::milliseconds>(now - heard)
+                                .count()) +
+                        " ms; reconnecting");
+                break;
+            }
+            if (now - heard >= span / 3 && now - probed >= span / 3) {
+                probed = now;
+                sendKeepAliveProbe(++probes);
+            }
         }
         size_t capacity = 0;
         char* p = decoder.writable(&capacity);
@@ -151,8 +189,8 @@ void CTPWrapper::Link::serve(net::socket_t s) {
             logLine("out of memory for the receive buffer; resetting the connection");
             break;
         }
-        // Blocking read with a short timeout: one call per arrival, and the stop flag and the
-        // heartbeat interval are looked at between them.
+        // Blocking read with a short timeout: one call per arrival, and the stop flag, the
+        // heartbeat interval and the keep-alive are looked at between them.
         const long n = net::recvSome(s, p, capacity);
         if (n == -2) {
             continue;
@@ -160,7 +198,14 @@ void CTPWrapper::Link::serve(net::socket_t s) {
         if (n <= 0) {
             break;
         }
-        if (!decoder.commit(static_cast<size_t>(n), *this)) {
+        if (!reported) {
+            reported = true;
+            deliverConnect(true);
+        }
+        const bool inStep = decoder.commit(static_cast<size_t>(n), *this);
+        // After the callbacks: the time the host spent in them is not the devices' silence.
+        heard = Clock::now();
+        if (!inStep) {
             break;  // frame boundary lost: reconnect
         }
     }
@@ -172,7 +217,9 @@ void CTPWrapper::Link::serve(net::socket_t s) {
     }
     counters.disconnects++;
     traceLine("disconnected");
-    deliverConnect(false);
+    if (reported) {
+        deliverConnect(false);
+    }
     devices.clear();
 }
 
@@ -210,6 +257,11 @@ void CTPWrapper::Link::sendHeartBeatInterval(int ms) {
     owner->sendFrame(wire::kCommandType, c.SerializeAsString());
 }
 
+void CTPWrapper::Link::sendKeepAliveProbe(int32_t number) {
+    counters.keepAliveProbes++;
+    owner->sendFrame(wire::kKeepAliveType, std::string(), number);
+}
+
 void CTPWrapper::Link::onDrop(wire::DropReason reason, const std::string& detail) {
     switch (reason) {
         case wire::DropReason::Oversized:
@@ -228,6 +280,10 @@ void CTPWrapper::Link::onDrop(wire::DropReason reason, const std::string& detail
 
 void CTPWrapper::Link::onFrame(const wire::Frame& frame) {
     counters.framesReceived++;
+    if (frame.type == static_cast<uint32_t>(wire::kKeepAliveType)) {
+        counters.keepAliveAnswers++;  // the devices are there; nothing to deliver
+        return;
+    }
     // Type 0 is the SDK's own connection message and 100 a command: neither comes from a
     // device, so both count as unknown here.
     std::unique_ptr<CMessage_Base> message;
@@ -246,6 +302,7 @@ void CTPWrapper::Link::onFrame(const wire::Frame& frame) {
         return;
     }
     message->setID(frame.id);
+    message->setSentNs(frame.sentNs);
     if (!frame.deviceIds.empty()) {
         deviceids ids = frame.deviceIds;
         message->setDeviceIds(&ids);
@@ -432,6 +489,9 @@ LinkCounters CTPWrapper::getLinkCounters() const {
     out.sendFailures = c.sendFailures;
     out.framesSaved = c.framesSaved;
     out.callbackExceptions = c.callbackExceptions;
+    out.keepAliveProbes = c.keepAliveProbes;
+    out.keepAliveAnswers = c.keepAliveAnswers;
+    out.keepAliveTimeouts = c.keepAliveTimeouts;
     return out;
 }
 
@@ -440,7 +500,7 @@ std::string CTPWrapper::cachedLowpartVersion() const {
     return m_pLink->lowpartVersion;
 }
 
-bool CTPWrapper::sendFrame(int type, const std::string& body) {
+bool CTPWrapper::sendFrame(int type, const std::string& body, int32_t id) {
     Link& L = *m_pLink;
     if (!L.connected.load()) {
         L.counters.sendFailures++;
@@ -452,7 +512,7 @@ bool CTPWrapper::sendFrame(int type, const std::string& body) {
         return false;
     }
     std::string head;
-    if (!wire::encodeFrameHead(static_cast<uint32_t>(type), 0, nullptr, ++L.txSequence,
+    if (!wire::encodeFrameHead(static_cast<uint32_t>(type), id, nullptr, ++L.txSequence,
                                wire::monotonicNs(), body.size(), head)) {
         L.counters.sendFailures++;
         logLine("command of " + std::to_string(body.size()) + " bytes exceeds the frame limit");

@@ -109,6 +109,21 @@ public:
         });
     }
 
+    // Every line the console printed so far.
+    std::vector<std::string> lines() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_lines;
+    }
+
+    // Ends the console at once (SIGKILL), as a crash or a killed process does.
+    void kill() {
+        if (m_pid > 0) {
+            ::kill(m_pid, SIGKILL);
+            ::waitpid(m_pid, nullptr, 0);
+            m_pid = -1;
+        }
+    }
+
 private:
     void readLoop(int fd) {
         std::string pending;

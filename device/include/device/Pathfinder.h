@@ -286,6 +286,7 @@ private:
     int32_t m_nWorkBusiness = 2;
     std::atomic<bool> m_bTriggerActive{false};
     std::atomic<bool> m_bConnected{false};
+    int m_nCompanionPid = -1;  // the console init started (host thread only), -1: none
     std::atomic<bool> m_bReceiptSeen{false};
     std::atomic<bool> m_bConfigPending{false};
     std::atomic<bool> m_bPripladBusy{false};

@@ -76,6 +76,11 @@ int startProcess(const std::string& path, const std::vector<std::string>& args =
 // True while the process with this id exists and is not a zombie.
 bool processAlive(int pid);
 
+// Reaps `pid` when it is a child that startProcess started and it has ended. True when nothing
+// of it is left to reap (reaped now or before, or not such a child); false while it runs or is
+// still ending (a zombie leader waits for its other threads before it can be reaped).
+bool reapChild(int pid);
+
 // Reaps a child started by startProcess if it has ended (POSIX); harmless otherwise. Only
 // children started by startProcess are reaped, never other children of the process.
 void reapChildren();

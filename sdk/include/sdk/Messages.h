@@ -85,10 +85,17 @@ public:
     deviceids* getDeviceIds() const { return m_pDeviceIds; }
     void setDeviceIds(deviceids* ids);
 
+    // When the devices started sending the message: their monotonic clock in nanoseconds, as
+    // the link's envelope carries it (0 when unknown). On one machine it is this process's
+    // steady clock, so a receiver can tell how long the message took to reach it.
+    int64_t getSentNs() const { return m_nSentNs; }
+    void setSentNs(int64_t ns) { m_nSentNs = ns; }
+
 protected:
     int32_t m_nType;
     int32_t m_nID = 0;
     deviceids* m_pDeviceIds = nullptr;
+    int64_t m_nSentNs = 0;
 };
 
 // Type 0: the SDK's link to the devices is up (true) or down (false).

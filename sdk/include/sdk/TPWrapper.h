@@ -70,6 +70,9 @@ struct LinkCounters {
     uint64_t sendFailures = 0;        // commands not sent (no link or socket error)
     uint64_t framesSaved = 0;         // scan frames written by the frame-saving switch
     uint64_t callbackExceptions = 0;  // exceptions caught around the callback
+    uint64_t keepAliveProbes = 0;     // probes sent after a quiet spell
+    uint64_t keepAliveAnswers = 0;    // answers to them
+    uint64_t keepAliveTimeouts = 0;   // connections given up because the devices fell silent
 };
 
 class CTPWrapper {
@@ -118,6 +121,16 @@ public:
     std::atomic<int> m_nHeartBeatInterval{0};
     void setHeartBeatInterval(const int& ms) { m_nHeartBeatInterval = ms; }
 
+    // Keep-alive, in milliseconds; 0 (the default) switches it off. When the devices have sent
+    // nothing for a third of it, the link sends a probe that a live device answers; when they
+    // have sent nothing for all of it, the connection counts as dead: it is closed, the
+    // disconnection is reported and the link reconnects. Time the callback spends is not
+    // silence. With a keep-alive the connection is reported only once the devices have said
+    // something on it, so that a peer that accepts but never speaks is not taken for a device.
+    // The time follows the time scale, but the scale never takes it below 1.5 s (or below
+    // itself when it is shorter), so that a busy machine is not taken for a dead peer.
+    std::atomic<int> m_nKeepAliveMs{0};
+
     CTPDeviceManager* getTPDeviceManager();
     LinkCounters getLinkCounters() const;
 
@@ -125,9 +138,9 @@ public:
     std::string cachedLowpartVersion() const;
 
 protected:
-    // Writes one frame of `type` with `body` on the calling thread. False when not connected
-    // or the write failed (the link then reconnects).
-    bool sendFrame(int type, const std::string& body);
+    // Writes one frame of `type` with `body` (and the envelope id `id`) on the calling thread.
+    // False when not connected or the write failed (the link then reconnects).
+    bool sendFrame(int type, const std::string& body, int32_t id = 0);
 
 private:
     struct Link;

@@ -27,6 +27,9 @@ constexpr size_t kMaxFrameBytes = size_t{64} << 20;     // 64 MiB: envelope + bo
 constexpr size_t kMaxEnvelopeBytes = size_t{64} << 10;  // 64 KiB
 constexpr size_t kMaxBodyBytes = kMaxFrameBytes - kMaxEnvelopeBytes;
 constexpr int kCommandType = 100;  // SDK to device: sdk_link.Command
+// Both ways: a keep-alive probe (SDK to device, empty body) and its answer (the same frame
+// sent back). Neither is a message: the SDK consumes the answers itself.
+constexpr int kKeepAliveType = 101;
 
 constexpr uint16_t kDefaultPort = 47310;
 constexpr const char* kDefaultHost = "127.0.0.1";
