@@ -168,8 +168,10 @@ int main(int argc, char** argv) {
     }
     device::CDeviceBase::setAnnexPath(platform::widePath(annexTemplate));
 
+    // The soak runs in real time, console included, whatever scale the environment gives.
+    ::setenv(platform::kTimeScaleEnv, "1", 1);
+    platform::setTimeScale(1.0);
     sdktest::ConsoleProcess console;
-    console.timeScale = "1";
     if (!console.start({"--fps", std::to_string(o.fps), "--points", std::to_string(o.points)})) {
         std::fprintf(stderr, "soak: the console did not start\n");
         return 2;
