@@ -293,7 +293,9 @@ TEST_F(EndToEnd, TwoTrackersMeasuredWithTheReferenceMarkersMatchTheTruth) {
     // matrix adds to that.
     size_t pairs = 0;
     const double apart = separation(clouds[0], clouds[1], truth.part, distance, pairs);
-    EXPECT_GE(pairs, clouds[0].size() / 5 / 4) << "the two scans hardly overlap";
+    // How far the scanner moved between the two scans depends on the machine's speed, so the
+    // overlap does too; what the comparison needs is enough pairs for a stable RMS.
+    EXPECT_GE(pairs, 500u) << "the two scans hardly overlap";
     EXPECT_LE(apart, 2 * kSigma) << pairs << " pairs";
 }
 
