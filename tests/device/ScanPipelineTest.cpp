@@ -184,20 +184,21 @@ TEST(ScanPoints, LaserAndMarkerListsMatchTheirBitPatternsInBothReadings) {
         }
         EXPECT_EQ(pts[9], 0.0f);
     }
-    // Long lists go through four points at a time: every point of five copies of the list,
-    // wherever it falls in a block of four, has the same bits.
+    // Long lists go through eight points at a time (AVX-512), then four (SSE2), then one: every
+    // point of thirteen copies of the list (39 points: 32 + 4 + 3), wherever it falls in a
+    // block, has the same bits.
     for (bool col : {true, false}) {
         std::vector<float> pts;
-        for (int copy = 0; copy < 5; ++copy) {
+        for (int copy = 0; copy < 13; ++copy) {
             pts.insert(pts.end(), input.begin(), input.begin() + 9);
         }
         pts.push_back(input[9]);
         A::laser(pts, kM, col);
-        for (size_t i = 0; i < 45; ++i) {
+        for (size_t i = 0; i < 117; ++i) {
             EXPECT_EQ(bitsOf(pts[i]), col ? column[i % 9] : row[i % 9])
                 << (col ? "column " : "row ") << i;
         }
-        EXPECT_EQ(pts[45], 0.0f);
+        EXPECT_EQ(pts[117], 0.0f);
     }
     std::vector<float> empty;
     A::laser(empty, kM, true);
