@@ -68,8 +68,9 @@ def main():
         return 2
     directory = sys.argv[1]
     json_out = sys.argv[sys.argv.index("--json") + 1] if "--json" in sys.argv else None
-    link, device, quill, peer, tracking, sim = (
-        load(directory, n) for n in ("link", "device", "quill", "peer", "tracking", "sim"))
+    link, device, quill, peer, ceres, tracking, sim = (
+        load(directory, n)
+        for n in ("link", "device", "quill", "peer", "ceres", "tracking", "sim"))
     rows = []
 
     def row(figure, measured, unit, baseline_name, baseline, ratio, goal, met, cpu=None):
@@ -141,12 +142,33 @@ def main():
         row("one-off registration against the peer", None, "ms", "PCL not installed", None, None,
             "-", None)
 
-    # Optimiser (the Ceres peer is not built yet: the plain alternating baseline stands in).
+    # Optimiser: against plain alternating least squares, and against Ceres Solver on the same
+    # problem (time, and the final cost of each evaluated by Ceres).
     opt = value(quill, "BM_Optimiser/", "time")
     als = value(quill, "BM_Optimiser_NaiveALS", "time")
     row("optimiser, 500 frames of 30 markers", opt, "ms", "alternating least squares", als,
         div(als, opt), "< 10 ms", opt is not None and opt < 10, value(quill, "BM_Optimiser/",
                                                                       "cpu"))
+
+    if ceres:
+        for markers in ("30", "150"):
+            ours = value(ceres, f"BM_Optimiser_Ours/{markers}/", "time")
+            for solver, label, goal in (("0", "sparse Schur", ">= 20x, cost within 1e-6"),
+                                        ("1", "iterative Schur", "-")):
+                name = f"BM_Optimiser_Ceres/{markers}/{solver}/"
+                theirs = value(ceres, name, "time")
+                rel = value(ceres, name, "rel_diff")
+                r = div(theirs, ours)
+                met = None
+                if goal != "-":
+                    met = r is not None and rel is not None and r >= 20 and abs(rel) <= 1e-6
+                row(f"optimiser against Ceres, 500 frames of {markers} markers", ours, "ms",
+                    f"Ceres {label}, 1 thread (cost ours/Ceres - 1 = "
+                    f"{'-' if rel is None else f'{rel:.1e}'})", theirs, r, goal, met,
+                    value(ceres, f"BM_Optimiser_Ours/{markers}/", "cpu"))
+    else:
+        row("optimiser against Ceres", None, "ms", "Ceres not installed", None, None,
+            ">= 20x, cost within 1e-6", None)
 
     # Tracking.
     st, sb = value(tracking, "BM_StaticEvaluation", "time"), value(tracking, "BM_StaticBaseline",
