@@ -46,7 +46,7 @@ done
 
 cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DPATHFINDER_WERROR=ON \
     -DPATHFINDER_BUILD_BENCH=ON >/dev/null
-targets=(bench_sdk_link device_scan_bench quill_bench tracking_bench sim_bench)
+targets=(bench_sdk_link device_scan_bench device_chain_bench quill_bench tracking_bench sim_bench)
 # The PCL peer is built only where PCL's registration module is installed.
 if cmake --build "$build" --target help | grep -q '^quill_peer:'; then
     targets+=(quill_peer)
@@ -71,6 +71,7 @@ run() {
 }
 run link "$build/bench/sdk/bench_sdk_link"
 run device "$build/bench/device/device_scan_bench" --benchmark_repetitions=5
+run chain "$build/bench/device/device_chain_bench"
 run quill "$build/bench/quill/quill_bench"
 if [[ -x "$build/bench/quill/quill_peer" ]]; then
     run peer "$build/bench/quill/quill_peer"

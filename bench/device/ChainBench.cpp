@@ -130,13 +130,15 @@ private:
         const double* t = d.translation;
         {
             std::lock_guard<std::mutex> lock(m_mutex);
-            const size_t at = m_cloud.size();
-            m_cloud.resize(at + p.size() / 3 * 3);
-            float* out = m_cloud.data() + at;
-            for (size_t i = 0; i + 2 < p.size(); i += 3, out += 3) {
+            // Grows geometrically without zero-filling what is written next.
+            if (m_cloud.capacity() < m_cloud.size() + p.size())
+                m_cloud.reserve(2 * (m_cloud.size() + p.size()));
+            for (size_t i = 0; i + 2 < p.size(); i += 3) {
                 const double x = p[i], y = p[i + 1], z = p[i + 2];
-                for (int c = 0; c < 3; ++c)
-                    out[c] = static_cast<float>(x * R[c] + y * R[3 + c] + z * R[6 + c] + t[c]);
+                for (int c = 0; c < 3; ++c) {
+                    m_cloud.push_back(
+                        static_cast<float>(x * R[c] + y * R[3 + c] + z * R[6 + c] + t[c]));
+                }
             }
             m_arrivals.push_back(Clock::now());
             m_frames.fetch_add(1);
