@@ -13,8 +13,10 @@
 // console and this process used, in cores (on a 2-core machine the console generating frames
 // can be the limit).
 //
-// Arguments: 0 the live console; 1 the console replaying a recording of the same scan at full
-// speed (--replay-speed 0), which takes frame generation out of the chain.
+// Arguments: 0 the live console, 1 the console replaying a recording of the same scan at full
+// speed (--replay-speed 0), which takes frame generation out of the chain; then 1 the host
+// assembles the cloud, 0 its callback only notes the frame (the chain without the host's work),
+// 2 the host assembles the cloud into memory allocated before the scan.
 // Run: build with -DPATHFINDER_BUILD_BENCH=ON, then build/bench/device/device_chain_bench.
 #include <benchmark/benchmark.h>
 
@@ -52,9 +54,10 @@ constexpr double kMaxSeconds = 20.0;
 
 const std::vector<std::string> kScene = {"--seed", "7", "--points", "20000"};
 
-// CPU seconds a process used, from /proc.
+// CPU seconds a process used and the page faults it took (minor: fresh memory), from /proc.
 struct ProcSample {
     double cpuSeconds = 0.0;
+    double faults = 0.0;
 };
 
 ProcSample sample(int pid) {
@@ -62,14 +65,16 @@ ProcSample sample(int pid) {
     std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
     std::string line;
     std::getline(stat, line);
-    // Fields after the command name (which may hold spaces): state is field 3, utime 14,
-    // stime 15.
+    // Fields after the command name (which may hold spaces): state is field 3, minflt 10,
+    // utime 14, stime 15.
     const auto close = line.rfind(')');
     if (close != std::string::npos) {
         std::istringstream rest(line.substr(close + 2));
         std::string field;
         double utime = 0, stime = 0;
         for (int k = 3; k <= 15 && rest >> field; ++k) {
+            if (k == 10)
+                s.faults = std::atof(field.c_str());
             if (k == 14)
                 utime = std::atof(field.c_str());
             if (k == 15)
@@ -83,7 +88,14 @@ ProcSample sample(int pid) {
 // The host: the device module with a callback that assembles the cloud.
 class Host {
 public:
-    Host() {
+    // `assemble` 0: the callback only notes the frame (what the chain costs without the host's
+    // own work); 1: the cloud grows as frames come; 2: the cloud is allocated and touched
+    // before the scan for `points` points (no fresh memory while frames come).
+    Host(int assemble, size_t points) : m_assemble(assemble != 0) {
+        if (assemble == 2) {
+            m_cloud.assign(3 * points, 0.0f);
+            m_cloud.clear();
+        }
         device::tagDeviceHandlers h;
         h.onDeviceData = [this](const std::shared_ptr<device::tagDeviceData>& d, const char*, int) {
             if (d)
@@ -130,6 +142,12 @@ private:
         const double* t = d.translation;
         {
             std::lock_guard<std::mutex> lock(m_mutex);
+            if (!m_assemble) {
+                m_arrivals.push_back(Clock::now());
+                m_frames.fetch_add(1);
+                m_cv.notify_all();
+                return;
+            }
             // Grows geometrically without zero-filling what is written next.
             if (m_cloud.capacity() < m_cloud.size() + p.size())
                 m_cloud.reserve(2 * (m_cloud.size() + p.size()));
@@ -146,6 +164,7 @@ private:
         m_cv.notify_all();
     }
 
+    const bool m_assemble;
     std::unique_ptr<device::CPathfinder> m_device = std::make_unique<device::CPathfinder>();
     mutable std::mutex m_mutex;
     std::condition_variable m_cv;
@@ -224,21 +243,23 @@ struct ChainResult {
     double pointsPerFrame = 0.0;
     double consoleCores = 0.0;
     double hostCores = 0.0;
+    double hostFaults = 0.0;  // page faults of this process per frame
     std::string error;
 };
 
 // One scan through the whole chain: warm-up frames, then the measured ones.
-ChainResult runChain(const Workspace& w, const std::vector<std::string>& consoleArgs, bool replay) {
+ChainResult runChain(const Workspace& w, const std::vector<std::string>& consoleArgs, bool replay,
+                     int assemble = 1) {
     ChainResult r;
     Console console;
     if (!console.start(consoleArgs, r.error))
         return r;
     platform::setEnvironment(SDK_NV::wire::kEndpointEnv, console.endpoint());
+    Host host(assemble, static_cast<size_t>(kWarmupFrames + kMeasuredFrames + 200) * 20000);
     // A replay sends as soon as the module connects: its CPU is counted from here.
     ProcSample c0 = sample(console.pid());
     ProcSample h0 = sample(static_cast<int>(getpid()));
     auto s0 = Clock::now();
-    Host host;
     device::CPathfinder& dev = host.device();
     if (dev.init() != device::RESULT_SUCCESS) {
         r.error = "init failed";
@@ -286,6 +307,7 @@ ChainResult runChain(const Workspace& w, const std::vector<std::string>& console
     if (busy > 0.0) {
         r.consoleCores = (c1.cpuSeconds - c0.cpuSeconds) / busy;
         r.hostCores = (h1.cpuSeconds - h0.cpuSeconds) / busy;
+        r.hostFaults = (h1.faults - h0.faults) / static_cast<double>(at.size());
     }
     console.stop();
     return r;
@@ -361,6 +383,7 @@ void BM_ChainToHostCloud(benchmark::State& state) {
         return;
     }
     const bool replay = state.range(0) != 0;
+    const int assemble = static_cast<int>(state.range(1));
     std::vector<std::string> args = {"--fps", "0"};
     args.insert(args.end(), kScene.begin(), kScene.end());
     // A recording of the same scan, once: the bytes of its frames, and what a replay plays.
@@ -384,7 +407,7 @@ void BM_ChainToHostCloud(benchmark::State& state) {
     ChainResult r;
     double raw = 0.0;
     for (auto _ : state) {
-        r = runChain(w, args, replay);
+        r = runChain(w, args, replay, assemble);
         if (!r.error.empty()) {
             state.SkipWithError(r.error.c_str());
             return;
@@ -402,13 +425,16 @@ void BM_ChainToHostCloud(benchmark::State& state) {
     state.counters["points_per_frame"] = r.pointsPerFrame;
     state.counters["console_cores"] = r.consoleCores;
     state.counters["host_cores"] = r.hostCores;
+    state.counters["host_faults_per_frame"] = r.hostFaults;
 }
 
 }  // namespace
 
 BENCHMARK(BM_ChainToHostCloud)
-    ->Arg(0)
-    ->Arg(1)
+    ->Args({0, 1})
+    ->Args({1, 1})
+    ->Args({1, 0})
+    ->Args({1, 2})
     ->UseManualTime()
     ->Unit(benchmark::kMillisecond)
     ->Iterations(1);
