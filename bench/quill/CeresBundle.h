@@ -44,13 +44,18 @@ struct Bundle {
     std::string error;    // not empty when the rebuilt observations disagree with ours
 
     // A walk of `frameCount` frames of `visible` markers over a part of `partMarkers`.
-    explicit Bundle(int visible, int frameCount = 500, int partMarkers = 300)
+    // `outlierMm`: the first marker of the middle frame is observed that far off along x (an
+    // outlier for the optimiser's gate, still near enough for the matcher).
+    explicit Bundle(int visible, int frameCount = 500, int partMarkers = 300,
+                    double outlierMm = 0.0)
         : scene(sim::MarkerScene::randomPart(partMarkers, 701)) {
         sim::FrameGenerator gen(scene, 702);
         sim::FrameOptions o;
         o.visible = visible;
         o.noiseSigma = 0.02;
-        const std::vector<sim::Frame> walk = gen.walk(frameCount, o, 15.0, 1.0);
+        std::vector<sim::Frame> walk = gen.walk(frameCount, o, 15.0, 1.0);
+        if (outlierMm != 0.0 && !walk.empty() && !walk[walk.size() / 2].markers.empty())
+            walk[walk.size() / 2].markers[0].position.x() += outlierMm;
         rt.init_all(30000, 5000, 1);
         trackerSettings(*rt.get_mark_match(0));
         // Frame markers by the scene marker they are; library index by scene marker.

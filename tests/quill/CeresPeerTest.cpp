@@ -16,7 +16,7 @@ struct Solved {
     std::vector<std::array<double, 3>> oursT;
     int oursRc = 0;
 
-    Solved(int visible, int frames) : b(visible, frames) {
+    Solved(int visible, int frames, double outlierMm = 0.0) : b(visible, frames, 300, outlierMm) {
         Quill::MarkOpt_class opt;
         ours = b.rts;
         oursRc = opt.Run_FastKeyGlobalRegistrtion_MarkPoint_nCam_Global(
@@ -62,6 +62,20 @@ TEST(CeresPeer, OurResultIsTheMinimumOfTheSameCost) {
         }
         EXPECT_LT(shift, 1e-3);
     }
+}
+
+// An observation our optimiser gates out counts in Ceres's plain sum of squares: the two
+// minimise different costs, and the harness must say so rather than show a false agreement.
+TEST(CeresPeer, AGatedOutlierIsReportedAndExplainsTheDifference) {
+    Solved s(20, 150, 0.3);
+    ASSERT_EQ(s.b.error, "");
+    EXPECT_EQ(bench::gatedAt(s.b, s.ours), 1);
+    // Ours ignores the outlier, so on the cost that includes it ours is clearly above the
+    // minimum; Ceres spreads the outlier over the poses and markers nearby.
+    EXPECT_GT((s.oursCost - s.minimum) / s.minimum, 1e-4);
+    // Without the outlier the same walk agrees to rounding.
+    Solved clean(20, 150);
+    EXPECT_LE(std::abs(clean.oursCost - clean.minimum) / clean.minimum, 1e-8);
 }
 
 TEST(CeresPeer, TheStartIsAboveTheMinimumAndTheCostIgnoresTheGauge) {
