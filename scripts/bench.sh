@@ -41,12 +41,19 @@ while [[ $# -gt 0 ]]; do
     esac
 done
 
+# The peers the benchmarks compare against (Ceres Solver) are installed only for benchmarks.
+"$root/scripts/install-deps.sh" --bench >&2
+
 cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DPATHFINDER_WERROR=ON \
     -DPATHFINDER_BUILD_BENCH=ON >/dev/null
-targets=(bench_sdk_link device_scan_bench quill_bench tracking_bench sim_bench)
+targets=(bench_sdk_link device_scan_bench device_chain_bench quill_bench tracking_bench sim_bench)
 # The PCL peer is built only where PCL's registration module is installed.
 if cmake --build "$build" --target help | grep -q '^quill_peer:'; then
     targets+=(quill_peer)
+fi
+# The Ceres peer of the optimiser is built only where Ceres is installed.
+if cmake --build "$build" --target help | grep -q '^quill_ceres:'; then
+    targets+=(quill_ceres)
 fi
 echo "bench.sh: building ${targets[*]} in $build" >&2
 cmake --build "$build" -j2 --target "${targets[@]}" >/dev/null
@@ -64,9 +71,13 @@ run() {
 }
 run link "$build/bench/sdk/bench_sdk_link"
 run device "$build/bench/device/device_scan_bench" --benchmark_repetitions=5
+run chain "$build/bench/device/device_chain_bench"
 run quill "$build/bench/quill/quill_bench"
 if [[ -x "$build/bench/quill/quill_peer" ]]; then
     run peer "$build/bench/quill/quill_peer"
+fi
+if [[ -x "$build/bench/quill/quill_ceres" ]]; then
+    run ceres "$build/bench/quill/quill_ceres"
 fi
 run tracking "$build/bench/tracking/tracking_bench"
 run sim "$build/bench/sim/sim_bench" --benchmark_repetitions=5

@@ -68,8 +68,9 @@ def main():
         return 2
     directory = sys.argv[1]
     json_out = sys.argv[sys.argv.index("--json") + 1] if "--json" in sys.argv else None
-    link, device, quill, peer, tracking, sim = (
-        load(directory, n) for n in ("link", "device", "quill", "peer", "tracking", "sim"))
+    link, device, quill, peer, ceres, tracking, sim, chain = (
+        load(directory, n)
+        for n in ("link", "device", "quill", "peer", "ceres", "tracking", "sim", "chain"))
     rows = []
 
     def row(figure, measured, unit, baseline_name, baseline, ratio, goal, met, cpu=None):
@@ -141,12 +142,33 @@ def main():
         row("one-off registration against the peer", None, "ms", "PCL not installed", None, None,
             "-", None)
 
-    # Optimiser (the Ceres peer is not built yet: the plain alternating baseline stands in).
+    # Optimiser: against plain alternating least squares, and against Ceres Solver on the same
+    # problem (time, and the final cost of each evaluated by Ceres).
     opt = value(quill, "BM_Optimiser/", "time")
     als = value(quill, "BM_Optimiser_NaiveALS", "time")
     row("optimiser, 500 frames of 30 markers", opt, "ms", "alternating least squares", als,
         div(als, opt), "< 10 ms", opt is not None and opt < 10, value(quill, "BM_Optimiser/",
                                                                       "cpu"))
+
+    if ceres:
+        for markers in ("30", "150"):
+            ours = value(ceres, f"BM_Optimiser_Ours/{markers}/", "time")
+            for solver, label, goal in (("0", "sparse Schur", ">= 20x, cost within 1e-6"),
+                                        ("1", "iterative Schur", "-")):
+                name = f"BM_Optimiser_Ceres/{markers}/{solver}/"
+                theirs = value(ceres, name, "time")
+                rel = value(ceres, name, "rel_diff")
+                r = div(theirs, ours)
+                met = None
+                if goal != "-":
+                    met = r is not None and rel is not None and r >= 20 and abs(rel) <= 1e-6
+                row(f"optimiser against Ceres, 500 frames of {markers} markers", ours, "ms",
+                    f"Ceres {label}, 1 thread (cost ours/Ceres - 1 = "
+                    f"{'-' if rel is None else f'{rel:.1e}'})", theirs, r, goal, met,
+                    value(ceres, f"BM_Optimiser_Ours/{markers}/", "cpu"))
+    else:
+        row("optimiser against Ceres", None, "ms", "Ceres not installed", None, None,
+            ">= 20x, cost within 1e-6", None)
 
     # Tracking.
     st, sb = value(tracking, "BM_StaticEvaluation", "time"), value(tracking, "BM_StaticBaseline",
@@ -169,9 +191,22 @@ def main():
     em, pl = value(sim, "RayCastEmbree", "rays/s"), value(sim, "RayCastPlainLoop", "rays/s")
     row("ray casting", em, "rays/s", "loop over every triangle", pl, div(em, pl), "-", None)
 
-    # The whole chain has no benchmark program yet.
-    row("whole chain console -> host cloud", None, "frames/s", "raw loopback TCP", None, None,
-        ">= 0.5x", None)
+    # The whole chain: console -> SDK -> module -> host cloud, against raw loopback TCP of the
+    # same bytes per frame; live (the console generating frames) and replayed (a recording of
+    # the same scan played as fast as the link takes it: frame generation out of the chain).
+    for arg, label in (("0/1", "live console"), ("1/1", "console replaying a recording"),
+                       ("1/2", "replay, cloud memory allocated before the scan"),
+                       ("1/0", "replay, host callback without the cloud")):
+        name = f"BM_ChainToHostCloud/{arg}/"
+        fps, raw = value(chain, name, "frames_per_s"), value(chain, name, "raw_frames_per_s")
+        r = div(fps, raw)
+        cores = value(chain, name, "console_cores"), value(chain, name, "host_cores")
+        used = "" if None in cores else \
+            f" (CPU: console {cores[0]:.2f}, host {cores[1]:.2f} cores)"
+        goal = "-" if arg.endswith("/0") else ">= 0.5x"
+        row(f"whole chain console -> host cloud, {label}", fps, "frames/s",
+            "raw loopback TCP" + used, raw, r, goal,
+            (r is not None and r >= 0.5) if goal != "-" else None)
 
     header = ("figure", "measured", "cpu", "baseline / peer", "baseline", "ratio", "goal",
               "status")

@@ -1,7 +1,23 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build, the tests and the tools need.
 # Safe to run more than once: apt-get skips what is already installed.
+#
+#   scripts/install-deps.sh [--bench]
+#
+# --bench  also installs what only the benchmark programs of bench/ compare against (Ceres
+#          Solver for the optimiser's peer); the same as PATHFINDER_BENCH_DEPS=1.
 set -euo pipefail
+
+bench="${PATHFINDER_BENCH_DEPS:-0}"
+for arg in "$@"; do
+  case "$arg" in
+    --bench) bench=1 ;;
+    *)
+      echo "install-deps: unknown argument '$arg' (only --bench)" >&2
+      exit 2
+      ;;
+  esac
+done
 
 packages=(
   build-essential cmake ninja-build pkg-config git
@@ -16,6 +32,9 @@ packages=(
   clang clang-format libclang-rt-14-dev
   ccache
 )
+if [ "$bench" = "1" ]; then
+  packages+=(libceres-dev)
+fi
 
 SUDO=""
 if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi
