@@ -51,12 +51,18 @@ targets=(bench_sdk_link device_scan_bench device_chain_bench quill_bench trackin
 if cmake --build "$build" --target help | grep -q '^quill_peer:'; then
     targets+=(quill_peer)
 fi
-# The Ceres peer of the optimiser is built only where Ceres is installed.
+# The Ceres peer of the optimiser is built only where Ceres is installed; its tests (that both
+# solve the same problem to the same minimum) run before the figures are taken.
+ceres_tests=0
 if cmake --build "$build" --target help | grep -q '^quill_ceres:'; then
-    targets+=(quill_ceres)
+    targets+=(quill_ceres quill_ceres_tests)
+    ceres_tests=1
 fi
 echo "bench.sh: building ${targets[*]} in $build" >&2
 cmake --build "$build" -j2 --target "${targets[@]}" >/dev/null
+if [ "$ceres_tests" = "1" ]; then
+    ctest --test-dir "$build" -R CeresPeer --output-on-failure >&2
+fi
 
 out="${keep:-$(mktemp -d)}"
 mkdir -p "$out"
