@@ -751,6 +751,7 @@ void Scene::frame(const FrameRequest& rq, ScanFrame& out) const {
             std::vector<Eigen::Vector3d> directions;  // in the part's frame
             std::vector<Hit> hits;
             std::vector<int> valid;
+            std::vector<double> scale;
         };
         thread_local Scratch scratch;
         std::vector<Eigen::Vector3d>& dirs = scratch.directions;
@@ -758,6 +759,7 @@ void Scene::frame(const FrameRequest& rq, ScanFrame& out) const {
         std::vector<int>& valid = scratch.valid;
         dirs.resize(fan);
         valid.resize(fan);
+        scratch.scale.resize(fan);
         const std::vector<TrianglePlane>& planes = stage != nullptr ? stage->planes : m_planes;
         const Eigen::Matrix3d Rt = scanner.R.transpose();
         const Eigen::Vector3d zW = scanner.R.col(2);
@@ -862,7 +864,22 @@ void Scene::frame(const FrameRequest& rq, ScanFrame& out) const {
                     // the normal by about its length in radians.
                     Eigen::Vector3d& n = out.normals[i];
                     n += sigmaN * Eigen::Vector3d(g[3], g[4], g[5]);
-                    n *= 1.0 / std::sqrt(n.squaredNorm());
+                }
+            }
+            if (sigmaN > 0) {
+                // Back to unit length: the lengths' inverses in a loop of their own, which the
+                // compiler turns into packed square roots and divisions.
+                const size_t count = kept - first;
+                double* scale = scratch.scale.data();
+                const Eigen::Vector3d* nn = out.normals.data() + first;
+                for (size_t i = 0; i < count; ++i) {
+                    scale[i] = nn[i].squaredNorm();
+                }
+                for (size_t i = 0; i < count; ++i) {
+                    scale[i] = 1.0 / std::sqrt(scale[i]);
+                }
+                for (size_t i = 0; i < count; ++i) {
+                    out.normals[first + i] *= scale[i];
                 }
             }
             info.pointCount = static_cast<int>(out.points.size()) - info.firstPoint;
