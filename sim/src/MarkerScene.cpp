@@ -17,10 +17,6 @@ std::uint64_t splitmix(std::uint64_t& x) {
     return z ^ (z >> 31);
 }
 
-std::uint64_t rotl(std::uint64_t x, int k) {
-    return (x << k) | (x >> (64 - k));
-}
-
 std::uint64_t cellKey(std::int64_t x, std::int64_t y, std::int64_t z) {
     const std::uint64_t m = (1u << 21) - 1u;
     return ((static_cast<std::uint64_t>(x + 1048576) & m) << 42) |
@@ -63,18 +59,6 @@ Rng::Rng(std::uint64_t seed) {
     std::uint64_t x = seed;
     for (auto& s : s_)
         s = splitmix(x);
-}
-
-std::uint64_t Rng::next() {
-    const std::uint64_t result = rotl(s_[1] * 5, 7) * 9;
-    const std::uint64_t t = s_[1] << 17;
-    s_[2] ^= s_[0];
-    s_[3] ^= s_[1];
-    s_[1] ^= s_[2];
-    s_[0] ^= s_[3];
-    s_[2] ^= t;
-    s_[3] = rotl(s_[3], 45);
-    return result;
 }
 
 double Rng::uniform() {

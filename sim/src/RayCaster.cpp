@@ -16,6 +16,18 @@ struct RayCaster::Impl {
     RTCScene scene = nullptr;
     mutable std::vector<RTCRayHit> batch;
 
+    // One coherent stream: Embree groups the rays into packets itself.
+    void castBatch(std::vector<RTCRayHit>& rays) const {
+        if (rays.empty()) {
+            return;
+        }
+        RTCIntersectContext context;
+        rtcInitIntersectContext(&context);
+        context.flags = RTC_INTERSECT_CONTEXT_FLAG_COHERENT;
+        rtcIntersect1M(scene, &context, rays.data(), static_cast<unsigned>(rays.size()),
+                       sizeof(RTCRayHit));
+    }
+
     ~Impl() {
         if (scene != nullptr) {
             rtcReleaseScene(scene);
@@ -98,15 +110,29 @@ void RayCaster::intersect(const std::vector<Ray>& rays, std::vector<Hit>& hits) 
     for (size_t i = 0; i < rays.size(); ++i) {
         fillRay(rays[i], batch[i]);
     }
-    RTCIntersectContext context;
-    rtcInitIntersectContext(&context);
-    context.flags = RTC_INTERSECT_CONTEXT_FLAG_COHERENT;
-    if (!batch.empty()) {
-        rtcIntersect1M(m_impl->scene, &context, batch.data(), static_cast<unsigned>(batch.size()),
-                       sizeof(RTCRayHit));
-    }
+    m_impl->castBatch(batch);
     hits.resize(rays.size());
     for (size_t i = 0; i < rays.size(); ++i) {
+        hits[i] = toHit(batch[i]);
+    }
+}
+
+void RayCaster::intersectFan(const Eigen::Vector3f& origin,
+                             const std::vector<Eigen::Vector3d>& directions, float tnear,
+                             float tfar, std::vector<Hit>& hits) const {
+    std::vector<RTCRayHit>& batch = m_impl->batch;
+    batch.resize(directions.size());
+    Ray r;
+    r.origin = origin;
+    r.tnear = tnear;
+    r.tfar = tfar;
+    for (size_t i = 0; i < directions.size(); ++i) {
+        r.direction = directions[i].cast<float>();
+        fillRay(r, batch[i]);
+    }
+    m_impl->castBatch(batch);
+    hits.resize(batch.size());
+    for (size_t i = 0; i < batch.size(); ++i) {
         hits[i] = toHit(batch[i]);
     }
 }

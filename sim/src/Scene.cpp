@@ -13,7 +13,7 @@ namespace {
 constexpr double kPi = 3.14159265358979323846;
 constexpr double kDeg = kPi / 180.0;
 
-// Standard normal draws for the per-point noise, one random word each: the inverse of the
+// Standard normal draws for the per-point noise, two per random word: the inverse of the
 // normal distribution function tabulated at 4096 quantiles and interpolated linearly (tails
 // end at 4.26 sigma). Several times faster than the polar method, which dominated the cost of
 // a frame.
@@ -31,15 +31,21 @@ public:
             m_x[static_cast<size_t>(i)] = 0.5 * (lo + hi);
         }
     }
-    double draw(Rng& rng) const {
+    // Two independent draws from one random word: 12 bits choose the bin, 20 bits place the
+    // draw inside it, far finer than the bins themselves.
+    void pair(Rng& rng, double& a, double& b) const {
         const uint64_t r = rng.next();
-        const size_t bin = static_cast<size_t>(r >> 52);                                 // 12 bits
-        const double f = static_cast<double>((r >> 11) & ((1ull << 41) - 1)) * 0x1p-41;  // 41 bits
-        return m_x[bin] + f * (m_x[bin + 1] - m_x[bin]);
+        a = at(static_cast<uint32_t>(r >> 32));
+        b = at(static_cast<uint32_t>(r));
     }
 
 private:
     static constexpr int kBins = 4096;
+    double at(uint32_t h) const {
+        const size_t bin = h >> 20;
+        const double f = static_cast<double>(h & 0xFFFFFu) * 0x1p-20;
+        return m_x[bin] + f * (m_x[bin + 1] - m_x[bin]);
+    }
     double m_x[kBins + 1];
 };
 
@@ -53,7 +59,9 @@ Eigen::Vector3d noise3(Rng& rng, double sigma) {
         return Eigen::Vector3d::Zero();
     }
     const NormalTable& t = normalTable();
-    const double x = t.draw(rng), y = t.draw(rng), z = t.draw(rng);
+    double x, y, z, unused;
+    t.pair(rng, x, y);
+    t.pair(rng, z, unused);
     return Eigen::Vector3d(x, y, z) * sigma;
 }
 
@@ -96,7 +104,7 @@ struct Scene::Stage {
     };
     TriangleMesh mesh;
     std::unique_ptr<RayCaster> caster;
-    std::vector<Eigen::Vector3d> normals;
+    std::vector<TrianglePlane> planes;
     std::vector<int> sphereOf;  // per triangle: the sphere it approximates, or -1
     std::vector<Target> targets;
     int firstFrame = 0;
@@ -193,6 +201,16 @@ ArtefactSet artefactSet() {
 
 Scene::~Scene() = default;
 
+std::vector<Scene::TrianglePlane> Scene::trianglePlanes(const TriangleMesh& mesh) {
+    std::vector<TrianglePlane> planes(mesh.triangles.size());
+    for (size_t i = 0; i < planes.size(); ++i) {
+        planes[i].n = mesh.normal(i);
+        planes[i].d = planes[i].n.dot(
+            mesh.vertices[static_cast<size_t>(mesh.triangles[i][0])].cast<double>());
+    }
+    return planes;
+}
+
 bool Scene::buildArtefacts(std::string* error) {
     const ArtefactSet& a = m_artefacts;
     const int frames = m_options.artefactFrames;
@@ -223,9 +241,7 @@ bool Scene::buildArtefacts(std::string* error) {
             s->sphereOf.resize(s->mesh.triangles.size(), -1);
             s->targets.push_back({-1, plane, 2 * frames});
         }
-        for (size_t i = 0; i < s->mesh.triangles.size(); ++i) {
-            s->normals.push_back(s->mesh.normal(i));
-        }
+        s->planes = trianglePlanes(s->mesh);
         s->caster = std::make_unique<RayCaster>(s->mesh);
         s->firstFrame = m_cycle;
         for (const Stage::Target& t : s->targets) {
@@ -376,9 +392,13 @@ bool Scene::build(const SceneOptions& o, std::string* error) {
         return false;
     }
     m_caster = std::make_unique<RayCaster>(m_truth.part);
-    m_normals.clear();
-    for (size_t i = 0; i < m_truth.part.triangles.size(); ++i) {
-        m_normals.push_back(m_truth.part.normal(i));
+    m_planes = trianglePlanes(m_truth.part);
+    m_fanCos.resize(static_cast<size_t>(o.pointsPerLine));
+    m_fanSin.resize(static_cast<size_t>(o.pointsPerLine));
+    for (int k = 0; k < o.pointsPerLine; ++k) {
+        const double th = (-0.5 + static_cast<double>(k) / (o.pointsPerLine - 1)) * o.fanDeg * kDeg;
+        m_fanCos[static_cast<size_t>(k)] = std::cos(th);
+        m_fanSin[static_cast<size_t>(k)] = std::sin(th);
     }
     m_truth.part.bounds(m_lo, m_hi);
     m_height =
@@ -664,8 +684,6 @@ void Scene::frame(const FrameRequest& rq, ScanFrame& out) const {
     int inStage = 0;
     const Stage* stage = stageAt(rq.index, &inStage);
     const RayCaster& caster = stage != nullptr ? *stage->caster : *m_caster;
-    const std::vector<Eigen::Vector3d>& triNormals = stage != nullptr ? stage->normals : m_normals;
-    const TriangleMesh& mesh = stage != nullptr ? stage->mesh : m_truth.part;
     const Pose part = partInRoom(rq.index);
     const Pose scanner = scannerInPart(rq.index);
     const Pose scannerRoom = part * scanner;
@@ -720,22 +738,34 @@ void Scene::frame(const FrameRequest& rq, ScanFrame& out) const {
     if (out.scannerSeen && rq.laser) {
         const int lines = o.lines;
         const int perLine = o.pointsPerLine;
+        const size_t fan = static_cast<size_t>(perLine);
         const int familyA = (lines + 1) / 2;
         const double nearZ = o.depthNear / std::max(1.0, rq.depthScale);
         const double farZ = o.depthFar * std::max(1.0, rq.depthScale);
         const double minCos = std::cos(80 * kDeg);
-        std::vector<Ray> rays(static_cast<size_t>(perLine));
-        std::vector<double> cosT(static_cast<size_t>(perLine)), sinT(static_cast<size_t>(perLine));
-        for (int k = 0; k < perLine; ++k) {
-            const double th = (-0.5 + static_cast<double>(k) / (perLine - 1)) * o.fanDeg * kDeg;
-            cosT[static_cast<size_t>(k)] = std::cos(th);
-            sinT[static_cast<size_t>(k)] = std::sin(th);
-        }
-        std::vector<Hit> hits;
-        std::vector<int> valid(static_cast<size_t>(perLine));
-        out.points.reserve(static_cast<size_t>(lines * perLine));
-        out.normals.reserve(static_cast<size_t>(lines * perLine));
-        out.quality.reserve(static_cast<size_t>(lines * perLine));
+        const double sigmaN = o.laserNormalNoiseDeg * kDeg;
+        const double laserNoise = o.laserNoise;
+        const NormalTable& gauss = normalTable();
+        // Scratch of the fans, kept from frame to frame by the calling thread.
+        struct Scratch {
+            std::vector<Eigen::Vector3d> directions;  // in the part's frame
+            std::vector<Hit> hits;
+            std::vector<int> valid;
+            std::vector<double> scale;
+        };
+        thread_local Scratch scratch;
+        std::vector<Eigen::Vector3d>& dirs = scratch.directions;
+        std::vector<Hit>& hits = scratch.hits;
+        std::vector<int>& valid = scratch.valid;
+        dirs.resize(fan);
+        valid.resize(fan);
+        scratch.scale.resize(fan);
+        const std::vector<TrianglePlane>& planes = stage != nullptr ? stage->planes : m_planes;
+        const Eigen::Matrix3d Rt = scanner.R.transpose();
+        const Eigen::Vector3d zW = scanner.R.col(2);
+        out.points.reserve(static_cast<size_t>(lines) * fan);
+        out.normals.reserve(static_cast<size_t>(lines) * fan);
+        out.quality.reserve(static_cast<size_t>(lines) * fan);
         for (int l = 0; l < lines; ++l) {
             const int family = l % 2;
             const int inFamily = l / 2;
@@ -744,34 +774,40 @@ void Scene::frame(const FrameRequest& rq, ScanFrame& out) const {
             const Eigen::Vector3d nS(std::cos(phi), std::sin(phi), 0);
             const Eigen::Vector3d uS(-std::sin(phi), std::cos(phi), 0);
             const double offset = (inFamily - 0.5 * (familySize - 1)) * o.lineSpacing;
-            const Eigen::Vector3d eS = offset * nS;
+            const Eigen::Vector3d eS = offset * nS;  // the emitter, on the scanner's xy plane
             const Eigen::Vector3d eW = scanner.apply(eS);
             LaserLineInfo info;
             info.index = l;
             info.firstPoint = static_cast<int>(out.points.size());
             info.plane = Eigen::Vector4d(nS.x(), nS.y(), nS.z(), -offset);
-            for (int k = 0; k < perLine; ++k) {
-                const Eigen::Vector3d dS = cosT[static_cast<size_t>(k)] * Eigen::Vector3d::UnitZ() +
-                                           sinT[static_cast<size_t>(k)] * uS;
-                Ray& r = rays[static_cast<size_t>(k)];
-                r.origin = eW.cast<float>();
-                r.direction = (scanner.R * dS).cast<float>();
-                r.tnear = static_cast<float>(0.5 * nearZ);
-                r.tfar = static_cast<float>(2.0 * farZ);
+            // Ray k leaves along cos(th_k) z + sin(th_k) u in S: the fan's two axes turn into
+            // the part's frame once per line.
+            const Eigen::Vector3d uW = scanner.R * uS;
+            for (size_t k = 0; k < fan; ++k) {
+                dirs[k] = m_fanCos[k] * zW + m_fanSin[k] * uW;
             }
-            caster.intersect(rays, hits);
-            for (int k = 0; k < perLine; ++k) {
-                valid[static_cast<size_t>(k)] = -1;
-                const Hit& h = hits[static_cast<size_t>(k)];
+            caster.intersectFan(eW.cast<float>(), dirs, static_cast<float>(0.5 * nearZ),
+                                static_cast<float>(2.0 * farZ), hits);
+            // Room for every ray of the line, trimmed to the points kept afterwards.
+            const size_t first = out.points.size();
+            size_t kept = first;
+            out.points.resize(first + fan);
+            out.normals.resize(first + fan);
+            out.quality.resize(first + fan);
+            Eigen::Vector3d* points = out.points.data();
+            Eigen::Vector3d* normals = out.normals.data();
+            float* quality = out.quality.data();
+            for (size_t k = 0; k < fan; ++k) {
+                valid[k] = -1;
+                const Hit& h = hits[k];
                 if (!h.valid()) {
                     continue;
                 }
-                const Eigen::Vector3d dS = cosT[static_cast<size_t>(k)] * Eigen::Vector3d::UnitZ() +
-                                           sinT[static_cast<size_t>(k)] * uS;
-                const Eigen::Vector3d dW = scanner.R * dS;
+                const Eigen::Vector3d& dW = dirs[k];
                 const size_t tri = static_cast<size_t>(h.triangle);
-                Eigen::Vector3d nW = triNormals[tri];
-                double t = 0;
+                const TrianglePlane& plane = planes[tri];
+                Eigen::Vector3d nW = plane.n;
+                double t = 0, facing = 0;
                 const int sphere = stage != nullptr ? stage->sphereOf[tri] : -1;
                 if (sphere >= 0) {
                     // The exact hit on the true sphere (the triangles lie inside it).
@@ -785,30 +821,66 @@ void Scene::frame(const FrameRequest& rq, ScanFrame& out) const {
                     }
                     t = -b - std::sqrt(disc);
                     nW = (oc + t * dW) / r;
+                    facing = -nW.dot(dW);
                 } else {
                     // The exact hit on the triangle's plane, in double precision.
-                    const Eigen::Vector3d a =
-                        mesh.vertices[static_cast<size_t>(mesh.triangles[tri][0])].cast<double>();
-                    t = nW.dot(a - eW) / nW.dot(dW);
+                    facing = -nW.dot(dW);
+                    if (facing < minCos) {
+                        continue;
+                    }
+                    t = (nW.dot(eW) - plane.d) / facing;
                 }
-                const double facing = -nW.dot(dW);
                 if (facing < minCos) {
                     continue;  // back face or grazing
                 }
-                const Eigen::Vector3d pS = eS + t * dS;
-                if (pS.z() < nearZ || pS.z() > farZ) {
+                // In S the ray runs from eS (z = 0) along (sin u_x, sin u_y, cos).
+                const double z = t * m_fanCos[k];
+                if (z < nearZ || z > farZ) {
                     continue;
                 }
-                Eigen::Vector3d nS2 = scanner.R.transpose() * nW;
-                if (o.laserNormalNoiseDeg > 0) {
+                const double along = t * m_fanSin[k];
+                valid[k] = static_cast<int>(kept);
+                points[kept] = Eigen::Vector3d(eS.x() + along * uS.x(), eS.y() + along * uS.y(), z);
+                normals[kept] =
+                    Eigen::Vector3d(Rt.row(0).dot(nW), Rt.row(1).dot(nW), Rt.row(2).dot(nW));
+                quality[kept] = static_cast<float>(0.5 + 0.5 * facing);
+                ++kept;
+            }
+            out.points.resize(kept);
+            out.normals.resize(kept);
+            out.quality.resize(kept);
+            // The noise of the line's points in a loop of its own: its draws and square roots
+            // do not wait on the hit tests.
+            for (size_t i = first; i < kept; ++i) {
+                double g[6];
+                gauss.pair(rng, g[0], g[1]);
+                gauss.pair(rng, g[2], g[3]);
+                if (laserNoise > 0) {
+                    out.points[i] += laserNoise * Eigen::Vector3d(g[0], g[1], g[2]);
+                }
+                if (sigmaN > 0) {
+                    gauss.pair(rng, g[4], g[5]);
                     // A small Gaussian tilt: the perpendicular part of the added vector turns
                     // the normal by about its length in radians.
-                    nS2 = (nS2 + noise3(rng, o.laserNormalNoiseDeg * kDeg)).normalized();
+                    Eigen::Vector3d& n = out.normals[i];
+                    n += sigmaN * Eigen::Vector3d(g[3], g[4], g[5]);
                 }
-                valid[static_cast<size_t>(k)] = static_cast<int>(out.points.size());
-                out.points.push_back(pS + noise3(rng, o.laserNoise));
-                out.normals.push_back(nS2);
-                out.quality.push_back(static_cast<float>(0.5 + 0.5 * facing));
+            }
+            if (sigmaN > 0) {
+                // Back to unit length: the lengths' inverses in a loop of their own, which the
+                // compiler turns into packed square roots and divisions.
+                const size_t count = kept - first;
+                double* scale = scratch.scale.data();
+                const Eigen::Vector3d* nn = out.normals.data() + first;
+                for (size_t i = 0; i < count; ++i) {
+                    scale[i] = nn[i].squaredNorm();
+                }
+                for (size_t i = 0; i < count; ++i) {
+                    scale[i] = 1.0 / std::sqrt(scale[i]);
+                }
+                for (size_t i = 0; i < count; ++i) {
+                    out.normals[first + i] *= scale[i];
+                }
             }
             info.pointCount = static_cast<int>(out.points.size()) - info.firstPoint;
             if (info.pointCount > 0) {

@@ -6,6 +6,7 @@
 
 #include <Eigen/Geometry>
 #include <Eigen/LU>
+#include <algorithm>
 #include <cstring>
 
 #include <cmath>
@@ -13,6 +14,7 @@
 #include <filesystem>
 #include <fstream>
 #include <set>
+#include <thread>
 
 #include "sim/Scene.h"
 
@@ -153,6 +155,69 @@ TEST(SimScene, LaserPointsLieOnThePartExactlyWithoutNoiseAndWithinThreeSigmaWith
     EXPECT_GT(total, 20 * 5000u);
     EXPECT_NEAR(std::sqrt(sumSq / count), sigma, 0.25 * sigma);
     EXPECT_LT(static_cast<double>(outside) / count, 0.01);
+}
+
+// The noise of a frame against the same frame without it (the rays and hits are the same):
+// position noise of the set level per coordinate, Gaussian in shape and uncorrelated between
+// coordinates; normals tilted by the set angle per axis; noiseless points on their line's plane.
+// A second thread gets the same frame.
+TEST(SimScene, LaserNoiseHasTheSetLevelsAndAGaussianShape) {
+    sim::SceneOptions quiet = noiseless();
+    auto exact = makeScene(quiet);
+    sim::SceneOptions o = quiet;
+    o.laserNoise = 0.02;
+    o.laserNormalNoiseDeg = 0.5;
+    auto noisy = makeScene(o);
+    double sum = 0, sumSq = 0, sumXY = 0, worst = 0, angleSq = 0, worstPlane = 0;
+    size_t n = 0, beyond2 = 0, normals = 0;
+    for (int i = 0; i < 2400; i += 200) {
+        sim::FrameRequest rq;
+        rq.index = i;
+        sim::ScanFrame fe, fn;
+        exact->frame(rq, fe);
+        noisy->frame(rq, fn);
+        ASSERT_EQ(fe.points.size(), fn.points.size()) << i;
+        for (size_t k = 0; k < fe.points.size(); ++k) {
+            const Eigen::Vector3d r = (fn.points[k] - fe.points[k]) / o.laserNoise;
+            for (int c = 0; c < 3; ++c) {
+                sum += r[c];
+                sumSq += r[c] * r[c];
+                beyond2 += std::fabs(r[c]) > 2.0;
+                worst = std::max(worst, std::fabs(r[c]));
+            }
+            sumXY += r.x() * r.y();
+            n += 3;
+            const double cosA = std::clamp(fn.normals[k].dot(fe.normals[k]), -1.0, 1.0);
+            angleSq += std::pow(std::acos(cosA) * 180 / M_PI, 2);
+            ++normals;
+            ASSERT_NEAR(fn.normals[k].norm(), 1.0, 1e-12);
+        }
+        for (const sim::LaserLineInfo& l : fe.lines) {
+            for (int k = l.firstPoint; k < l.firstPoint + l.pointCount; ++k) {
+                const Eigen::Vector3d& p = fe.points[static_cast<size_t>(k)];
+                worstPlane = std::max(worstPlane, std::fabs(l.plane.head<3>().dot(p) + l.plane[3]));
+            }
+        }
+        if (i == 1200) {
+            sim::ScanFrame other;
+            std::thread([&] { noisy->frame(rq, other); }).join();
+            ASSERT_EQ(other.points.size(), fn.points.size());
+            EXPECT_EQ(0, std::memcmp(other.points.data(), fn.points.data(), fn.points.size() * 24));
+            EXPECT_EQ(0,
+                      std::memcmp(other.normals.data(), fn.normals.data(), fn.normals.size() * 24));
+        }
+    }
+    ASSERT_GT(n, 300000u);
+    const double mean = sum / n, sd = std::sqrt(sumSq / n - mean * mean);
+    EXPECT_LT(std::fabs(mean), 0.01);
+    EXPECT_NEAR(sd, 1.0, 0.01);
+    EXPECT_NEAR(static_cast<double>(beyond2) / n, 0.0455, 0.003);  // two-sided 2-sigma share
+    EXPECT_LT(worst, 4.3);
+    EXPECT_GT(worst, 3.5);
+    EXPECT_LT(std::fabs(sumXY / (n / 3)), 0.015);
+    // A tilt of sigma about each of the two axes across the normal: RMS angle sigma * sqrt 2.
+    EXPECT_NEAR(std::sqrt(angleSq / normals), o.laserNormalNoiseDeg * std::sqrt(2.0), 0.02);
+    EXPECT_LT(worstPlane, 1e-9);
 }
 
 TEST(SimScene, MarkersAndHolesMapOntoTheTruthFromEveryTracker) {

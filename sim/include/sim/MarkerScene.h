@@ -23,7 +23,17 @@ namespace sim {
 class Rng {
 public:
     explicit Rng(std::uint64_t seed = 1);
-    std::uint64_t next();
+    std::uint64_t next() {  // inline: the simulator draws several words per laser point
+        const std::uint64_t result = rotl(s_[1] * 5, 7) * 9;
+        const std::uint64_t t = s_[1] << 17;
+        s_[2] ^= s_[0];
+        s_[3] ^= s_[1];
+        s_[1] ^= s_[2];
+        s_[0] ^= s_[3];
+        s_[2] ^= t;
+        s_[3] = rotl(s_[3], 45);
+        return result;
+    }
     double uniform();                      // [0, 1)
     double uniform(double lo, double hi);  // [lo, hi)
     int uniformInt(int lo, int hi);        // lo..hi inclusive; lo when hi < lo
@@ -31,6 +41,7 @@ public:
     Eigen::Vector3d unitVector();          // uniform on the sphere
 
 private:
+    static std::uint64_t rotl(std::uint64_t x, int k) { return (x << k) | (x >> (64 - k)); }
     std::uint64_t s_[4];
     bool hasSpare_ = false;
     double spare_ = 0.0;

@@ -34,6 +34,11 @@ public:
     // coherent (one fan of a laser plane) for speed.
     void intersect(const std::vector<Ray>& rays, std::vector<Hit>& hits) const;
     Hit intersect(const Ray& ray) const;
+    // A fan from one origin: the first hit along each direction (unit length, cast to float)
+    // between tnear and tfar. Same hits as intersect() on the equivalent rays, without the
+    // intermediate Ray list.
+    void intersectFan(const Eigen::Vector3f& origin, const std::vector<Eigen::Vector3d>& directions,
+                      float tnear, float tfar, std::vector<Hit>& hits) const;
     // True when something lies on the ray between tnear and tfar.
     bool occluded(const Ray& ray) const;
 

@@ -234,7 +234,15 @@ private:
     std::vector<TrackerPlacement> m_trackers;
     std::vector<Pose> m_roomToTracker;
     std::unique_ptr<RayCaster> m_caster;
-    std::vector<Eigen::Vector3d> m_normals;  // unit normal of every triangle
+    // Plane of every triangle: unit normal n and offset d = n.a of its first corner a.
+    struct TrianglePlane {
+        Eigen::Vector3d n = Eigen::Vector3d::UnitZ();
+        double d = 0;
+    };
+    static std::vector<TrianglePlane> trianglePlanes(const TriangleMesh& mesh);
+    std::vector<TrianglePlane> m_planes;
+    // cos and sin of each ray's angle in a laser fan (fixed by the options).
+    std::vector<double> m_fanCos, m_fanSin;
     std::vector<Marker> m_bodyMarkers;
     // Artefact scene: one stage per artefact setting (the table plus the sphere, one ball-bar
     // position or the plane), each with its own ray caster; frames visit them in turn.
