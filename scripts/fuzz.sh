@@ -23,10 +23,12 @@ esac
 bash scripts/install-deps.sh
 
 # Libraries get coverage instrumentation and the sanitizers too, so that libFuzzer sees into
-# them; the fuzz targets add -fsanitize=fuzzer themselves.
+# them; the fuzz targets add -fsanitize=fuzzer themselves. -O1 with line tables, as in the
+# sanitizer builds (scripts/sanitize.sh).
 CC=clang CXX=clang++ cmake -S . -B "$build" -G Ninja \
   -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
   -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+  -DCMAKE_C_FLAGS_RELWITHDEBINFO="-O1 -g1 -DNDEBUG" -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O1 -g1 -DNDEBUG" \
   -DPATHFINDER_BUILD_FUZZ=ON -DPATHFINDER_BUILD_TESTS=OFF -DPATHFINDER_WERROR=ON \
   -DPATHFINDER_SANITIZE=address \
   -DCMAKE_C_FLAGS=-fsanitize=fuzzer-no-link -DCMAKE_CXX_FLAGS=-fsanitize=fuzzer-no-link
