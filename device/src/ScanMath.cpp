@@ -16,10 +16,14 @@
 // GCC 12's AVX-512 intrinsics start some results from a deliberately undefined register, which
 // its own flow analysis then reports as maybe uninitialised (at the header's lines, so the
 // diagnostic is switched off for the header).
+#if defined(__clang__)
+#include <immintrin.h>
+#else
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 #include <immintrin.h>
 #pragma GCC diagnostic pop
+#endif
 #define PATHFINDER_LASER_AVX512 1
 #endif
 
