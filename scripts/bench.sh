@@ -45,7 +45,7 @@ done
 "$root/scripts/install-deps.sh" --bench >&2
 
 cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DPATHFINDER_WERROR=ON \
-    -DPATHFINDER_BUILD_BENCH=ON >/dev/null
+    -DPATHFINDER_BUILD_BENCH=ON -DPATHFINDER_BUILD_TESTS=ON >/dev/null
 targets=(bench_sdk_link device_scan_bench device_chain_bench quill_bench tracking_bench sim_bench)
 # The PCL peer is built only where PCL's registration module is installed.
 if cmake --build "$build" --target help | grep -q '^quill_peer:'; then
@@ -55,7 +55,10 @@ fi
 # solve the same problem to the same minimum) run before the figures are taken.
 ceres_tests=0
 if cmake --build "$build" --target help | grep -q '^quill_ceres:'; then
-    targets+=(quill_ceres quill_ceres_tests)
+    targets+=(quill_ceres)
+fi
+if cmake --build "$build" --target help | grep -q '^quill_ceres_tests:'; then
+    targets+=(quill_ceres_tests)
     ceres_tests=1
 fi
 echo "bench.sh: building ${targets[*]} in $build" >&2
