@@ -16,6 +16,7 @@
 #include <optional>
 #include <thread>
 
+#include "AppsTestSupport.h"
 #include "CascadeFile.h"
 #include "Endpoint.h"
 #include "Geometry.h"
@@ -27,55 +28,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-struct Outcome {
-    int code = -1;
-    std::string out;
-};
-
-std::string quote(const std::string& s) {
-    std::string q = "'";
-    for (char c : s) {
-        q += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    }
-    return q + "'";
-}
-
-// Runs the program with `args` (and standard error joined to standard output). The waits of
-// the stack run ten times faster, the tool's endpoint is its own unless `env` says otherwise.
-Outcome pathfinder(const std::vector<std::string>& args, const std::string& env = "") {
-    std::string cmd = "env -u LUMORA_ENDPOINT PATHFINDER_TIME_SCALE=0.1 " + env + " " +
-                      quote(PATHFINDER_CLI_PATH);
-    for (const std::string& a : args) {
-        cmd += " " + quote(a);
-    }
-    cmd += " 2>&1 </dev/null";
-    Outcome r;
-    FILE* p = ::popen(cmd.c_str(), "r");
-    if (p == nullptr) {
-        return r;
-    }
-    char buffer[4096];
-    size_t n;
-    while ((n = std::fread(buffer, 1, sizeof(buffer), p)) > 0) {
-        r.out.append(buffer, n);
-    }
-    const int status = ::pclose(p);
-    r.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return r;
-}
-
-class HostCli : public ::testing::Test {
-protected:
-    void SetUp() override {
-        std::string pattern = (fs::temp_directory_path() / "pf_cli_XXXXXX").string();
-        ASSERT_NE(::mkdtemp(&pattern[0]), nullptr);
-        m_dir = pattern;
-    }
-    void TearDown() override { fs::remove_all(m_dir); }
-    std::string path(const std::string& name) const { return (fs::path(m_dir) / name).string(); }
-
-    std::string m_dir;
-};
+class HostCli : public WithFolder {};
 
 std::string endpointIn(const std::string& out) {
     const size_t at = out.find("endpoint ");

@@ -11,6 +11,7 @@
 #include <fstream>
 #include <opencv2/imgcodecs.hpp>
 
+#include "AppsTestSupport.h"
 #include "CascadeFile.h"
 #include "Writers.h"
 
@@ -19,20 +20,11 @@ namespace {
 
 namespace fs = std::filesystem;
 
-class HostFiles : public ::testing::Test {
+class HostFiles : public WithFolder {
 protected:
-    void SetUp() override {
-        std::string pattern = (fs::temp_directory_path() / "pf_files_XXXXXX").string();
-        ASSERT_NE(::mkdtemp(&pattern[0]), nullptr);
-        m_dir = pattern;
-    }
-    void TearDown() override { fs::remove_all(m_dir); }
-    std::string path(const std::string& name) const { return (fs::path(m_dir) / name).string(); }
     void writeBytes(const std::string& name, const std::string& bytes) const {
         std::ofstream(path(name), std::ios::binary) << bytes;
     }
-
-    std::string m_dir;
 };
 
 TEST_F(HostFiles, CascadeFilesRoundTripAndDamageIsRefused) {

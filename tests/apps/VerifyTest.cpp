@@ -11,6 +11,7 @@
 #include <fstream>
 #include <nlohmann/json.hpp>
 
+#include "AppsTestSupport.h"
 #include "Metrology.h"
 
 namespace pfapp {
@@ -18,48 +19,13 @@ namespace {
 
 namespace fs = std::filesystem;
 
-struct Outcome {
-    int code = -1;
-    std::string out;
-};
-
-// The program with `args`, the stack's waits ten times shorter, on an endpoint of its own.
-Outcome pathfinder(const std::vector<std::string>& args) {
-    std::string cmd = "env -u LUMORA_ENDPOINT PATHFINDER_TIME_SCALE=0.1 '" +
-                      std::string(PATHFINDER_CLI_PATH) + "'";
-    for (const std::string& a : args) {
-        cmd += " '" + a + "'";
-    }
-    cmd += " 2>&1 </dev/null";
-    Outcome r;
-    FILE* p = ::popen(cmd.c_str(), "r");
-    if (p == nullptr) {
-        return r;
-    }
-    char buffer[4096];
-    size_t n;
-    while ((n = std::fread(buffer, 1, sizeof(buffer), p)) > 0) {
-        r.out.append(buffer, n);
-    }
-    const int status = ::pclose(p);
-    r.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return r;
-}
-
-class Verify : public ::testing::Test {
+class Verify : public WithFolder {
 protected:
-    void SetUp() override {
-        std::string pattern = (fs::temp_directory_path() / "pf_verify_XXXXXX").string();
-        ASSERT_NE(::mkdtemp(&pattern[0]), nullptr);
-        m_dir = pattern;
-    }
-    void TearDown() override { fs::remove_all(m_dir); }
-
     // Runs a short verification (12 frames per sphere) with extra console arguments and reads
     // its verify.json.
     nlohmann::json run(const std::string& name, const std::vector<std::string>& consoleArgs,
                        int expectedCode) {
-        const std::string out = (fs::path(m_dir) / name).string();
+        const std::string out = path(name);
         std::vector<std::string> args{"verify", "--out", out, "--frames-per-sphere", "12"};
         for (const std::string& a : consoleArgs) {
             args.push_back("--console-arg=" + a);
@@ -73,8 +39,6 @@ protected:
         std::ifstream in((fs::path(out) / "verify.json").string());
         return in ? nlohmann::json::parse(in) : nlohmann::json::object();
     }
-
-    std::string m_dir;
 };
 
 double value(const nlohmann::json& j, const std::string& name) {
@@ -164,16 +128,16 @@ TEST_F(Verify, AWrongLaserTransformFailsTheSphereSpacing) {
 }
 
 TEST_F(Verify, LimitsComeFromAFileOrFlagsAndABadFileIsRefusedFirst) {
-    const std::string bad = (fs::path(m_dir) / "bad.json").string();
+    const std::string bad = path("bad.json");
     std::ofstream(bad) << "{\"PF\": 0.2, \"XY\": 1}";
-    Outcome r = pathfinder({"verify", "--out", (fs::path(m_dir) / "o").string(), "--limits", bad});
+    Outcome r = pathfinder({"verify", "--out", path("o"), "--limits", bad});
     EXPECT_EQ(r.code, 5) << r.out;
     EXPECT_NE(r.out.find("unknown characteristic XY"), std::string::npos) << r.out;
 
     // A tight flatness limit from a file fails F alone; a flag outranks the file.
-    const std::string tight = (fs::path(m_dir) / "tight.json").string();
+    const std::string tight = path("tight.json");
     std::ofstream(tight) << "{\"F\": 0.01, \"SD\": 0.001}";
-    const std::string out = (fs::path(m_dir) / "tight").string();
+    const std::string out = path("tight");
     r = pathfinder({"verify", "--out", out, "--frames-per-sphere", "6", "--limits", tight,
                     "--limit-sd", "0.5"});
     EXPECT_EQ(r.code, 9) << r.out;

@@ -13,6 +13,7 @@
 
 #include "ConsoleProcess.h"
 #include "DeviceTestSupport.h"
+#include "ResidentMemory.h"
 #include "platform/Platform.h"
 #include "sdk/Wire.h"
 
@@ -30,6 +31,7 @@ constexpr bool kCountMemory = true;
 namespace {
 
 using namespace device;
+using devtest::residentKb;
 
 int entries(const char* folder) {
     int n = 0;
@@ -66,16 +68,6 @@ int children(std::string* seen = nullptr) {
         }
     }
     return n;
-}
-
-long residentKb() {
-    std::ifstream in("/proc/self/status");
-    for (std::string line; std::getline(in, line);) {
-        if (line.rfind("VmRSS:", 0) == 0) {
-            return std::atol(line.c_str() + 6);
-        }
-    }
-    return 0;
 }
 
 TEST(FaultCycles, AHundredInitClearCyclesLeaveNoThreadDescriptorChildOrMemoryBehind) {

@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "ConsoleProcess.h"
+#include "ResidentMemory.h"
 #include "device/Pathfinder.h"
 #include "platform/Platform.h"
 #include "sdk/Messages.h"
@@ -33,6 +34,7 @@
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using devtest::residentKb;
 
 struct Options {
     double seconds = 60;
@@ -64,17 +66,6 @@ bool parse(int argc, char** argv, Options& o) {
         }
     }
     return o.seconds > 0 && o.fps > 0 && o.points > 0 && o.every > 0;
-}
-
-// Resident memory of this process in kB (VmRSS), 0 when unknown.
-long residentKb() {
-    std::ifstream in("/proc/self/status");
-    for (std::string line; std::getline(in, line);) {
-        if (line.rfind("VmRSS:", 0) == 0) {
-            return std::atol(line.c_str() + 6);
-        }
-    }
-    return 0;
 }
 
 int64_t nowNs() {
