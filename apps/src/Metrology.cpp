@@ -9,20 +9,37 @@ namespace pfapp {
 
 namespace {
 
-// The indices of the points kept: all but the `fraction` with the largest |residual|.
-std::vector<size_t> keepBest(const std::vector<double>& residuals, double fraction) {
-    std::vector<size_t> order(residuals.size());
-    std::iota(order.begin(), order.end(), size_t{0});
-    const size_t drop = static_cast<size_t>(std::floor(fraction * residuals.size()));
-    if (drop == 0) {
-        return order;
+// Residuals of `points` by `residual`.
+template <typename Residual>
+std::vector<double> residualsOf(const std::vector<Eigen::Vector3d>& points, Residual residual) {
+    std::vector<double> res;
+    res.reserve(points.size());
+    for (const Eigen::Vector3d& p : points) {
+        res.push_back(residual(p));
     }
-    std::nth_element(
-        order.begin(), order.end() - static_cast<long>(drop), order.end(),
-        [&](size_t a, size_t b) { return std::fabs(residuals[a]) < std::fabs(residuals[b]); });
-    order.resize(order.size() - drop);
-    std::sort(order.begin(), order.end());
-    return order;
+    return res;
+}
+
+// The points kept, in their order: all but the `fraction` with the largest |residual|.
+template <typename Residual>
+std::vector<Eigen::Vector3d> keepBest(const std::vector<Eigen::Vector3d>& points, Residual residual,
+                                      double fraction) {
+    const std::vector<double> res = residualsOf(points, residual);
+    std::vector<size_t> order(res.size());
+    std::iota(order.begin(), order.end(), size_t{0});
+    const size_t drop = static_cast<size_t>(std::floor(fraction * res.size()));
+    if (drop > 0) {
+        std::nth_element(order.begin(), order.end() - static_cast<long>(drop), order.end(),
+                         [&](size_t a, size_t b) { return std::fabs(res[a]) < std::fabs(res[b]); });
+        order.resize(order.size() - drop);
+        std::sort(order.begin(), order.end());
+    }
+    std::vector<Eigen::Vector3d> kept;
+    kept.reserve(order.size());
+    for (size_t i : order) {
+        kept.push_back(points[i]);
+    }
+    return kept;
 }
 
 bool sphereOnce(const std::vector<Eigen::Vector3d>& p, Eigen::Vector3d& c, double& r) {
@@ -99,22 +116,16 @@ SphereFit fitSphere(const std::vector<Eigen::Vector3d>& points, double rejectFra
     if (!sphereOnce(points, c, r)) {
         return fit;
     }
-    std::vector<double> res;
-    for (const Eigen::Vector3d& p : points) {
-        res.push_back((p - c).norm() - r);
-    }
-    for (size_t i : keepBest(res, rejectFraction)) {
-        fit.points.push_back(points[i]);
-    }
+    fit.points = keepBest(
+        points, [&](const Eigen::Vector3d& p) { return (p - c).norm() - r; }, rejectFraction);
     fit.rejected = points.size() - fit.points.size();
     if (!sphereOnce(fit.points, c, r)) {
         return fit;
     }
     fit.centre = c;
     fit.radius = r;
-    for (const Eigen::Vector3d& p : fit.points) {
-        fit.residuals.push_back((p - c).norm() - r);
-    }
+    fit.residuals =
+        residualsOf(fit.points, [&](const Eigen::Vector3d& p) { return (p - c).norm() - r; });
     fit.ok = true;
     return fit;
 }
@@ -128,22 +139,15 @@ PlaneFit fitPlane(const std::vector<Eigen::Vector3d>& points, double rejectFract
     if (!planeOnce(points, c, n)) {
         return fit;
     }
-    std::vector<double> res;
-    for (const Eigen::Vector3d& p : points) {
-        res.push_back(n.dot(p - c));
-    }
-    for (size_t i : keepBest(res, rejectFraction)) {
-        fit.points.push_back(points[i]);
-    }
+    fit.points = keepBest(
+        points, [&](const Eigen::Vector3d& p) { return n.dot(p - c); }, rejectFraction);
     fit.rejected = points.size() - fit.points.size();
     if (!planeOnce(fit.points, c, n)) {
         return fit;
     }
     fit.centroid = c;
     fit.normal = n;
-    for (const Eigen::Vector3d& p : fit.points) {
-        fit.residuals.push_back(n.dot(p - c));
-    }
+    fit.residuals = residualsOf(fit.points, [&](const Eigen::Vector3d& p) { return n.dot(p - c); });
     fit.ok = true;
     return fit;
 }
