@@ -30,20 +30,101 @@ constexpr double kLambdaMax = 1e8;
 // Conjugate-gradient limits of one Gauss-Newton step.
 constexpr int kMaxCgIterations = 400;
 constexpr double kCgTolerance = 1e-10;  // on the preconditioned residual, relative
+// Frames of the coarse level, grouped into this many rigid groups.
+constexpr int kCoarseGroups = 32;
+// ... of at least this many frames each (a level as fine as the frames themselves would be the
+// whole system again).
+constexpr int kFramesPerGroup = 8;
 
 using Mat6 = Eigen::Matrix<double, 6, 6>;
 using Vec6 = Eigen::Matrix<double, 6, 1>;
-using Mat36 = Eigen::Matrix<double, 3, 6>;
 
-// Jacobian of a transformed point q under a small left perturbation (rotation w, shift u):
-// q -> q + w x q + u.
-Mat36 pointJacobian(const Eigen::Vector3d& q) {
-    Mat36 J;
-    J << 0.0, q.z(), -q.y(), 1.0, 0.0, 0.0,  //
-        -q.z(), 0.0, q.x(), 0.0, 1.0, 0.0,   //
-        q.y(), -q.x(), 0.0, 0.0, 0.0, 1.0;
-    return J;
+// A transformed point q moves under a small left perturbation (rotation w, shift u) of its
+// frame's pose as q -> q + w x q + u: its Jacobian J is [ -[q]x  I ].
+
+// Weighted moments of transformed points, enough for the 6 x 6 normal block of a pose:
+// for one point q, J^T J = [ |q|^2 I - q q^T   [q]x ]
+//                          [ -[q]x              I   ]   (J (w, u) = w x q + u).
+struct PointMoments {
+    double n = 0.0;
+    Eigen::Vector3d s = Eigen::Vector3d::Zero();
+    Eigen::Matrix3d ss = Eigen::Matrix3d::Zero();
+
+    void add(const Eigen::Vector3d& q, double w) {
+        n += w;
+        s += w * q;
+        ss.noalias() += (w * q) * q.transpose();
+    }
+    void add(const PointMoments& o) {
+        n += o.n;
+        s += o.s;
+        ss += o.ss;
+    }
+    Mat6 normal() const {
+        Mat6 N;
+        N.topLeftCorner<3, 3>() = ss.trace() * Eigen::Matrix3d::Identity() - ss;
+        N.topRightCorner<3, 3>() = crossMatrix(s);
+        N.bottomLeftCorner<3, 3>() = -crossMatrix(s);
+        N.bottomRightCorner<3, 3>() = n * Eigen::Matrix3d::Identity();
+        return N;
+    }
+    static Eigen::Matrix3d crossMatrix(const Eigen::Vector3d& v) {
+        Eigen::Matrix3d C;
+        C << 0.0, -v.z(), v.y(),  //
+            v.z(), 0.0, -v.x(),   //
+            -v.y(), v.x(), 0.0;
+        return C;
+    }
+};
+
+// (sum of J over a's points)^T (sum of J over b's points), where the sum of J over points with
+// sum s and count n is [ -[s]x  n I ], written in the entries of C = [s_a; n_a] [s_b; n_b]^T
+// (linear in C, so sums of such products turn into sums of blocks):
+//   [ (s_a . s_b) I - s_b s_a^T   n_b [s_a]x ]
+//   [ -n_a [s_b]x                 n_a n_b I  ]
+Mat6 couplingBlock(const Eigen::Matrix4d& C) {
+    Mat6 P;
+    P.topLeftCorner<3, 3>() = C.topLeftCorner<3, 3>().trace() * Eigen::Matrix3d::Identity() -
+                              C.topLeftCorner<3, 3>().transpose();
+    P.topRightCorner<3, 3>() = PointMoments::crossMatrix(C.block<3, 1>(0, 3));
+    P.bottomLeftCorner<3, 3>() = -PointMoments::crossMatrix(C.block<1, 3>(3, 0).transpose());
+    P.bottomRightCorner<3, 3>() = C(3, 3) * Eigen::Matrix3d::Identity();
+    return P;
 }
+
+// A marker's observations in the current step: [begin, end) of the step's arrays.
+struct Run {
+    int begin;
+    int end;
+    int marker;
+    double inv;  // 1 / (end - begin)
+};
+
+// An observation in a variable frame, in frame order: its transformed point and marker.
+struct FrameObs {
+    Eigen::Vector3d q;
+    int marker;
+};
+
+// Everything a run allocates in proportion to the problem, kept by the optimiser between runs:
+// a second run of a similar size allocates nothing and touches no fresh memory.
+struct Workspace {
+    std::vector<const detail::Observation*> obs;
+    std::vector<int> start, order, fill, frames, var, jVar, group, touched, solvedObs;
+    std::vector<Eigen::Matrix3d> R, savedR;
+    std::vector<Eigen::Vector3d> t, savedT, X, Q, markerOrdered;
+    std::vector<unsigned char> use;
+    std::vector<double> res, gate;
+    std::vector<Mat6> pre, full;
+    std::vector<PointMoments> frameMoments, fullMoments, groupMoments, markerInGroup;
+    std::vector<Run> runs;
+    std::vector<FrameObs> frameObs;
+    std::vector<int> frameStart;
+    mutable std::vector<Eigen::Vector3d> markerSum;
+    Eigen::VectorXd g, damp, rc, zc, x, r, z, p, Ap;
+    std::vector<Eigen::Matrix4d> coupling;
+    Eigen::MatrixXd coarse;
+};
 
 // The joint problem: every marker j seen in frames f at local positions p_fj; unknowns are
 // the frame poses (R_f, t_f) and the marker positions X_j; the cost is
@@ -56,8 +137,10 @@ Mat36 pointJacobian(const Eigen::Vector3d& q) {
 // the square of the frames.
 class Bundle {
 public:
-    Bundle(const detail::MatcherState& g, int frameCount, std::vector<Eigen::Matrix4d>& frames)
-        : lib_(g.lib), F_(frameCount), M_(g.lib.slots()) {
+    Bundle(const detail::MatcherState& g, int frameCount, std::vector<Eigen::Matrix4d>& frames,
+           Workspace& w)
+        : w_(w), lib_(g.lib), F_(frameCount), M_(g.lib.slots()) {
+        obs_.clear();
         for (const auto& o : g.obs) {
             if (o.frame >= 0 && o.frame < F_ && o.marker >= 0 && o.marker < M_ &&
                 lib_.alive[static_cast<std::size_t>(o.marker)]) {
@@ -71,7 +154,8 @@ public:
         for (int j = 0; j < M_; ++j)
             start_[static_cast<std::size_t>(j) + 1] += start_[static_cast<std::size_t>(j)];
         order_.resize(obs_.size());
-        std::vector<int> fill(start_.begin(), start_.end() - 1);
+        std::vector<int>& fill = w_.fill;
+        fill.assign(start_.begin(), start_.end() - 1);
         for (std::size_t k = 0; k < obs_.size(); ++k) {
             order_[static_cast<std::size_t>(fill[static_cast<std::size_t>(obs_[k]->marker)]++)] =
                 static_cast<int>(k);
@@ -114,45 +198,58 @@ public:
 
     // Marker positions from the poses, residuals, and the sum of squares of the used ones.
     double updateMarkers() {
+        std::vector<Eigen::Vector3d>& q = w_.markerOrdered;
+        q.resize(obs_.size());
+        double sse = 0.0;
         for (int j = 0; j < M_; ++j) {
+            const int begin = start_[static_cast<std::size_t>(j)];
+            const int end = start_[static_cast<std::size_t>(j) + 1];
             Eigen::Vector3d sum = Eigen::Vector3d::Zero();
             int cnt = 0;
-            for (int a = start_[static_cast<std::size_t>(j)];
-                 a < start_[static_cast<std::size_t>(j) + 1]; ++a) {
+            for (int a = begin; a < end; ++a) {
                 const auto k = static_cast<std::size_t>(order_[static_cast<std::size_t>(a)]);
-                if (!use_[k])
-                    continue;
-                sum += transformed(k);
-                ++cnt;
+                q[static_cast<std::size_t>(a)] = transformed(k);
+                if (use_[k]) {
+                    sum += q[static_cast<std::size_t>(a)];
+                    ++cnt;
+                }
             }
+            Eigen::Vector3d& X = X_[static_cast<std::size_t>(j)];
             if (cnt > 0)
-                X_[static_cast<std::size_t>(j)] = sum / cnt;
-        }
-        double sse = 0.0;
-        for (std::size_t k = 0; k < obs_.size(); ++k) {
-            res_[k] = (transformed(k) - X_[static_cast<std::size_t>(obs_[k]->marker)]).norm();
-            if (use_[k] && solved(obs_[k]->marker))
-                sse += res_[k] * res_[k];
+                X = sum / cnt;
+            const bool counts = solved(j);
+            for (int a = begin; a < end; ++a) {
+                const auto k = static_cast<std::size_t>(order_[static_cast<std::size_t>(a)]);
+                res_[k] = (q[static_cast<std::size_t>(a)] - X).norm();
+                if (use_[k] && counts)
+                    sse += res_[k] * res_[k];
+            }
         }
         return sse;
     }
 
-    // Re-decides which observations take part, from the robust scale of the residuals.
-    void updateGate() {
-        std::vector<double> r;
-        r.reserve(obs_.size());
+    // Re-decides which observations take part, from the robust scale of the residuals; true
+    // when any observation changed sides (the markers then need updating).
+    bool updateGate() {
+        std::vector<double>& r = w_.gate;
+        r.clear();
         for (std::size_t k = 0; k < obs_.size(); ++k) {
             if (use_[k] && solved(obs_[k]->marker))
                 r.push_back(res_[k]);
         }
         if (r.empty())
-            return;
+            return false;
         const auto mid = r.begin() + static_cast<std::ptrdiff_t>(r.size() / 2);
         std::nth_element(r.begin(), mid, r.end());
         // The median length of a 3D Gaussian residual is about 1.54 standard deviations.
         const double gate = std::max(kMinGate, kGateSigmas * (*mid / 1.54));
-        for (std::size_t k = 0; k < obs_.size(); ++k)
-            use_[k] = res_[k] <= gate ? 1 : 0;
+        bool changed = false;
+        for (std::size_t k = 0; k < obs_.size(); ++k) {
+            const unsigned char use = res_[k] <= gate ? 1 : 0;
+            changed = changed || use != use_[k];
+            use_[k] = use;
+        }
+        return changed;
     }
 
     bool setupSystem();
@@ -178,37 +275,43 @@ private:
         return R_[f] * obs_[k]->local + t_[f];
     }
 
+    Workspace& w_;
     const detail::MarkerLibrary& lib_;
     const int F_;
     const int M_;
-    std::vector<const detail::Observation*> obs_;
-    std::vector<int> start_;
-    std::vector<int> order_;
-    std::vector<int> frames_;
-    std::vector<Eigen::Matrix3d> R_;
-    std::vector<Eigen::Vector3d> t_;
-    std::vector<Eigen::Matrix3d> savedR_;
-    std::vector<Eigen::Vector3d> savedT_;
-    std::vector<Eigen::Vector3d> X_;
-    std::vector<unsigned char> use_;
-    std::vector<double> res_;
+    std::vector<const detail::Observation*>& obs_ = w_.obs;
+    std::vector<int>& start_ = w_.start;
+    std::vector<int>& order_ = w_.order;
+    std::vector<int>& frames_ = w_.frames;
+    std::vector<Eigen::Matrix3d>& R_ = w_.R;
+    std::vector<Eigen::Vector3d>& t_ = w_.t;
+    std::vector<Eigen::Matrix3d>& savedR_ = w_.savedR;
+    std::vector<Eigen::Vector3d>& savedT_ = w_.savedT;
+    std::vector<Eigen::Vector3d>& X_ = w_.X;
+    std::vector<unsigned char>& use_ = w_.use;
+    std::vector<double>& res_ = w_.res;
 
     // Pose system.
     void multiply(const Eigen::VectorXd& x, Eigen::VectorXd& y) const;
-    std::vector<int> var_;  // frame -> variable block, or -1 (held fixed)
+    std::vector<int>& var_ = w_.var;  // frame -> variable block, or -1 (held fixed)
     int nVar_ = 0;
-    // Per observation taking part in the current step: its Jacobian and variable block.
-    std::vector<Eigen::Vector3d> Q_;  // transformed point
-    mutable std::vector<Eigen::Vector3d> jx_;
-    std::vector<int> jVar_;
-    std::vector<int> jMarker_;
-    std::vector<double> invK_;  // per marker: 1 / used observations
+    // Per observation taking part in the current step: its transformed point, variable block
+    // and marker.
+    std::vector<Eigen::Vector3d>& Q_ = w_.Q;
+    std::vector<int>& jVar_ = w_.jVar;
+    std::vector<Run>& runs_ = w_.runs;  // each marker's observations, and 1 / their number
+    std::vector<FrameObs>& frameObs_ = w_.frameObs;  // the same observations by frame
+    std::vector<int>& frameStart_ = w_.frameStart;   // variable block -> first in frameObs_
+    std::vector<Mat6>& full_ = w_.full;   // per frame: sum of J^T J over its observations
+    std::vector<int>& group_ = w_.group;  // variable block -> coarse group
+    std::vector<Mat6>& pre_ = w_.pre;     // inverse damped diagonal blocks
 };
 
 bool Bundle::setupSystem() {
     // Frames with fewer than three solved markers cannot hold a pose on their own; they and
     // the first well-observed frame (which fixes the gauge) stay out of the system.
-    std::vector<int> solvedObs(static_cast<std::size_t>(F_), 0);
+    std::vector<int>& solvedObs = w_.solvedObs;
+    solvedObs.assign(static_cast<std::size_t>(F_), 0);
     for (const auto* o : obs_) {
         if (solved(o->marker))
             ++solvedObs[static_cast<std::size_t>(o->frame)];
@@ -228,35 +331,37 @@ bool Bundle::setupSystem() {
 }
 
 void Bundle::multiply(const Eigen::VectorXd& x, Eigen::VectorXd& y) const {
-    y.setZero(x.size());
-    // H x = sum over markers of  sum_f J_f^T (J_f x_f - (1/k) sum_g J_g x_g), where for the
-    // transformed point q:  J (w, u) = w x q + u  and  J^T v = (q x v, v).
-    std::size_t a = 0;
-    std::vector<Eigen::Vector3d>& jx = jx_;
-    jx.resize(Q_.size());
-    while (a < Q_.size()) {
-        const int j = jMarker_[a];
-        std::size_t b = a;
-        Eigen::Vector3d s = Eigen::Vector3d::Zero();
-        for (; b < Q_.size() && jMarker_[b] == j; ++b) {
-            if (jVar_[b] < 0) {
-                jx[b].setZero();
-                continue;
-            }
-            const auto v = 6 * jVar_[b];
-            jx[b] = x.segment<3>(v).cross(Q_[b]) + x.segment<3>(v + 3);
-            s += jx[b];
+    // H = D - sum over markers of (1/k) S S^T, where D holds each frame's sum of J^T J and
+    // S^T x = sum over the marker's observations of J x (for a transformed point q,
+    // J (w, u) = w x q + u and J^T s = (q x s, s)). Both passes run frame by frame, so a
+    // frame's block of x and y stays in registers and only the marker sums are scattered.
+    std::vector<Eigen::Vector3d>& sum = w_.markerSum;
+    sum.assign(static_cast<std::size_t>(M_), Eigen::Vector3d::Zero());
+    for (int v = 0; v < nVar_; ++v) {
+        const Eigen::Vector3d w = x.segment<3>(6 * v);
+        const Eigen::Vector3d u = x.segment<3>(6 * v + 3);
+        for (int a = frameStart_[static_cast<std::size_t>(v)];
+             a < frameStart_[static_cast<std::size_t>(v) + 1]; ++a) {
+            const FrameObs& o = frameObs_[static_cast<std::size_t>(a)];
+            sum[static_cast<std::size_t>(o.marker)] += w.cross(o.q) + u;
         }
-        s *= invK_[static_cast<std::size_t>(j)];
-        for (std::size_t c = a; c < b; ++c) {
-            if (jVar_[c] < 0)
-                continue;
-            const Eigen::Vector3d v = jx[c] - s;
-            const auto o = 6 * jVar_[c];
-            y.segment<3>(o) += Q_[c].cross(v);
-            y.segment<3>(o + 3) += v;
+    }
+    for (const Run& run : runs_)
+        sum[static_cast<std::size_t>(run.marker)] *= run.inv;
+    y.resize(x.size());
+    for (int v = 0; v < nVar_; ++v) {
+        Eigen::Vector3d rot = Eigen::Vector3d::Zero();
+        Eigen::Vector3d shift = Eigen::Vector3d::Zero();
+        for (int a = frameStart_[static_cast<std::size_t>(v)];
+             a < frameStart_[static_cast<std::size_t>(v) + 1]; ++a) {
+            const FrameObs& o = frameObs_[static_cast<std::size_t>(a)];
+            const Eigen::Vector3d& m = sum[static_cast<std::size_t>(o.marker)];
+            rot += o.q.cross(m);
+            shift += m;
         }
-        a = b;
+        y.segment<6>(6 * v).noalias() = full_[static_cast<std::size_t>(v)] * x.segment<6>(6 * v);
+        y.segment<3>(6 * v) -= rot;
+        y.segment<3>(6 * v + 3) -= shift;
     }
 }
 
@@ -265,15 +370,43 @@ bool Bundle::gaussNewtonStep(double lambda) {
         return false;
     Q_.clear();
     jVar_.clear();
-    jMarker_.clear();
-    invK_.assign(static_cast<std::size_t>(M_), 0.0);
-    Eigen::VectorXd g = Eigen::VectorXd::Zero(6 * nVar_);
-    std::vector<Mat6> diag(static_cast<std::size_t>(nVar_), Mat6::Zero());
+    Q_.reserve(obs_.size());
+    jVar_.reserve(obs_.size());
+    // Two-level preconditioner. Fine level: each frame's own 6 x 6 block of the reduced
+    // matrix. Coarse level: consecutive variable frames grouped, each group moving as one
+    // rigid body; the reduced matrix restricted to those motions is small and solved exactly.
+    // The block-diagonal level alone leaves the slow modes of a long scan (the whole chain
+    // bending or sliding) to the iteration; the coarse level removes them.
+    const int groups = std::max(1, std::min(nVar_ / kFramesPerGroup, kCoarseGroups));
+    group_.resize(static_cast<std::size_t>(nVar_));
+    for (int v = 0; v < nVar_; ++v)
+        group_[static_cast<std::size_t>(v)] =
+            static_cast<int>((static_cast<long long>(v) * groups) / nVar_);
+    Eigen::VectorXd& g = w_.g;
+    g.setZero(6 * nVar_);
+    std::vector<PointMoments>& frameMoments = w_.frameMoments;
+    frameMoments.assign(static_cast<std::size_t>(nVar_), PointMoments());
+    std::vector<PointMoments>& fullMoments = w_.fullMoments;
+    fullMoments.assign(static_cast<std::size_t>(nVar_), PointMoments());
+    runs_.clear();
+    std::vector<PointMoments>& groupMoments = w_.groupMoments;
+    groupMoments.assign(static_cast<std::size_t>(groups), PointMoments());
+    // Coupling of two groups through the markers both saw, kept as sums of
+    // (1/k) [s_a; n_a] [s_b; n_b]^T (point sums and counts of each group's observations of a
+    // marker) and turned into 6 x 6 blocks once at the end.
+    std::vector<Eigen::Matrix4d>& coupling = w_.coupling;
+    coupling.assign(static_cast<std::size_t>(groups) * static_cast<std::size_t>(groups),
+                    Eigen::Matrix4d::Zero());
+    // Per marker: the groups its observations fall in, with their count and point sum.
+    std::vector<int>& touched = w_.touched;
+    std::vector<PointMoments>& markerInGroup = w_.markerInGroup;
+    markerInGroup.assign(static_cast<std::size_t>(groups), PointMoments());
     for (int j = 0; j < M_; ++j) {
         if (!solved(j))
             continue;
         int k = 0;
         const std::size_t first = Q_.size();
+        const Eigen::Vector3d& X = X_[static_cast<std::size_t>(j)];
         for (int a = start_[static_cast<std::size_t>(j)];
              a < start_[static_cast<std::size_t>(j) + 1]; ++a) {
             const auto o = static_cast<std::size_t>(order_[static_cast<std::size_t>(a)]);
@@ -281,47 +414,123 @@ bool Bundle::gaussNewtonStep(double lambda) {
                 continue;
             ++k;
             const int v = var_[static_cast<std::size_t>(obs_[o]->frame)];
-            const Eigen::Vector3d q = transformed(o);
+            // The poses have not moved since the last updateMarkers: its transformed points.
+            const Eigen::Vector3d& q = w_.markerOrdered[static_cast<std::size_t>(a)];
             Q_.push_back(q);
             jVar_.push_back(v);
-            jMarker_.push_back(j);
             if (v >= 0) {
-                g.segment<6>(6 * v) +=
-                    pointJacobian(q).transpose() * (q - X_[static_cast<std::size_t>(j)]);
+                // J^T r = (q x r, r) for the residual r = q - X.
+                const Eigen::Vector3d r = q - X;
+                g.segment<3>(6 * v) += q.cross(r);
+                g.segment<3>(6 * v + 3) += r;
             }
         }
         if (k == 0)
             continue;
         const double inv = 1.0 / k;
-        invK_[static_cast<std::size_t>(j)] = inv;
+        runs_.push_back({static_cast<int>(first), static_cast<int>(Q_.size()), j, inv});
+        touched.clear();
         for (std::size_t c = first; c < Q_.size(); ++c) {
-            if (jVar_[c] < 0)
+            const int v = jVar_[c];
+            if (v < 0)
                 continue;
-            const Mat36 J = pointJacobian(Q_[c]);
-            diag[static_cast<std::size_t>(jVar_[c])] += (1.0 - inv) * (J.transpose() * J);
+            frameMoments[static_cast<std::size_t>(v)].add(Q_[c], 1.0 - inv);
+            fullMoments[static_cast<std::size_t>(v)].add(Q_[c], 1.0);
+            const int gr = group_[static_cast<std::size_t>(v)];
+            PointMoments& m = markerInGroup[static_cast<std::size_t>(gr)];
+            if (m.n == 0.0)
+                touched.push_back(gr);
+            m.n += 1.0;
+            m.s += Q_[c];
+        }
+        // The marker's centring couples every pair of groups it was seen from.
+        for (int ga : touched) {
+            const PointMoments& ma = markerInGroup[static_cast<std::size_t>(ga)];
+            const Eigen::Vector4d ea(inv * ma.s.x(), inv * ma.s.y(), inv * ma.s.z(), inv * ma.n);
+            for (int gb : touched) {
+                const PointMoments& mb = markerInGroup[static_cast<std::size_t>(gb)];
+                const Eigen::Vector4d eb(mb.s.x(), mb.s.y(), mb.s.z(), mb.n);
+                coupling[static_cast<std::size_t>(ga * groups + gb)].noalias() +=
+                    ea * eb.transpose();
+            }
+        }
+        for (int ga : touched)
+            markerInGroup[static_cast<std::size_t>(ga)] = PointMoments();
+    }
+    // The same observations grouped by frame (counting sort), for the products.
+    frameStart_.assign(static_cast<std::size_t>(nVar_) + 1, 0);
+    for (std::size_t c = 0; c < jVar_.size(); ++c) {
+        if (jVar_[c] >= 0)
+            ++frameStart_[static_cast<std::size_t>(jVar_[c]) + 1];
+    }
+    for (int v = 0; v < nVar_; ++v)
+        frameStart_[static_cast<std::size_t>(v) + 1] += frameStart_[static_cast<std::size_t>(v)];
+    frameObs_.resize(static_cast<std::size_t>(frameStart_.back()));
+    {
+        std::vector<int>& fill = w_.fill;
+        fill.assign(frameStart_.begin(), frameStart_.end() - 1);
+        for (const Run& run : runs_) {
+            for (int c = run.begin; c < run.end; ++c) {
+                const int v = jVar_[static_cast<std::size_t>(c)];
+                if (v >= 0)
+                    frameObs_[static_cast<std::size_t>(fill[static_cast<std::size_t>(v)]++)] = {
+                        Q_[static_cast<std::size_t>(c)], run.marker};
+            }
         }
     }
-    // Damped diagonal blocks: the preconditioner, and the damping the system carries too.
-    std::vector<Eigen::LDLT<Mat6>> pre(static_cast<std::size_t>(nVar_));
-    Eigen::VectorXd damp(6 * nVar_);
+    Eigen::MatrixXd& coarse = w_.coarse;
+    coarse.resize(6 * groups, 6 * groups);
+    for (int ga = 0; ga < groups; ++ga) {
+        for (int gb = 0; gb < groups; ++gb)
+            coarse.block<6, 6>(6 * ga, 6 * gb) =
+                -couplingBlock(coupling[static_cast<std::size_t>(ga * groups + gb)]);
+    }
+    for (int v = 0; v < nVar_; ++v)
+        groupMoments[static_cast<std::size_t>(group_[static_cast<std::size_t>(v)])].add(
+            fullMoments[static_cast<std::size_t>(v)]);
+    for (int gr = 0; gr < groups; ++gr)
+        coarse.block<6, 6>(6 * gr, 6 * gr) += groupMoments[static_cast<std::size_t>(gr)].normal();
+    // Damped diagonal blocks: the fine level, and the damping the system carries too.
+    pre_.resize(static_cast<std::size_t>(nVar_));
+    full_.resize(static_cast<std::size_t>(nVar_));
+    Eigen::VectorXd& damp = w_.damp;
+    damp.resize(6 * nVar_);
     for (int v = 0; v < nVar_; ++v) {
-        Mat6 d = diag[static_cast<std::size_t>(v)];
+        full_[static_cast<std::size_t>(v)] = fullMoments[static_cast<std::size_t>(v)].normal();
+        Mat6 d = frameMoments[static_cast<std::size_t>(v)].normal();
+        const int gr = group_[static_cast<std::size_t>(v)];
         for (int i = 0; i < 6; ++i) {
             damp(6 * v + i) = lambda * d(i, i) + kDampAbs;
             d(i, i) += damp(6 * v + i);
+            coarse(6 * gr + i, 6 * gr + i) += damp(6 * v + i);
         }
-        pre[static_cast<std::size_t>(v)].compute(d);
+        pre_[static_cast<std::size_t>(v)] = d.ldlt().solve(Mat6::Identity());
     }
+    const Eigen::LLT<Eigen::MatrixXd> coarseSolver(coarse);
+    if (coarseSolver.info() != Eigen::Success)
+        return false;
+    Eigen::VectorXd& rc = w_.rc;
+    Eigen::VectorXd& zc = w_.zc;
+    rc.resize(6 * groups);
     auto precondition = [&](const Eigen::VectorXd& r, Eigen::VectorXd& z) {
         z.resize(r.size());
+        rc.setZero();
         for (int v = 0; v < nVar_; ++v) {
-            z.segment<6>(6 * v) = pre[static_cast<std::size_t>(v)].solve(r.segment<6>(6 * v));
+            z.segment<6>(6 * v).noalias() = pre_[static_cast<std::size_t>(v)] * r.segment<6>(6 * v);
+            rc.segment<6>(6 * group_[static_cast<std::size_t>(v)]) += r.segment<6>(6 * v);
         }
+        zc = coarseSolver.solve(rc);
+        for (int v = 0; v < nVar_; ++v)
+            z.segment<6>(6 * v) += zc.segment<6>(6 * group_[static_cast<std::size_t>(v)]);
     };
     // Preconditioned conjugate gradients on (H + damping) delta = -g.
-    Eigen::VectorXd x = Eigen::VectorXd::Zero(6 * nVar_);
-    Eigen::VectorXd r = -g;
-    Eigen::VectorXd z, p, Ap;
+    Eigen::VectorXd& x = w_.x;
+    Eigen::VectorXd& r = w_.r;
+    Eigen::VectorXd& z = w_.z;
+    Eigen::VectorXd& p = w_.p;
+    Eigen::VectorXd& Ap = w_.Ap;
+    x.setZero(6 * nVar_);
+    r = -g;
     precondition(r, z);
     p = z;
     double rz = r.dot(z);
@@ -452,6 +661,7 @@ struct MarkOpt_class::State {
     double rms = 0.0;
     bool converged = false;
     bool stepControl = true;
+    Workspace work;
 };
 
 MarkOpt_class::MarkOpt_class() : d_(new State()) {}
@@ -481,15 +691,15 @@ int MarkOpt_class::Run_FastKeyGlobalRegistrtion_MarkPoint_nCam_Global(
             if (!frameTransforms[static_cast<std::size_t>(f)].allFinite())
                 return 0;
         }
-        Bundle bundle(*global->d_, F, frameTransforms);
+        Bundle bundle(*global->d_, F, frameTransforms, st.work);
         if (bundle.solvedCount() < 3)
             return 0;
         const int maxIter = std::max(1, maxIterations);
         const double stop = std::max(0.0, static_cast<double>(stopPercent)) / 100.0;
 
         double sse = bundle.updateMarkers();
-        bundle.updateGate();
-        sse = bundle.updateMarkers();
+        if (bundle.updateGate())
+            sse = bundle.updateMarkers();
         if (!bundle.setupSystem())
             return 0;
         // Every trial step counts as an iteration, taken back or not. The run converges when
@@ -520,8 +730,7 @@ int MarkOpt_class::Run_FastKeyGlobalRegistrtion_MarkPoint_nCam_Global(
                 continue;
             }
             lambda = std::max(kDampRel, lambda / kLambdaGrowth);
-            bundle.updateGate();
-            const double gated = bundle.updateMarkers();
+            const double gated = bundle.updateGate() ? bundle.updateMarkers() : next;
             converged = sse - next <= stop * sse;
             sse = gated;
         }
