@@ -109,8 +109,8 @@ struct FrameObs {
 // Everything a run allocates in proportion to the problem, kept by the optimiser between runs:
 // a second run of a similar size allocates nothing and touches no fresh memory.
 struct Workspace {
-    std::vector<const detail::Observation*> obs;
-    std::vector<int> start, order, fill, frames, var, jVar, group, touched, solvedObs;
+    std::vector<detail::Observation> obs;
+    std::vector<int> start, fill, frames, var, jVar, group, touched, solvedObs;
     std::vector<Eigen::Matrix3d> R, savedR;
     std::vector<Eigen::Vector3d> t, savedT, X, Q, markerOrdered;
     std::vector<unsigned char> use;
@@ -140,33 +140,32 @@ public:
     Bundle(const detail::MatcherState& g, int frameCount, std::vector<Eigen::Matrix4d>& frames,
            Workspace& w)
         : w_(w), lib_(g.lib), F_(frameCount), M_(g.lib.slots()) {
-        obs_.clear();
-        for (const auto& o : g.obs) {
-            if (o.frame >= 0 && o.frame < F_ && o.marker >= 0 && o.marker < M_ &&
-                lib_.alive[static_cast<std::size_t>(o.marker)]) {
-                obs_.push_back(&o);
-            }
-        }
-        // Group by marker (counting sort keeps each marker's frames in order).
+        // The usable observations, grouped by marker (a counting sort keeps each marker's
+        // frames in order); every pass below then walks them in this order.
         start_.assign(static_cast<std::size_t>(M_) + 1, 0);
-        for (const auto* o : obs_)
-            ++start_[static_cast<std::size_t>(o->marker) + 1];
+        auto usable = [&](const detail::Observation& o) {
+            return o.frame >= 0 && o.frame < F_ && o.marker >= 0 && o.marker < M_ &&
+                   lib_.alive[static_cast<std::size_t>(o.marker)];
+        };
+        for (const auto& o : g.obs) {
+            if (usable(o))
+                ++start_[static_cast<std::size_t>(o.marker) + 1];
+        }
         for (int j = 0; j < M_; ++j)
             start_[static_cast<std::size_t>(j) + 1] += start_[static_cast<std::size_t>(j)];
-        order_.resize(obs_.size());
+        obs_.resize(static_cast<std::size_t>(start_.back()));
         std::vector<int>& fill = w_.fill;
         fill.assign(start_.begin(), start_.end() - 1);
-        for (std::size_t k = 0; k < obs_.size(); ++k) {
-            order_[static_cast<std::size_t>(fill[static_cast<std::size_t>(obs_[k]->marker)]++)] =
-                static_cast<int>(k);
+        for (const auto& o : g.obs) {
+            if (usable(o))
+                obs_[static_cast<std::size_t>(fill[static_cast<std::size_t>(o.marker)]++)] = o;
         }
         frames_.assign(static_cast<std::size_t>(M_), 0);
         for (int j = 0; j < M_; ++j) {
             int last = -1;
             for (int a = start_[static_cast<std::size_t>(j)];
                  a < start_[static_cast<std::size_t>(j) + 1]; ++a) {
-                const int f =
-                    obs_[static_cast<std::size_t>(order_[static_cast<std::size_t>(a)])]->frame;
+                const int f = obs_[static_cast<std::size_t>(a)].frame;
                 if (f != last)
                     ++frames_[static_cast<std::size_t>(j)];
                 last = f;
@@ -207,8 +206,8 @@ public:
             Eigen::Vector3d sum = Eigen::Vector3d::Zero();
             int cnt = 0;
             for (int a = begin; a < end; ++a) {
-                const auto k = static_cast<std::size_t>(order_[static_cast<std::size_t>(a)]);
-                q[static_cast<std::size_t>(a)] = transformed(k);
+                const auto k = static_cast<std::size_t>(a);
+                q[k] = transformed(k);
                 if (use_[k]) {
                     sum += q[static_cast<std::size_t>(a)];
                     ++cnt;
@@ -219,7 +218,7 @@ public:
                 X = sum / cnt;
             const bool counts = solved(j);
             for (int a = begin; a < end; ++a) {
-                const auto k = static_cast<std::size_t>(order_[static_cast<std::size_t>(a)]);
+                const auto k = static_cast<std::size_t>(a);
                 res_[k] = (q[static_cast<std::size_t>(a)] - X).norm();
                 if (use_[k] && counts)
                     sse += res_[k] * res_[k];
@@ -234,7 +233,7 @@ public:
         std::vector<double>& r = w_.gate;
         r.clear();
         for (std::size_t k = 0; k < obs_.size(); ++k) {
-            if (use_[k] && solved(obs_[k]->marker))
+            if (use_[k] && solved(obs_[k].marker))
                 r.push_back(res_[k]);
         }
         if (r.empty())
@@ -271,17 +270,16 @@ public:
 
 private:
     Eigen::Vector3d transformed(std::size_t k) const {
-        const auto f = static_cast<std::size_t>(obs_[k]->frame);
-        return R_[f] * obs_[k]->local + t_[f];
+        const auto f = static_cast<std::size_t>(obs_[k].frame);
+        return R_[f] * obs_[k].local + t_[f];
     }
 
     Workspace& w_;
     const detail::MarkerLibrary& lib_;
     const int F_;
     const int M_;
-    std::vector<const detail::Observation*>& obs_ = w_.obs;
+    std::vector<detail::Observation>& obs_ = w_.obs;  // by marker
     std::vector<int>& start_ = w_.start;
-    std::vector<int>& order_ = w_.order;
     std::vector<int>& frames_ = w_.frames;
     std::vector<Eigen::Matrix3d>& R_ = w_.R;
     std::vector<Eigen::Vector3d>& t_ = w_.t;
@@ -312,9 +310,9 @@ bool Bundle::setupSystem() {
     // the first well-observed frame (which fixes the gauge) stay out of the system.
     std::vector<int>& solvedObs = w_.solvedObs;
     solvedObs.assign(static_cast<std::size_t>(F_), 0);
-    for (const auto* o : obs_) {
-        if (solved(o->marker))
-            ++solvedObs[static_cast<std::size_t>(o->frame)];
+    for (const auto& o : obs_) {
+        if (solved(o.marker))
+            ++solvedObs[static_cast<std::size_t>(o.frame)];
     }
     var_.assign(static_cast<std::size_t>(F_), -1);
     bool gaugeFixed = false;
@@ -409,11 +407,11 @@ bool Bundle::gaussNewtonStep(double lambda) {
         const Eigen::Vector3d& X = X_[static_cast<std::size_t>(j)];
         for (int a = start_[static_cast<std::size_t>(j)];
              a < start_[static_cast<std::size_t>(j) + 1]; ++a) {
-            const auto o = static_cast<std::size_t>(order_[static_cast<std::size_t>(a)]);
+            const auto o = static_cast<std::size_t>(a);
             if (!use_[o])
                 continue;
             ++k;
-            const int v = var_[static_cast<std::size_t>(obs_[o]->frame)];
+            const int v = var_[static_cast<std::size_t>(obs_[o].frame)];
             // The poses have not moved since the last updateMarkers: its transformed points.
             const Eigen::Vector3d& q = w_.markerOrdered[static_cast<std::size_t>(a)];
             Q_.push_back(q);
@@ -576,10 +574,10 @@ void Bundle::refitLooseFrames() {
     // as they can: three or more usable markers give them a fresh pose.
     std::vector<detail::RigidAccumulator> acc(static_cast<std::size_t>(F_));
     for (std::size_t k = 0; k < obs_.size(); ++k) {
-        const auto f = static_cast<std::size_t>(obs_[k]->frame);
+        const auto f = static_cast<std::size_t>(obs_[k].frame);
         if (var_.empty() || var_[f] < 0) {
-            if (use_[k] && solved(obs_[k]->marker))
-                acc[f].add(obs_[k]->local, X_[static_cast<std::size_t>(obs_[k]->marker)]);
+            if (use_[k] && solved(obs_[k].marker))
+                acc[f].add(obs_[k].local, X_[static_cast<std::size_t>(obs_[k].marker)]);
         }
     }
     for (int f = 0; f < F_; ++f) {
@@ -621,10 +619,10 @@ void Bundle::finish(std::vector<Eigen::Matrix4d>& frames, std::vector<mcXYZ_Nor_
     for (std::size_t k = 0; k < obs_.size(); ++k) {
         if (!use_[k])
             continue;
-        const auto u = static_cast<std::size_t>(obs_[k]->marker);
+        const auto u = static_cast<std::size_t>(obs_[k].marker);
         markerSse[u] += res_[k] * res_[k];
         ++markerUsed[u];
-        if (solved(obs_[k]->marker)) {
+        if (solved(obs_[k].marker)) {
             sse += res_[k] * res_[k];
             ++used;
         }
