@@ -189,6 +189,7 @@ TEST_F(SceneConsole, SameSeedSameFramesByteForByteAndAnotherSeedOthers) {
     EXPECT_EQ(a, b);
     EXPECT_NE(a, c);
     size_t largest = 0;
-    for (const auto& f : a) largest = std::max(largest, f.size());
+    for (const auto& f : a)
+        largest = std::max(largest, f.size());
     EXPECT_GT(largest, 30000u) << "frames carry a thousand laser points and more";
 }
