@@ -277,35 +277,6 @@ TEST_F(WithConsole, TriggerVerdictsFollowTheAnswerStateAndOnlyItsEndingStateEnds
 
 // --- devices and the link ---------------------------------------------------------------------
 
-TEST_F(WithConsole, SdkDisconnectionReportsEveryDeviceThenTheLink) {
-    connect({"--setup", "device TRK0002 on kind=tracker errors=3"});
-    int n = 0;
-    std::shared_ptr<tagDeviceInfoList> list;
-    ASSERT_EQ(device->getDeviceInfo(&n, &list), RESULT_SUCCESS);
-    ASSERT_EQ(n, 3);
-    EXPECT_EQ(list->infos[1].serialText(), "SCN0001");
-    EXPECT_EQ(list->infos[1].kind, DEVICE_TYPE_SCANNER);
-    EXPECT_EQ(list->infos[0].state, STATE_READY);
-    EXPECT_EQ(list->infos[2].state, STATE_CAMERA_OPEN_FAILED);
-
-    recorder->clear();
-    testing::internal::CaptureStdout();
-    control("drop");
-    const bool reported =
-        waitFor([&] { return !recorder->replies(REPLY_SDK_DISCONNECTED).empty(); });
-    const std::string out = testing::internal::GetCapturedStdout();
-    ASSERT_TRUE(reported);
-    EXPECT_NE(out.find("disconnect 1533\ndisconnect 1533\ndisconnect 1541\n"), std::string::npos)
-        << out;
-    const Lines e = described();
-    ASSERT_GE(e.size(), 4u);
-    EXPECT_EQ(Lines(e.begin(), e.begin() + 4),
-              (Lines{ev("state", STATE_DISCONNECTED, DEVICE_TYPE_TRACKER, "TRK0001"),
-                     ev("state", STATE_DISCONNECTED, DEVICE_TYPE_TRACKER, "TRK0002"),
-                     ev("state", STATE_DISCONNECTED, DEVICE_TYPE_SCANNER, "SCN0001"),
-                     ev("reply", REPLY_SDK_DISCONNECTED)}));
-}
-
 TEST_F(WithConsole, ArrivalSetsTheFrameRateOfItsModelBeforeItsState) {
     connect();
     const struct {
