@@ -308,7 +308,9 @@ TEST_F(Scripted, AControlLineWrittenBeforeACommandGovernsItsAnswer) {
     }
 }
 
-TEST_F(Scripted, SilentAnswersSendNothingForTheGivenTimesAndDelayedOnesComeLate) {
+// Scripted answers: silent for the given times, delayed behind later answers, or carrying the
+// scripted data.
+TEST_F(Scripted, ScriptedAnswersAreSilentDelayedOrCarryTheirData) {
     connect();
     ASSERT_TRUE(console.control("answer setImageMode none 1"));
     ASSERT_TRUE(console.control("answer getCalibraResult none"));
@@ -339,30 +341,29 @@ TEST_F(Scripted, SilentAnswersSendNothingForTheGivenTimesAndDelayedOnesComeLate)
     ASSERT_GE(late, 0);
     EXPECT_EQ(work(message(late)).state, 6);
     EXPECT_EQ(between(from, static_cast<size_t>(late), isResponse(13)).size(), 1u);
-}
 
-TEST_F(Scripted, QueriesAreAnsweredWithTheScriptedData) {
-    connect();
+    // Queries are answered with the scripted data.
     ASSERT_TRUE(console.control("answer getCalibraResult value=-0.5 1"));
     ASSERT_TRUE(console.control("answer getCalibBoardSize rows=7 cols=5 board=7,5,15,15,2"));
-    const size_t from = recorder.size();
+    from = recorder.size();
     wrapper.getCalibraResult();
     wrapper.getCalibraResult();
     wrapper.getCalibBoardSize();
     wrapper.setResetCamera();
-    const int mark = expectMessage(from, isResponse(12));
-    ASSERT_GE(mark, 0);
-    const auto results = between(from, static_cast<size_t>(mark), isReceipt(15));
+    const int answered = expectMessage(from, isResponse(12));
+    ASSERT_GE(answered, 0);
+    const size_t mark2 = static_cast<size_t>(answered);
+    const auto results = between(from, mark2, isReceipt(15));
     ASSERT_EQ(results.size(), 2u);
     EXPECT_EQ(as<CMessage_Receipt>(results[0]).getCalibraResult(), -0.5);
     EXPECT_EQ(as<CMessage_Receipt>(results[1]).getCalibraResult(), 0.021);  // once only
-    const auto lattice = between(from, static_cast<size_t>(mark), isCalib(3));
+    const auto lattice = between(from, mark2, isCalib(3));
     ASSERT_EQ(lattice.size(), 1u);
     int rows = 0, cols = 0;
     as<CMessage_CalibData>(lattice[0]).getBoardLattice(rows, cols);
     EXPECT_EQ(rows, 7);
     EXPECT_EQ(cols, 5);
-    const auto board = between(from, static_cast<size_t>(mark), isCalib(4));
+    const auto board = between(from, mark2, isCalib(4));
     ASSERT_EQ(board.size(), 1u);
     std::vector<double> values;
     as<CMessage_CalibData>(board[0]).getScannerBoard(&values);
@@ -398,9 +399,9 @@ TEST_F(Scripted, TheCommandLogNamesEveryCommandWithItsArguments) {
 
 // --- receipts -----------------------------------------------------------------------------------
 
-TEST_F(Scripted, EveryReceiptKindCanBeSent) {
+TEST_F(Scripted, EveryReceiptKindCanBeSentAndFieldsReplaceItsStandardContent) {
     connect();
-    const size_t from = barrier();
+    size_t from = barrier();
     for (int kind = 0; kind <= RECEIPT_KIND_MAX; ++kind) {
         ASSERT_TRUE(console.control("receipt " + std::to_string(kind)));
     }
@@ -413,11 +414,8 @@ TEST_F(Scripted, EveryReceiptKindCanBeSent) {
     for (int kind = 0; kind <= RECEIPT_KIND_MAX; ++kind) {
         EXPECT_EQ(kinds[static_cast<size_t>(kind)], kind);
     }
-}
 
-TEST_F(Scripted, ReceiptFieldsReplaceTheStandardContent) {
-    connect();
-    const size_t from = barrier();
+    from = to;
     const std::vector<std::string> lines = {
         "receipt 0 code=154 state=-2 text=\"two  words \" device=TRK0001",
         "receipt 5 trackers=0 scanners=0 sync=0",
