@@ -17,17 +17,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::string readFile(const fs::path& p) {
-    std::ifstream in(p, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
-void writeFile(const fs::path& p, const std::string& bytes) {
-    std::ofstream(p, std::ios::binary) << bytes;
-}
-
 // A fresh folder for one test's files.
 fs::path tempFolder() {
     std::string pattern = (fs::temp_directory_path() / "console_faults_XXXXXX").string();
