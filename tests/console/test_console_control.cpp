@@ -16,14 +16,45 @@ bool parse(std::vector<const char*> args, ConsoleOptions& o, std::string& error)
 
 }  // namespace
 
-TEST(ConsoleOptions, ValuesAreReadAndCheckedForRange) {
+// The options in both spellings ("--option value" and "--option=value", whose value may hold
+// '=' itself), the scene keys and the recording flags; every refused option gives an error.
+TEST(ConsoleOptions, ValuesAreReadInBothSpellingsAndCheckedForRange) {
     ConsoleOptions o;
     std::string error;
-    ASSERT_TRUE(
-        parse({"--endpoint", "127.0.0.1:0", "--fps", "120", "--seed", "9", "--points", "20000",
-               "--tracker-model", "3", "--no-stdin", "--setup", "device TRK0002 on kind=tracker",
-               "--setup", "calib locations 2", "--command-log", "cmd.log", "--heartbeat-ms", "0"},
-              o, error))
+    ASSERT_TRUE(parse({"--endpoint",
+                       "127.0.0.1:0",
+                       "--fps",
+                       "120",
+                       "--seed",
+                       "9",
+                       "--points",
+                       "20000",
+                       "--tracker-model",
+                       "3",
+                       "--no-stdin",
+                       "--setup",
+                       "device TRK0002 on kind=tracker",
+                       "--setup",
+                       "calib locations 2",
+                       "--command-log",
+                       "cmd.log",
+                       "--heartbeat-ms",
+                       "0",
+                       "--trackers",
+                       "3",
+                       "--laser-noise",
+                       "0.05",
+                       "--motion",
+                       "sway",
+                       "--lines",
+                       "5",
+                       "--markers",
+                       "40",
+                       "--export-truth",
+                       "out",
+                       "--record",
+                       "out.lrec"},
+                      o, error))
         << error;
     EXPECT_EQ(o.endpoint.port, 0);
     EXPECT_DOUBLE_EQ(o.fps, 120.0);
@@ -35,6 +66,33 @@ TEST(ConsoleOptions, ValuesAreReadAndCheckedForRange) {
               (std::vector<std::string>{"device TRK0002 on kind=tracker", "calib locations 2"}));
     EXPECT_EQ(o.commandLogPath, "cmd.log");
     EXPECT_EQ(o.heartbeatMs, 0);
+    EXPECT_EQ(o.scene.trackers, 3);
+    EXPECT_DOUBLE_EQ(o.scene.laserNoise, 0.05);
+    EXPECT_EQ(o.scene.motion, "sway");
+    EXPECT_EQ(o.scene.lines, 5);
+    EXPECT_EQ(o.scene.pointsPerLine, 4000);
+    EXPECT_EQ(o.scene.markerCount, 40);
+    EXPECT_EQ(o.exportTruthDir, "out");
+    EXPECT_EQ(o.record.recordPath, "out.lrec");
+    EXPECT_EQ(o.record.replaySpeed, 1.0);
+
+    ConsoleOptions e;
+    ASSERT_TRUE(parse({"--endpoint=127.0.0.1:0", "--fps=60", "--seed=11", "--setup=scene seed=4",
+                       "--trackers=2", "--laser-noise=0.05", "--replay=s.lrec", "--replay-speed",
+                       "0", "--replay-exit", "--export-truth=truth dir", "--no-stdin"},
+                      e, error))
+        << error;
+    EXPECT_EQ(e.endpoint.port, 0);
+    EXPECT_DOUBLE_EQ(e.fps, 60.0);
+    EXPECT_EQ(e.seed, 11u);
+    EXPECT_EQ(e.setupLines, std::vector<std::string>{"scene seed=4"});
+    EXPECT_EQ(e.scene.trackers, 2);
+    EXPECT_DOUBLE_EQ(e.scene.laserNoise, 0.05);
+    EXPECT_EQ(e.record.replayPath, "s.lrec");
+    EXPECT_EQ(e.record.replaySpeed, 0.0);
+    EXPECT_TRUE(e.record.replayExit);
+    EXPECT_EQ(e.exportTruthDir, "truth dir");
+    EXPECT_FALSE(e.readStdin);
 
     for (const std::vector<const char*>& bad :
          std::vector<std::vector<const char*>>{{"--fps", "-1"},
@@ -43,11 +101,26 @@ TEST(ConsoleOptions, ValuesAreReadAndCheckedForRange) {
                                                {"--endpoint", "nowhere"},
                                                {"--seed"},
                                                {"--bogus"},
-                                               {"--lines", "0"}}) {
+                                               {"--lines", "0"},
+                                               {"--fps="},
+                                               {"--seed=x"},
+                                               {"--no-stdin=1"},  // a switch takes no value
+                                               {"--bogus=1"},
+                                               {"--trackers=9"},
+                                               {"--trackers", "4"},
+                                               {"--laser-noise", "-1"},
+                                               {"--motion", "spin"},
+                                               {"--scene", "cave"},
+                                               {"--points-per-line", "1.5"},
+                                               {"--noise", "loud"},
+                                               {"--replay-speed", "-1"},
+                                               {"--replay-speed", "fast"},
+                                               {"--record"},
+                                               {"--record", "a.lrec", "--replay", "b.lrec"}}) {
         ConsoleOptions fresh;
         error.clear();
         EXPECT_FALSE(parse(bad, fresh, error)) << bad[0];
-        EXPECT_FALSE(error.empty());
+        EXPECT_FALSE(error.empty()) << bad[0];
     }
 
     const char* argv[] = {"lumora_console", "--help", "--bogus"};
@@ -57,46 +130,26 @@ TEST(ConsoleOptions, ValuesAreReadAndCheckedForRange) {
     EXPECT_NE(console::usageText().find("--endpoint"), std::string::npos);
 }
 
-// "--option=value" reads as "--option value" for every kind of option; a value may hold '='
-// itself, and a switch given a value is refused.
-TEST(ConsoleOptions, AValueMayFollowAnEqualsSign) {
-    ConsoleOptions o;
-    std::string error;
-    ASSERT_TRUE(parse({"--endpoint=127.0.0.1:0", "--fps=60", "--seed=11", "--setup=scene seed=4",
-                       "--trackers=2", "--laser-noise=0.05", "--record=out.rec", "--replay-speed",
-                       "2", "--export-truth=truth dir", "--no-stdin"},
-                      o, error))
-        << error;
-    EXPECT_EQ(o.endpoint.port, 0);
-    EXPECT_DOUBLE_EQ(o.fps, 60.0);
-    EXPECT_EQ(o.seed, 11u);
-    EXPECT_EQ(o.setupLines, std::vector<std::string>{"scene seed=4"});
-    EXPECT_EQ(o.scene.trackers, 2);
-    EXPECT_DOUBLE_EQ(o.scene.laserNoise, 0.05);
-    EXPECT_EQ(o.record.recordPath, "out.rec");
-    EXPECT_DOUBLE_EQ(o.record.replaySpeed, 2.0);
-    EXPECT_EQ(o.exportTruthDir, "truth dir");
-    EXPECT_FALSE(o.readStdin);
-
-    for (const std::vector<const char*>& bad : std::vector<std::vector<const char*>>{
-             {"--fps="}, {"--seed=x"}, {"--no-stdin=1"}, {"--bogus=1"}, {"--trackers=9"}}) {
-        ConsoleOptions fresh;
-        error.clear();
-        EXPECT_FALSE(parse(bad, fresh, error)) << bad[0];
-        EXPECT_FALSE(error.empty()) << bad[0];
-    }
-}
-
-TEST(ConsoleOptions, ASetupLineThatIsNotUnderstoodFailsTheStart) {
+// A setup line that is not understood, a recording that cannot be created or a mesh that cannot
+// be read fails the start.
+TEST(ConsoleOptions, WhatCannotBeSetUpFailsTheStart) {
     ConsoleOptions o;
     o.readStdin = false;
     o.setupLines = {"device TRK0002 on kind=tracker", "answer setTrigger 5"};
     EXPECT_TRUE(Console(o).setupOk());
-    o.setupLines.push_back("device GHOST on");
-    EXPECT_FALSE(Console(o).setupOk());
+    ConsoleOptions ghost = o;
+    ghost.setupLines.push_back("device GHOST on");
+    EXPECT_FALSE(Console(ghost).setupOk());
+    ConsoleOptions unwritable = o;
+    unwritable.record.recordPath = "/nonexistent-folder/x.lrec";
+    EXPECT_FALSE(Console(unwritable).setupOk());
+    ConsoleOptions badMesh = o;
+    badMesh.scene.meshPath = "/nonexistent/part.obj";
+    EXPECT_FALSE(Console(badMesh).setupOk());
 }
 
-// Each refused line fails a different check; nothing is changed or sent.
+// Each refused line fails a different check; nothing is changed or sent. The scene lines take
+// the same keys as the options.
 TEST(ConsoleControl, LinesAreCheckedBeforeAnythingIsDone) {
     ConsoleOptions o;
     o.readStdin = false;
@@ -104,6 +157,9 @@ TEST(ConsoleControl, LinesAreCheckedBeforeAnythingIsDone) {
     std::string error;
     for (const char* good : {"",
                              "# a comment",
+                             "scene trackers=2 noise=off seed=3",
+                             "device TRK0002 off",  // the second tracker is a device now
+                             "scene show",
                              "answer setTrigger 4 2",
                              "answer setTrigger default",
                              "answer getCalibraResult value=nan 1",
@@ -174,41 +230,19 @@ TEST(ConsoleControl, LinesAreCheckedBeforeAnythingIsDone) {
                             "fault delay -5",            // negative time
                             "silent soon",               // not a time
                             "crash later 5",             // after
-                            "crash after -1"}) {
+                            "crash after -1",
+                            "scene",  // scene settings are checked before the scene changes
+                            "scene trackers",
+                            "scene trackers=0",
+                            "scene colour=red",
+                            "scene mesh=/nonexistent/part.ply",
+                            "scene seed=-2",
+                            "scene export /proc/no/such/dir"}) {
         error.clear();
         EXPECT_FALSE(c.control(bad, error)) << bad;
         EXPECT_FALSE(error.empty()) << bad;
     }
     EXPECT_TRUE(c.control("quit", error));
-}
-
-TEST(ConsoleOptions, RecordAndReplayFlagsAreReadAndChecked) {
-    ConsoleOptions o;
-    std::string error;
-    ASSERT_TRUE(parse({"--replay", "s.lrec", "--replay-speed", "0", "--replay-exit"}, o, error))
-        << error;
-    EXPECT_EQ(o.record.replayPath, "s.lrec");
-    EXPECT_EQ(o.record.replaySpeed, 0.0);
-    EXPECT_TRUE(o.record.replayExit);
-    ConsoleOptions r;
-    ASSERT_TRUE(parse({"--record", "out.lrec"}, r, error)) << error;
-    EXPECT_EQ(r.record.recordPath, "out.lrec");
-    EXPECT_EQ(r.record.replaySpeed, 1.0);
-    for (const std::vector<const char*>& bad :
-         std::vector<std::vector<const char*>>{{"--replay-speed", "-1"},
-                                               {"--replay-speed", "fast"},
-                                               {"--record"},
-                                               {"--record", "a.lrec", "--replay", "b.lrec"}}) {
-        ConsoleOptions fresh;
-        error.clear();
-        EXPECT_FALSE(parse(bad, fresh, error)) << bad[0];
-        EXPECT_FALSE(error.empty());
-    }
-    // A recording that cannot be created fails the start.
-    ConsoleOptions unwritable;
-    unwritable.readStdin = false;
-    unwritable.record.recordPath = "/nonexistent-folder/x.lrec";
-    EXPECT_FALSE(Console(unwritable).setupOk());
 }
 
 TEST(ControlWords, QuotesKeepBlanksAndFreeTextKeepsItsOwn) {
@@ -249,53 +283,4 @@ TEST(ControlWords, FieldsReportBadValuesAndUnknownKeys) {
     EXPECT_NE(error.find("typo"), std::string::npos);
     EXPECT_FALSE(console::Fields::parse({"novalue"}, 0, f, error));
     EXPECT_FALSE(console::Fields::parse({"=3"}, 0, f, error));
-}
-
-// Scene settings: the same keys as flags and as `scene` lines, checked before the scene
-// changes; a scene that cannot be built changes nothing.
-TEST(ConsoleScene, FlagsAndLinesShareTheKeysAndRefuseBadValues) {
-    ConsoleOptions o;
-    std::string error;
-    ASSERT_TRUE(parse({"--trackers", "3", "--laser-noise", "0.05", "--motion", "sway", "--lines",
-                       "5", "--points", "1000", "--markers", "40", "--export-truth", "out"},
-                      o, error))
-        << error;
-    EXPECT_EQ(o.scene.trackers, 3);
-    EXPECT_DOUBLE_EQ(o.scene.laserNoise, 0.05);
-    EXPECT_EQ(o.scene.motion, "sway");
-    EXPECT_EQ(o.scene.lines, 5);
-    EXPECT_EQ(o.scene.pointsPerLine, 200);
-    EXPECT_EQ(o.scene.markerCount, 40);
-    EXPECT_EQ(o.exportTruthDir, "out");
-    for (const std::vector<const char*>& bad :
-         std::vector<std::vector<const char*>>{{"--trackers", "4"},
-                                               {"--laser-noise", "-1"},
-                                               {"--motion", "spin"},
-                                               {"--scene", "cave"},
-                                               {"--points-per-line", "1.5"},
-                                               {"--noise", "loud"}}) {
-        ConsoleOptions fresh;
-        error.clear();
-        EXPECT_FALSE(parse(bad, fresh, error)) << bad[0];
-        EXPECT_FALSE(error.empty());
-    }
-
-    ConsoleOptions plain;
-    plain.readStdin = false;
-    Console c(plain);
-    EXPECT_TRUE(c.control("scene trackers=2 noise=off seed=3", error)) << error;
-    EXPECT_TRUE(c.control("scene show", error)) << error;
-    for (const char* bad :
-         {"scene", "scene trackers", "scene trackers=0", "scene colour=red",
-          "scene mesh=/nonexistent/part.ply", "scene seed=-2", "scene export /proc/no/such/dir"}) {
-        error.clear();
-        EXPECT_FALSE(c.control(bad, error)) << bad;
-        EXPECT_FALSE(error.empty()) << bad;
-    }
-    // The second tracker is a device now: a trigger may name it.
-    EXPECT_TRUE(c.control("device TRK0002 off", error)) << error;
-    ConsoleOptions badMesh;
-    badMesh.readStdin = false;
-    badMesh.scene.meshPath = "/nonexistent/part.obj";
-    EXPECT_FALSE(Console(badMesh).setupOk());
 }

@@ -8,41 +8,14 @@
 #include <fstream>
 #include <sstream>
 
-#include "ConsoleProcess.h"
-#include "SdkTestSupport.h"
+#include "ScriptedConsole.h"
 #include "console/Recording.h"
-#include "platform/Platform.h"
 
 using namespace SDK_NV;
 using namespace sdktest;
 namespace fs = std::filesystem;
 
 namespace {
-
-tagWorkRespons work(const CMessage_Base* m) {
-    tagWorkRespons w;
-    static_cast<const CMessage_Receipt&>(*m).getWorkResponsInfo(&w);
-    return w;
-}
-
-std::vector<int> frameIds(const std::vector<const CMessage_Base*>& v) {
-    std::vector<int> ids;
-    for (const auto* m : v) {
-        ids.push_back(static_cast<const CMessage_ScanData&>(*m).getFrameID());
-    }
-    return ids;
-}
-
-std::string readFile(const fs::path& p) {
-    std::ifstream in(p, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
-void writeFile(const fs::path& p, const std::string& bytes) {
-    std::ofstream(p, std::ios::binary) << bytes;
-}
 
 // A fresh folder for one test's files.
 fs::path tempFolder() {
@@ -88,55 +61,15 @@ uint32_t typeOf(const std::string& frame) {
     return env.type();
 }
 
-class ConsoleFaults : public ::testing::Test {
+class ConsoleFaults : public ScriptedConsole {
 protected:
     void SetUp() override {
-        platform::setTimeScale(0.01);
+        ScriptedConsole::SetUp();
         // The consoles these tests start inherit the environment. Their delays, silences,
         // crash times and replay pacing are given in real milliseconds, whatever scale the
         // test run was given (the sanitizer runs give one).
         ::setenv(platform::kTimeScaleEnv, "1", 1);
     }
-    void TearDown() override { wrapper.setCloseWrapper(true); }
-
-    void connect(std::vector<std::string> extra = {}) {
-        std::vector<std::string> args = {"--fps", "200", "--heartbeat-ms", "0", "--points", "100"};
-        args.insert(args.end(), extra.begin(), extra.end());
-        ASSERT_TRUE(console.start(args));
-        wrapper.setEndpoint(console.endpoint());
-        wrapper.setCallBackMessage(recorder.callback());
-        ASSERT_TRUE(wrapper.connectToLowPart());
-        // The answer to the heartbeat interval the SDK sends on connection comes last.
-        ASSERT_GE(recorder.waitIndex(0, isResponse(17)), 0);
-    }
-
-    // Everything the console sent before this call has been delivered when it returns (a work
-    // response with a fresh text travels behind it); the index just after that response.
-    size_t barrier() {
-        const std::string text = "barrier-" + std::to_string(++m_barriers);
-        EXPECT_TRUE(console.control("response 999 0 " + text));
-        const int at = recorder.waitIndex(
-            0, [&](const CMessage_Base& m) { return isResponse(999)(m) && work(&m).text == text; });
-        EXPECT_GE(at, 0);
-        return static_cast<size_t>(std::max(at, 0)) + 1;
-    }
-
-    std::vector<const CMessage_Base*> between(size_t from, size_t to,
-                                              const std::function<bool(const CMessage_Base&)>& m) {
-        std::vector<const CMessage_Base*> out;
-        const auto v = recorder.snapshot();
-        for (size_t i = from; i < to && i < v.size(); ++i) {
-            if (m(*v[i]) && !isResponse(999)(*v[i])) {
-                out.push_back(v[i]);
-            }
-        }
-        return out;
-    }
-
-    ConsoleProcess console;
-    Recorder recorder;
-    CTPScanWrapper wrapper;
-    int m_barriers = 0;
 };
 
 }  // namespace
@@ -280,19 +213,13 @@ TEST_F(ConsoleFaults, AReplayDeliversTheRecordedMessagesByteForByteInOrder) {
     connect({"--record", file.string()});
     ASSERT_TRUE(wrapper.setStartScan(SCAN_LASER));
     ASSERT_TRUE(wrapper.setTrigger(true, {}));
-    ASSERT_TRUE(recorder.waitFor([](const auto& v) {
-        return std::count_if(v.begin(), v.end(),
-                             [](const auto* m) { return m->getType() == MSG_SCANDATA; }) >= 10;
-    }));
+    ASSERT_TRUE(recorder.waitFor([](const auto& v) { return countType(v, MSG_SCANDATA) >= 10; }));
     // Damaged frames are replayed as recorded: a corrupt one, and an oversized one whose
     // padding is not stored but sent again.
     ASSERT_TRUE(console.control("fault corrupt 1"));
     ASSERT_TRUE(console.control("fault oversize 1 on=receipt"));
     ASSERT_TRUE(console.control("heartbeat"));
-    ASSERT_TRUE(recorder.waitFor([](const auto& v) {
-        return std::count_if(v.begin(), v.end(),
-                             [](const auto* m) { return m->getType() == MSG_SCANDATA; }) >= 25;
-    }));
+    ASSERT_TRUE(recorder.waitFor([](const auto& v) { return countType(v, MSG_SCANDATA) >= 25; }));
     ASSERT_TRUE(wrapper.setTrigger(false, {}));
     barrier();
     ASSERT_TRUE(console.control("quit"));
@@ -447,10 +374,7 @@ TEST_F(ConsoleFaults, AReplayEndsTheClientsConnectionWhereTheRecordedOneEnded) {
     client.setCallBackMessage(second.callback());
     ASSERT_TRUE(client.connectToLowPart());
     ASSERT_TRUE(replay.saw("replay finished"));
-    ASSERT_TRUE(second.waitFor([](const auto& v) {
-        return std::count_if(v.begin(), v.end(),
-                             [](const auto* m) { return m->getType() == MSG_SCANDATA; }) >= 4;
-    }));
+    ASSERT_TRUE(second.waitFor([](const auto& v) { return countType(v, MSG_SCANDATA) >= 4; }));
     // Frames 1 and 2 in the first connection, 3 and 4 in the second, as recorded.
     std::vector<std::string> seen;
     for (const auto* m : second.snapshot()) {

@@ -11,22 +11,13 @@
 #include <set>
 #include <sstream>
 
-#include "ConsoleProcess.h"
-#include "SdkTestSupport.h"
-#include "platform/Platform.h"
+#include "ScriptedConsole.h"
 #include "sim/Truth.h"
 
 using namespace SDK_NV;
 using namespace sdktest;
 
 namespace {
-
-std::string slurp(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
 
 struct Session {
     ConsoleProcess console;
@@ -108,7 +99,7 @@ TEST_F(SceneConsole, FramesOfTwoTrackersLandOnTheExportedTruth) {
         cmd += " " + f;
     ASSERT_EQ(std::system((cmd + " > /dev/null").c_str()), 0);
     for (const char* file : {"/part.ply", "/markers.txt", "/cascade.bin", "/scene.json"}) {
-        EXPECT_EQ(slurp(dir + file), slurp(dir2 + file)) << file;
+        EXPECT_EQ(readFile(dir + file), readFile(dir2 + file)) << file;
     }
 
     ASSERT_TRUE(s.wrapper.setStartScan(SCAN_HOLE));
@@ -189,6 +180,7 @@ TEST_F(SceneConsole, SameSeedSameFramesByteForByteAndAnotherSeedOthers) {
     EXPECT_EQ(a, b);
     EXPECT_NE(a, c);
     size_t largest = 0;
-    for (const auto& f : a) largest = std::max(largest, f.size());
+    for (const auto& f : a)
+        largest = std::max(largest, f.size());
     EXPECT_GT(largest, 30000u) << "frames carry a thousand laser points and more";
 }

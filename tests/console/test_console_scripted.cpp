@@ -7,25 +7,12 @@
 #include <fstream>
 #include <set>
 
-#include "ConsoleProcess.h"
-#include "SdkTestSupport.h"
-#include "platform/Platform.h"
+#include "ScriptedConsole.h"
 
 using namespace SDK_NV;
 using namespace sdktest;
 
 namespace {
-
-template <class T>
-const T& as(const CMessage_Base* m) {
-    return static_cast<const T&>(*m);
-}
-
-tagWorkRespons work(const CMessage_Base* m) {
-    tagWorkRespons w;
-    as<CMessage_Receipt>(m).getWorkResponsInfo(&w);
-    return w;
-}
 
 std::function<bool(const CMessage_Base&)> isCalib(int step) {
     return [step](const CMessage_Base& m) {
@@ -48,79 +35,32 @@ void expectRotation(const double R[9]) {
     EXPECT_NEAR(det, 1.0, 1e-9);
 }
 
-class Scripted : public ::testing::Test {
-protected:
-    void SetUp() override { platform::setTimeScale(0.01); }
-    void TearDown() override { wrapper.setCloseWrapper(true); }
-
-    // Starts the console with `extra` options and connects; waits for the announcements of
-    // `devices` devices.
-    void connect(std::vector<std::string> extra = {}, int devices = 2) {
-        std::vector<std::string> args = {"--fps", "200", "--heartbeat-ms", "0", "--points", "100"};
-        args.insert(args.end(), extra.begin(), extra.end());
-        ASSERT_TRUE(console.start(args));
-        wrapper.setEndpoint(console.endpoint());
-        wrapper.setCallBackMessage(recorder.callback());
-        ASSERT_TRUE(wrapper.connectToLowPart());
-        ASSERT_TRUE(recorder.waitFor([&](const auto& v) {
-            int n = 0;
-            for (const auto* m : v) {
-                n += m->getType() == MSG_DEVICE;
-            }
-            return n >= devices;
-        }));
-        ASSERT_GE(recorder.waitIndex(0, isReceipt(RECEIPT_LOWPART_VERSION)), 0);
-        // The SDK sends the heartbeat interval on connection; its answer is the last thing
-        // the connection brings.
-        ASSERT_GE(recorder.waitIndex(0, isResponse(17)), 0);
-    }
-
-    // Index of the first message at or after `from` that matches; fails the test when none
-    // comes.
-    int expectMessage(size_t from, const std::function<bool(const CMessage_Base&)>& match) {
-        const int at = recorder.waitIndex(from, match, 5s);
-        EXPECT_GE(at, 0);
-        return at;
-    }
-    const CMessage_Base* message(int at) { return recorder.snapshot()[static_cast<size_t>(at)]; }
-
-    // Everything the console sent before this call has been delivered when it returns: a work
-    // response with a fresh text travels behind it on the same connection. Returns the index
-    // just after that response.
-    size_t barrier() {
-        const std::string text = "barrier-" + std::to_string(++m_barriers);
-        EXPECT_TRUE(console.control("response 999 0 " + text));
-        const int at = recorder.waitIndex(
-            0, [&](const CMessage_Base& m) { return isResponse(999)(m) && work(&m).text == text; });
-        EXPECT_GE(at, 0);
-        return static_cast<size_t>(std::max(at, 0)) + 1;
-    }
-
-    // Messages in [from, to) that match, barriers left out.
-    std::vector<const CMessage_Base*> between(size_t from, size_t to,
-                                              const std::function<bool(const CMessage_Base&)>& m) {
-        std::vector<const CMessage_Base*> out;
-        const auto v = recorder.snapshot();
-        for (size_t i = from; i < to && i < v.size(); ++i) {
-            if (m(*v[i]) && !isResponse(999)(*v[i])) {
-                out.push_back(v[i]);
-            }
-        }
-        return out;
-    }
-
-    ConsoleProcess console;
-    Recorder recorder;
-    CTPScanWrapper wrapper;
-    int m_barriers = 0;
-};
+using Scripted = ScriptedConsole;
 
 }  // namespace
 
 // --- devices and the link ---------------------------------------------------------------------
 
-TEST_F(Scripted, DevicesComeChangeAndGoOnCommand) {
+TEST_F(Scripted, DevicesAreAnnouncedOnConnectionAndComeChangeAndGoOnCommand) {
     connect();
+    // The connection message comes first, then the two devices and the version, which the
+    // SDK caches so that the query answers at once.
+    const auto first = recorder.snapshot();
+    ASSERT_TRUE(isConnect(true)(*first[0]));
+    const auto announced = between(0, first.size(), isType(MSG_DEVICE));
+    ASSERT_EQ(announced.size(), 2u);
+    const CMessage_Device& t = as<CMessage_Device>(announced[0]);
+    EXPECT_TRUE(t.getConnect());
+    EXPECT_EQ(t.getDeviceType(), DEVICE_TRACKER);
+    EXPECT_EQ(t.getDeviceInfo().id(), "TRK0001");
+    EXPECT_EQ(t.getDeviceInfo().dtype(), lumora::TRACKER);
+    ASSERT_EQ(t.getDeviceInfo().errcodes_size(), 1);
+    EXPECT_EQ(t.getDeviceInfo().errcodes(0), lumora::SUCCESS_ERR);
+    EXPECT_EQ(as<CMessage_Device>(announced[1]).getDeviceType(), DEVICE_SCANNER);
+    EXPECT_EQ(as<CMessage_Device>(announced[1]).getDeviceSN(), "SCN0001");
+    EXPECT_EQ(wrapper.getTPDeviceManager()->getDeviceList().size(), 2u);
+    EXPECT_EQ(wrapper.getLowpartVersion(), "1.4.2");
+
     size_t from = barrier();
     ASSERT_TRUE(console.control("device SCN0002 on kind=scanner model=2 errors=none version=9.9"));
     ASSERT_TRUE(console.control("device TRK0001 on model=3"));  // re-announced, changed
@@ -172,7 +112,187 @@ TEST_F(Scripted, DropWithAPauseKeepsTheSdkOutUntilTheListenerReturns) {
     EXPECT_GE(expectMessage(static_cast<size_t>(up), isType(MSG_DEVICE)), 0);
 }
 
+TEST_F(Scripted, TriggerStreamsCompleteFramesInOrderAndStops) {
+    // The plane scene: its frames have exactly the requested point and hole counts.
+    connect({"--points", "300", "--scene", "plane"});
+    wrapper.setStartScan(SCAN_HOLE);
+    wrapper.setIsNeedEdgePoint(true);
+    const size_t from = recorder.size();
+    ASSERT_TRUE(wrapper.setTrigger(true, {"SCN0001", "TRK0001"}));
+    const int on = recorder.waitIndex(from, isResponse(1));
+    ASSERT_GE(on, 0);
+    EXPECT_EQ(responseState(*message(on)), 0);
+
+    constexpr int kFrames = 40;
+    ASSERT_TRUE(
+        recorder.waitFor([&](const auto& v) { return countType(v, MSG_SCANDATA) >= kFrames; }));
+    const size_t offAt = recorder.size();
+    ASSERT_TRUE(wrapper.setTrigger(false, {}));
+    const int off = recorder.waitIndex(offAt, isResponse(2));
+    ASSERT_GE(off, 0);
+
+    int expectedId = 1;
+    for (const auto* m : recorder.snapshot()) {
+        if (m->getType() != MSG_SCANDATA) {
+            continue;
+        }
+        const auto& s = as<CMessage_ScanData>(m);
+        const tagScanData& f = *s.getScanData();
+        EXPECT_EQ(s.getFrameID(), expectedId) << "frames lost or reordered";
+        EXPECT_EQ(f.m_nFrameCount, expectedId);
+        EXPECT_EQ(f.m_nFrameValue, expectedId);
+        ++expectedId;
+        EXPECT_EQ(f.m_strTrackerId, "TRK0001");
+        EXPECT_EQ(f.laserPointCount(), 300u);
+        EXPECT_EQ(f.m_vecLaserNormals.size(), f.m_vecLaserPoints.size());
+        EXPECT_EQ(f.m_vecLaserQuality.size(), 300u);
+        EXPECT_EQ(f.m_vecLaserLines.size(), f.m_vecLaserLineCounts.size());
+        EXPECT_FALSE(f.m_vecMarkerIds.empty());
+        EXPECT_EQ(f.m_vecMarkerCenters.size(), 3 * f.markerCount());
+        EXPECT_EQ(f.m_vecMarkerValid.size(), f.markerCount());
+        EXPECT_EQ(f.m_mkImage.mksolve_size(), static_cast<int>(f.markerCount()));
+        EXPECT_EQ(f.m_camParam.i_m_l_size(), 9);
+        EXPECT_EQ(f.m_vecHoles.size(), 3u);
+        EXPECT_EQ(f.m_vecEdgePoints.size(), f.m_vecEdgeIndex.size());
+        EXPECT_FALSE(f.m_vecEdgePoints.empty());
+        // The pose is a rotation.
+        const double* R = f.m_dRotation;
+        const double det = R[0] * (R[4] * R[8] - R[5] * R[7]) - R[1] * (R[3] * R[8] - R[5] * R[6]) +
+                           R[2] * (R[3] * R[7] - R[4] * R[6]);
+        EXPECT_NEAR(det, 1.0, 1e-9);
+        ASSERT_NE(s.getDeviceIds(), nullptr);
+        EXPECT_EQ(s.getDeviceIds()->front(), "SCN0001");
+    }
+    EXPECT_GE(expectedId - 1, kFrames);
+
+    // After the off response no frame follows.
+    const size_t settled = recorder.size();
+    std::this_thread::sleep_for(150ms);
+    const auto v = recorder.snapshot();
+    for (size_t i = static_cast<size_t>(off); i < v.size(); ++i) {
+        EXPECT_NE(v[i]->getType(), MSG_SCANDATA) << "frame after trigger off";
+    }
+    EXPECT_GE(v.size(), settled);
+}
+
 // --- answers ------------------------------------------------------------------------------------
+
+// Every command gets its answer; the states of refused parameters are the documented ones, and
+// a refused trigger streams nothing.
+TEST_F(Scripted, EveryCommandIsAnsweredAndRefusedParametersGetTheirState) {
+    connect();
+    struct Case {
+        const char* what;
+        std::function<bool()> send;
+        std::function<bool(const CMessage_Base&)> answer;
+        int state = 0;
+    };
+    tagTransformMatrix tm;
+    tm.m_mapTransform["TRK0001"] = {1, 0, 0, 0, 1, 0, 0, 0, 1, 5, 6, 7};
+    tagLowPartConfig cfg;
+    cfg.nSysId = 1;
+    cfg.nUsePriplad = 2;
+    cfg.vecPripladIds = {"AIR0001"};
+    lumora::DETECT_EDGE_POINTS_INFO edges;
+    CTPScanWrapper& w = wrapper;
+    const std::vector<Case> cases = {
+        {"setWorkBusiness", [&] { return w.setWorkBusiness(32); }, isResponse(3)},
+        {"setStartScan", [&] { return w.setStartScan(SCAN_LASER); }, isResponse(4)},
+        {"setDynamicScan", [&] { return w.setDynamicScan(SCAN_HOLE); }, isResponse(5)},
+        {"clearMarkpointData", [&] { return w.clearMarkpointData(DEVICE_TRACKER); }, isResponse(6)},
+        {"setIsNeedEdgePoint", [&] { return w.setIsNeedEdgePoint(true); }, isResponse(7)},
+        {"setTrackScanner", [&] { return w.setTrackScanner(); }, isResponse(8)},
+        {"setTrackMarkpoint", [&] { return w.setTrackMarkpoint(); }, isResponse(9)},
+        {"setLEDExposure", [&] { return w.setLEDExposure(0.5f, DEVICE_TRACKER); }, isResponse(10)},
+        {"setLaserExposure", [&] { return w.setLaserExposure(2.0f); }, isResponse(11)},
+        {"setResetCamera", [&] { return w.setResetCamera(); }, isResponse(12)},
+        {"setSoundControl", [&] { return w.setSoundControl(true); }, isResponse(13)},
+        {"setSpecialMode",
+         [&] {
+             return w.setSpecialMode({true, false, false});
+         },
+         isResponse(14)},
+        {"setHighFrameRate", [&] { return w.setHighFrameRate(3); }, isResponse(15)},
+        {"setCalibHighFrameRate", [&] { return w.setCalibHighFrameRate(true); }, isResponse(16)},
+        {"setHeartDevice", [&] { return w.setHeartDevice(); }, isResponse(18)},
+        {"setCurSystemTime", [&] { return w.setCurSystemTime(); }, isResponse(19)},
+        {"setLaserType", [&] { return w.setLaserType(LASER_MULTI_LINE, LIGHT_BLUE); },
+         isResponse(20)},
+        {"SetHoleParamter", [&] { return w.SetHoleParamter(0, 1, 2); }, isResponse(21)},
+        {"setCustomDepth", [&] { return w.setCustomDepth("deep", 10, 40); }, isResponse(22)},
+        {"setWifiUserPassword", [&] { return w.setWifiUserPassword("u", "p"); }, isResponse(23)},
+        {"setGrabImages", [&] { return w.setGrabImages(true); }, isResponse(24)},
+        {"setTransforRT", [&] { return w.setTransforRT(tm); }, isResponse(25)},
+        {"SetEnableScanExpand", [&] { return w.SetEnableScanExpand(true); }, isResponse(26)},
+        {"SetTrackerMarkPointDiameter",
+         [&] {
+             return w.SetTrackerMarkPointDiameter({6, 3});
+         },
+         isResponse(27)},
+        {"SetMarkPointDiameter", [&] { return w.SetMarkPointDiameter({6}); }, isResponse(28)},
+        {"setMarkpointData",
+         [&] {
+             return w.setMarkpointData({1, 2, 3}, {0, 0, 1}, {6}, {7}, DEVICE_TRACKER);
+         },
+         isResponse(29)},
+        {"setCalibTeachStep", [&] { return w.setCalibTeachStep(2); }, isResponse(30)},
+        {"setTrackRangeLevel", [&] { return w.setTrackRangeLevel(TRACK_RANGE_FAR); },
+         isResponse(31)},
+        {"setCalibrationMode", [&] { return w.setCalibrationMode(CALIB_BAR); }, isResponse(32)},
+        {"setCalibReloadParams", [&] { return w.setCalibReloadParams(DEVICE_SCANNER); },
+         isResponse(33)},
+        {"SetCuttingEdgeData", [&] { return w.SetCuttingEdgeData(edges); }, isResponse(34)},
+        {"setFineHoleData", [&] { return w.setFineHoleData({tagFineHoleParam()}); },
+         isResponse(35)},
+        {"setLowPartConfigs", [&] { return w.setLowPartConfigs(cfg); }, isResponse(146)},
+        {"setImageMode", [&] { return w.setImageMode(IMAGE_MODE_TRACK_PREVIEW); }, isResponse(173)},
+        {"setGrabOneFrame", [&] { return w.setGrabOneFrame(1); }, isResponse(179)},
+        {"setROIErea", [&] { return w.setROIErea(true); }, isResponse(181)},
+        {"setZaxisCompensation", [&] { return w.setZaxisCompensation(false); }, isResponse(182)},
+        {"getLowPartConfigs", [&] { return w.getLowPartConfigs(); },
+         isReceipt(RECEIPT_LOWPART_CONFIG)},
+        {"getPripladDevices", [&] { return w.getPripladDevices(); },
+         isReceipt(RECEIPT_PRIPLAD_LIST)},
+        {"getDiagnosisInfo", [&] { return w.getDiagnosisInfo(); }, isReceipt(RECEIPT_DIAGNOSIS)},
+        {"getRemainingRGF", [&] { return w.getRemainingRGF(); }, isReceipt(RECEIPT_REMAINING_RGF)},
+        {"getWIFIConnectInfo", [&] { return w.getWIFIConnectInfo(); },
+         isReceipt(RECEIPT_WIFI_CONNECT)},
+        {"getWIFISignalStrength", [&] { return w.getWIFISignalStrength(); },
+         isReceipt(RECEIPT_WIFI_SIGNAL)},
+        {"getHeartBeat", [&] { return w.getHeartBeat(); }, isReceipt(RECEIPT_HEARTBEAT)},
+        {"getLowpartVersion", [&] { return !w.getLowpartVersion().empty(); },
+         isReceipt(RECEIPT_LOWPART_VERSION)},
+        {"getCalibraResult", [&] { return w.getCalibraResult(); }, isReceipt(RECEIPT_CALIB_RESULT)},
+        {"getCalibLocationStep", [&] { return w.getCalibLocationStep(CALIB_BAR_LOCATION); },
+         isType(MSG_CALIBDATA)},
+        {"getCalibBoardSize", [&] { return w.getCalibBoardSize(); }, isType(MSG_CALIBDATA)},
+        {"setLEDExposure beyond 1", [&] { return w.setLEDExposure(1.5f, DEVICE_TRACKER); },
+         isResponse(10), lumora::PRARA_ERROR},
+        {"setTrigger of an absent device", [&] { return w.setTrigger(true, {"NOT-HERE"}); },
+         isResponse(1), 3},
+        {"setTrigger off", [&] { return w.setTrigger(false, {}); }, isResponse(2)},
+    };
+    for (const Case& c : cases) {
+        const size_t from = recorder.size();
+        ASSERT_TRUE(c.send()) << c.what;
+        const int at = recorder.waitIndex(from, c.answer, 5s);
+        ASSERT_GE(at, 0) << c.what << " got no answer";
+        if (isReceipt(RECEIPT_WORK_RESPONSE)(*message(at))) {
+            EXPECT_EQ(responseState(*message(at)), c.state) << c.what;
+        }
+    }
+    // The configuration sent is the one reported afterwards.
+    tagLowPartConfig last;
+    for (const auto* m : recorder.snapshot()) {
+        if (isReceipt(RECEIPT_LOWPART_CONFIG)(*m)) {
+            as<CMessage_Receipt>(m).getLowPartConfig(&last);
+        }
+    }
+    EXPECT_EQ(last.nUsePriplad, 2);
+    EXPECT_EQ(last.vecPripladIds, cfg.vecPripladIds);
+    std::this_thread::sleep_for(100ms);
+    EXPECT_EQ(countType(recorder.snapshot(), MSG_SCANDATA), 0) << "a refused trigger streamed";
+}
 
 TEST_F(Scripted, AControlLineWrittenBeforeACommandGovernsItsAnswer) {
     connect();
@@ -188,7 +308,9 @@ TEST_F(Scripted, AControlLineWrittenBeforeACommandGovernsItsAnswer) {
     }
 }
 
-TEST_F(Scripted, SilentAnswersSendNothingForTheGivenTimes) {
+// Scripted answers: silent for the given times, delayed behind later answers, or carrying the
+// scripted data.
+TEST_F(Scripted, ScriptedAnswersAreSilentDelayedOrCarryTheirData) {
     connect();
     ASSERT_TRUE(console.control("answer setImageMode none 1"));
     ASSERT_TRUE(console.control("answer getCalibraResult none"));
@@ -209,43 +331,39 @@ TEST_F(Scripted, SilentAnswersSendNothingForTheGivenTimes) {
     from = recorder.size();
     wrapper.getCalibraResult();
     EXPECT_GE(expectMessage(from, isReceipt(RECEIPT_CALIB_RESULT)), 0);
-}
 
-TEST_F(Scripted, ADelayedAnswerComesAfterTheAnswersToLaterCommands) {
-    connect();
+    // A delayed answer comes after the answers to later commands.
     ASSERT_TRUE(console.control("answer setResetCamera 6 1 delay=200"));
-    const size_t from = recorder.size();
+    from = recorder.size();
     wrapper.setResetCamera();
     wrapper.setSoundControl(true);
     const int late = expectMessage(from, isResponse(12));
     ASSERT_GE(late, 0);
     EXPECT_EQ(work(message(late)).state, 6);
-    const auto sound = between(from, static_cast<size_t>(late), isResponse(13));
-    EXPECT_EQ(sound.size(), 1u);
-}
+    EXPECT_EQ(between(from, static_cast<size_t>(late), isResponse(13)).size(), 1u);
 
-TEST_F(Scripted, QueriesAreAnsweredWithTheScriptedData) {
-    connect();
+    // Queries are answered with the scripted data.
     ASSERT_TRUE(console.control("answer getCalibraResult value=-0.5 1"));
     ASSERT_TRUE(console.control("answer getCalibBoardSize rows=7 cols=5 board=7,5,15,15,2"));
-    const size_t from = recorder.size();
+    from = recorder.size();
     wrapper.getCalibraResult();
     wrapper.getCalibraResult();
     wrapper.getCalibBoardSize();
     wrapper.setResetCamera();
-    const int mark = expectMessage(from, isResponse(12));
-    ASSERT_GE(mark, 0);
-    const auto results = between(from, static_cast<size_t>(mark), isReceipt(15));
+    const int answered = expectMessage(from, isResponse(12));
+    ASSERT_GE(answered, 0);
+    const size_t mark2 = static_cast<size_t>(answered);
+    const auto results = between(from, mark2, isReceipt(15));
     ASSERT_EQ(results.size(), 2u);
     EXPECT_EQ(as<CMessage_Receipt>(results[0]).getCalibraResult(), -0.5);
     EXPECT_EQ(as<CMessage_Receipt>(results[1]).getCalibraResult(), 0.021);  // once only
-    const auto lattice = between(from, static_cast<size_t>(mark), isCalib(3));
+    const auto lattice = between(from, mark2, isCalib(3));
     ASSERT_EQ(lattice.size(), 1u);
     int rows = 0, cols = 0;
     as<CMessage_CalibData>(lattice[0]).getBoardLattice(rows, cols);
     EXPECT_EQ(rows, 7);
     EXPECT_EQ(cols, 5);
-    const auto board = between(from, static_cast<size_t>(mark), isCalib(4));
+    const auto board = between(from, mark2, isCalib(4));
     ASSERT_EQ(board.size(), 1u);
     std::vector<double> values;
     as<CMessage_CalibData>(board[0]).getScannerBoard(&values);
@@ -281,9 +399,9 @@ TEST_F(Scripted, TheCommandLogNamesEveryCommandWithItsArguments) {
 
 // --- receipts -----------------------------------------------------------------------------------
 
-TEST_F(Scripted, EveryReceiptKindCanBeSent) {
+TEST_F(Scripted, EveryReceiptKindCanBeSentAndFieldsReplaceItsStandardContent) {
     connect();
-    const size_t from = barrier();
+    size_t from = barrier();
     for (int kind = 0; kind <= RECEIPT_KIND_MAX; ++kind) {
         ASSERT_TRUE(console.control("receipt " + std::to_string(kind)));
     }
@@ -296,11 +414,8 @@ TEST_F(Scripted, EveryReceiptKindCanBeSent) {
     for (int kind = 0; kind <= RECEIPT_KIND_MAX; ++kind) {
         EXPECT_EQ(kinds[static_cast<size_t>(kind)], kind);
     }
-}
 
-TEST_F(Scripted, ReceiptFieldsReplaceTheStandardContent) {
-    connect();
-    const size_t from = barrier();
+    from = to;
     const std::vector<std::string> lines = {
         "receipt 0 code=154 state=-2 text=\"two  words \" device=TRK0001",
         "receipt 5 trackers=0 scanners=0 sync=0",
@@ -374,36 +489,101 @@ TEST_F(Scripted, HeartbeatsCarryTheChosenTemperatures) {
     EXPECT_EQ(beats[0].name, "SCN0001");
 }
 
-TEST_F(Scripted, PeriodicHeartbeatsCanBeStartedByAControlLine) {
-    connect();  // --heartbeat-ms 0: none on their own
-    const size_t from = recorder.size();
+// Without a period of their own (--heartbeat-ms 0) heartbeats come at the period the SDK's
+// interval or a control line sets, for the devices that are on.
+TEST_F(Scripted, PeriodicHeartbeatsFollowAControlLineAndTheSdksInterval) {
+    connect();
+    const auto beatsFrom = [&](size_t from) {
+        return recorder.waitFor([&](const auto& v) {
+            return std::count_if(v.begin() + static_cast<long>(std::min(from, v.size())), v.end(),
+                                 [](const auto* m) { return isReceipt(RECEIPT_HEARTBEAT)(*m); }) >=
+                   3;
+        });
+    };
+    EXPECT_TRUE(between(0, recorder.size(), isReceipt(RECEIPT_HEARTBEAT)).empty());
+    wrapper.setHeartBeatInterval(20);
+    EXPECT_TRUE(beatsFrom(0));
+    const int at = expectMessage(0, isReceipt(RECEIPT_HEARTBEAT));
+    std::vector<tagHeartData> beats;
+    as<CMessage_Receipt>(message(at)).getHeartData(&beats);
+    ASSERT_EQ(beats.size(), 2u);
+    EXPECT_EQ(beats[0].kind, DEVICE_TRACKER);
+    EXPECT_EQ(beats[0].name, "TRK0001");
+    EXPECT_EQ(beats[1].kind, DEVICE_SCANNER);
+    EXPECT_EQ(beats[1].temp.size(), 3u);
+
+    // A control line outranks the SDK's interval: none, then every 5 ms.
+    ASSERT_TRUE(console.control("heartbeat period 0"));
+    size_t from = barrier();
+    std::this_thread::sleep_for(100ms);
+    EXPECT_TRUE(between(from, recorder.size(), isReceipt(RECEIPT_HEARTBEAT)).empty());
+    from = recorder.size();
     ASSERT_TRUE(console.control("heartbeat period 5"));
-    EXPECT_TRUE(recorder.waitFor([&](const auto& v) {
-        int n = 0;
-        for (size_t i = from; i < v.size(); ++i) {
-            n += isReceipt(RECEIPT_HEARTBEAT)(*v[i]);
-        }
-        return n >= 3;
-    }));
+    EXPECT_TRUE(beatsFrom(from));
 }
 
 // --- calibration --------------------------------------------------------------------------------
 
-// Runs driven by the SDK's commands, with one grab more than there are locations: the steps
-// each mode reports, the locations they belong to, and nothing after the last location.
-TEST_F(Scripted, CommandDrivenRunsReportEachModesStepsUntilTheLastLocation) {
+// Each mode's run with two locations, driven by the SDK's commands (one grab more than there are
+// locations: nothing comes after the last location) and played whole by `calib run`: the steps
+// it reports, the locations of its location and pose steps, and poses that are rotations.
+TEST_F(Scripted, CalibrationRunsReportEachModesStepsByCommandAndByControlLine) {
     connect({"--setup", "calib locations 2"});
+    const auto check = [&](size_t from, size_t to, const std::vector<int>& expectedSteps,
+                           const std::vector<int>& expectedLocations, const std::string& what,
+                           bool grabbedVertical) {
+        std::vector<int> steps, locations;
+        std::vector<std::vector<double>> translations;
+        for (const auto* m : between(from, to, isType(MSG_CALIBDATA))) {
+            const auto& d = as<CMessage_CalibData>(m);
+            const int step = d.getTrackerGrabIndex();
+            steps.push_back(step);
+            const bool pose =
+                step == CALIB_STEP_TRACKER_POSE || step == CALIB_STEP_TRACKER_POSE_LONG;
+            if (pose || step == CALIB_STEP_LOCATION) {
+                locations.push_back(d.getLocationNumber());
+            }
+            if (pose) {
+                double R[9], t[3];
+                CLBBARPOSE p = CLBBAR_ERROR_POSE;
+                d.getTrackerPose(R, t, &p);
+                expectRotation(R);
+                translations.emplace_back(t, t + 3);
+                EXPECT_TRUE(!grabbedVertical || step != CALIB_STEP_TRACKER_POSE ||
+                            p == CLBBAR_VERTICAL_POSE)
+                    << what;
+            }
+        }
+        EXPECT_EQ(steps, expectedSteps) << what;
+        EXPECT_EQ(locations, expectedLocations) << what;
+        if (translations.size() == 2) {
+            EXPECT_NE(translations[0], translations[1]) << what;
+        }
+    };
     const struct {
         CALIBMODE mode;
         std::vector<int> steps;
-        std::vector<int> locations;  // of the location and pose steps
+        std::vector<int> locations;
     } cases[] = {
         {CALIB_BAR, {2, 5, 2, 5}, {1, 1, 2, 2}},
+        {CALIB_SCANNER, {2, 2, 7}, {1, 2}},
         {CALIB_SCANNER_BOARD, {3, 4, 2, 2, 7}, {1, 2}},
+        {CALIB_SCANNER_BOARD_LASER, {3, 4, 2, 2, 7}, {1, 2}},
         {CALIB_SCANNER_POSITION, {3, 4, 6, 6}, {1, 2}},
     };
     for (const auto& c : cases) {
-        const size_t from = recorder.size();
+        const std::string what = "mode " + std::to_string(c.mode);
+        size_t from = barrier();
+        ASSERT_TRUE(console.control("calib run " + std::to_string(c.mode) + " value=-0.5"));
+        size_t to = barrier();
+        check(from, to, c.steps, c.locations, what + " by calib run", false);
+        const auto results = between(from, to, isReceipt(RECEIPT_CALIB_RESULT));
+        ASSERT_EQ(results.size(), 1u) << what;
+        EXPECT_EQ(as<CMessage_Receipt>(results[0]).getCalibraResult(), -0.5);
+        if (c.mode == CALIB_SCANNER || c.mode == CALIB_SCANNER_BOARD_LASER) {
+            continue;
+        }
+        from = recorder.size();
         if (c.mode != CALIB_BAR) {
             wrapper.getCalibBoardSize();
         }
@@ -417,63 +597,9 @@ TEST_F(Scripted, CommandDrivenRunsReportEachModesStepsUntilTheLastLocation) {
         wrapper.setResetCamera();  // answered after everything before it
         const int mark = expectMessage(from, isResponse(12));
         ASSERT_GE(mark, 0);
-        EXPECT_EQ(between(from, static_cast<size_t>(mark), isResponse(179)).size(), 3u);
-        std::vector<int> steps, locations;
-        std::vector<std::vector<double>> translations;
-        for (const auto* m : between(from, static_cast<size_t>(mark), isType(MSG_CALIBDATA))) {
-            const auto& d = as<CMessage_CalibData>(m);
-            const int step = d.getTrackerGrabIndex();
-            steps.push_back(step);
-            if (step == CALIB_STEP_LOCATION || step == CALIB_STEP_TRACKER_POSE ||
-                step == CALIB_STEP_TRACKER_POSE_LONG) {
-                locations.push_back(d.getLocationNumber());
-            }
-            if (step == CALIB_STEP_TRACKER_POSE || step == CALIB_STEP_TRACKER_POSE_LONG) {
-                double R[9], t[3];
-                CLBBARPOSE pose = CLBBAR_ERROR_POSE;
-                d.getTrackerPose(R, t, &pose);
-                expectRotation(R);
-                translations.emplace_back(t, t + 3);
-                EXPECT_TRUE(step != CALIB_STEP_TRACKER_POSE || pose == CLBBAR_VERTICAL_POSE);
-            }
-        }
-        EXPECT_EQ(steps, c.steps) << "mode " << c.mode;
-        EXPECT_EQ(locations, c.locations) << "mode " << c.mode;
-        if (translations.size() == 2) {
-            EXPECT_NE(translations[0], translations[1]) << "mode " << c.mode;
-        }
-    }
-}
-
-TEST_F(Scripted, ACalibrationRunPlaysEveryModesSteps) {
-    connect({"--setup", "calib locations 2"});
-    const std::map<int, std::vector<int>> expected = {
-        {CALIB_BAR, {2, 5, 2, 5}},
-        {CALIB_SCANNER, {2, 2, 7}},
-        {CALIB_SCANNER_POSITION, {3, 4, 6, 6}},
-        {CALIB_SCANNER_BOARD_LASER, {3, 4, 2, 2, 7}},
-    };
-    for (const auto& [mode, steps] : expected) {
-        const size_t from = barrier();
-        ASSERT_TRUE(console.control("calib run " + std::to_string(mode) + " value=-0.5"));
-        const size_t to = barrier();
-        std::vector<int> got;
-        std::vector<int> posedAt;  // the location each pose belongs to
-        for (const auto* m : between(from, to, isType(MSG_CALIBDATA))) {
-            const auto& c = as<CMessage_CalibData>(m);
-            got.push_back(c.getTrackerGrabIndex());
-            if (c.getTrackerGrabIndex() == CALIB_STEP_TRACKER_POSE ||
-                c.getTrackerGrabIndex() == CALIB_STEP_TRACKER_POSE_LONG) {
-                posedAt.push_back(c.getLocationNumber());
-            }
-        }
-        EXPECT_EQ(got, steps) << "mode " << mode;
-        if (mode == CALIB_BAR || mode == CALIB_SCANNER_POSITION) {
-            EXPECT_EQ(posedAt, (std::vector<int>{1, 2})) << "mode " << mode;
-        }
-        const auto results = between(from, to, isReceipt(RECEIPT_CALIB_RESULT));
-        ASSERT_EQ(results.size(), 1u) << "mode " << mode;
-        EXPECT_EQ(as<CMessage_Receipt>(results[0]).getCalibraResult(), -0.5);
+        to = static_cast<size_t>(mark);
+        EXPECT_EQ(between(from, to, isResponse(179)).size(), 3u) << what;
+        check(from, to, c.steps, c.locations, what + " by commands", true);
     }
 }
 

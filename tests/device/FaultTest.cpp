@@ -127,15 +127,30 @@ const std::string kLinkGone = "reply -55 0 ";
 
 // --- the console goes away ----------------------------------------------------------------------
 
+// Every device is reported gone, trackers first, each with a log line, then the link.
 TEST_F(Faults, AConsoleKilledDuringAScanReportsEveryDeviceThenTheLinkAndEndsTheTrigger) {
-    ASSERT_NO_FATAL_FAILURE(startConsole());
+    ASSERT_NO_FATAL_FAILURE(
+        startConsole(0, {"--setup", "device TRK0002 on kind=tracker errors=3"}));
     ASSERT_NO_FATAL_FAILURE(connect());
+    int n = 0;
+    std::shared_ptr<tagDeviceInfoList> list;
+    ASSERT_EQ(device->getDeviceInfo(&n, &list), RESULT_SUCCESS);
+    ASSERT_EQ(n, 3);
+    EXPECT_EQ(list->infos[1].serialText(), "SCN0001");
+    EXPECT_EQ(list->infos[1].kind, DEVICE_TYPE_SCANNER);
+    EXPECT_EQ(list->infos[0].state, STATE_READY);
+    EXPECT_EQ(list->infos[2].state, STATE_CAMERA_OPEN_FAILED);
     ASSERT_NO_FATAL_FAILURE(scan());
     recorder->clear();
+    testing::internal::CaptureStdout();
     console->kill();
 
-    ASSERT_TRUE(replied(REPLY_SDK_DISCONNECTED));
-    EXPECT_EQ(described(), (Lines{kTrackerGone, kScannerGone, kLinkGone}));
+    const bool reported = replied(REPLY_SDK_DISCONNECTED);
+    const std::string out = testing::internal::GetCapturedStdout();
+    ASSERT_TRUE(reported);
+    EXPECT_NE(out.find("disconnect 1533\ndisconnect 1533\ndisconnect 1541\n"), std::string::npos)
+        << out;
+    EXPECT_EQ(described(), (Lines{kTrackerGone, "state 4 0 TRK0002", kScannerGone, kLinkGone}));
     EXPECT_FALSE(device->isConnected());
     // The devices stream no more: the laser is off as far as the host is concerned, and a new
     // trigger is refused while nothing is connected.
