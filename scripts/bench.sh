@@ -80,7 +80,7 @@ run() {
 }
 run link "$build/bench/sdk/bench_sdk_link"
 run device "$build/bench/device/device_scan_bench" --benchmark_repetitions=5
-run chain "$build/bench/device/device_chain_bench"
+run chain "$build/bench/device/device_chain_bench" --benchmark_repetitions=3
 run quill "$build/bench/quill/quill_bench"
 if [[ -x "$build/bench/quill/quill_peer" ]]; then
     run peer "$build/bench/quill/quill_peer"

@@ -192,10 +192,13 @@ def main():
     row("ray casting", em, "rays/s", "loop over every triangle", pl, div(em, pl), "-", None)
 
     # The whole chain: console -> SDK -> module -> host cloud, against raw loopback TCP of the
-    # same bytes per frame; live (the console generating frames) and replayed (a recording of
-    # the same scan played as fast as the link takes it: frame generation out of the chain).
-    for arg, label in (("0/1", "live console"), ("1/1", "console replaying a recording"),
-                       ("1/2", "replay, cloud memory allocated before the scan"),
+    # same bytes per frame. The replay (a recording of the same scan played as fast as the link
+    # takes it) is the goal's row; the live console (frame generation in the chain), a host
+    # cloud in a std::vector (a page fault per 4 KB as it grows) and a callback without the
+    # cloud explain it, without a goal of their own.
+    for arg, label in (("1/1", "console replaying a recording"),
+                       ("0/1", "live console (frame generation the limit)"),
+                       ("1/2", "replay, host cloud a growing std::vector"),
                        ("1/0", "replay, host callback without the cloud")):
         name = f"BM_ChainToHostCloud/{arg}/"
         fps, raw = value(chain, name, "frames_per_s"), value(chain, name, "raw_frames_per_s")
@@ -203,7 +206,7 @@ def main():
         cores = value(chain, name, "console_cores"), value(chain, name, "host_cores")
         used = "" if None in cores else \
             f" (CPU: console {cores[0]:.2f}, host {cores[1]:.2f} cores)"
-        goal = "-" if arg.endswith("/0") else ">= 0.5x"
+        goal = ">= 0.5x" if arg == "1/1" else "-"
         row(f"whole chain console -> host cloud, {label}", fps, "frames/s",
             "raw loopback TCP" + used, raw, r, goal,
             (r is not None and r >= 0.5) if goal != "-" else None)

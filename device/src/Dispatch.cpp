@@ -119,6 +119,10 @@ emDeviceResult CPathfinder::GetWifiConnectTransferInfo(std::string& text) {
 }
 
 void CPathfinder::RecvMessageFn(void* message) {
+    dispatchMessage(message, false);
+}
+
+void CPathfinder::dispatchMessage(void* message, bool fromLink) {
     try {
         auto* base = static_cast<SDK_NV::CMessage_Base*>(message);
         if (m_pScanWrapper == nullptr || base == nullptr) {
@@ -299,7 +303,12 @@ void CPathfinder::RecvMessageFn(void* message) {
             case SDK_NV::MSG_SCANDATA: {
                 auto* m = dynamic_cast<SDK_NV::CMessage_ScanData*>(base);
                 if (m != nullptr && m->getScanData() != nullptr) {
-                    CallBack_ScanData(m->getScanData(), true);
+                    // The link's message ends when this callback returns; unless a copy of
+                    // the message shares its frame (the count then exceeds this message's
+                    // and the temporary's), the frame's laser arrays are handed on, not
+                    // copied.
+                    const bool sole = fromLink && m->getScanData_Shared().use_count() == 2;
+                    scanFrame(*m->getScanData(), true, sole);
                 }
                 return;
             }

@@ -124,7 +124,7 @@ emDeviceResult CPathfinder::init() {
         // (an earlier init that gave up before the devices came) sends no new message.
         m_bConnected.store(m_pScanWrapper->isConnected());
         m_pScanWrapper->setCallBackMessage(
-            std::bind(&CPathfinder::RecvMessageFn, this, std::placeholders::_1));
+            [this](SDK_NV::CMessage_Base* message) { dispatchMessage(message, true); });
         m_pScanWrapper->setCloseWrapper(false);
         SDK_NV::CTPWrapper::setOutput(false);
         m_pScanWrapper->connectToLowPart();

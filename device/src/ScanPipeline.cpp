@@ -7,7 +7,11 @@
 #include <cstring>
 #include <ctime>
 #include <iostream>
+#include <memory>
+#include <mutex>
 #include <sstream>
+#include <utility>
+#include <vector>
 
 #include "ModuleState.h"
 #include "device/CascadeFile.h"
@@ -38,6 +42,58 @@ constexpr double kIdentity16[16] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0,
 std::mutex& frameMutex() {
     static std::mutex m;
     return m;
+}
+
+// Laser arrays of host records the host has let go of, kept for the link's next frames. A
+// frame from the link hands its laser points and directions to the host record (no copy) and
+// takes a pair from here in their place, so the SDK's frame pool keeps vectors with capacity
+// and the next frame is read without a fresh allocation either. Records may be released on
+// any thread (a host may keep them), hence the mutex; the deleters hold the spares alive.
+class LaserSpares {
+public:
+    static const std::shared_ptr<LaserSpares>& instance() {
+        static const std::shared_ptr<LaserSpares> spares = std::make_shared<LaserSpares>();
+        return spares;
+    }
+    void put(std::vector<float>&& points, std::vector<float>&& directions) {
+        if ((points.capacity() + directions.capacity()) * sizeof(float) > kKeepBytes) {
+            return;
+        }
+        points.clear();
+        directions.clear();
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_free.size() < kKeepPairs) {
+            m_free.emplace_back(std::move(points), std::move(directions));
+        }
+    }
+    // Empty vectors, with capacity when a pair was kept.
+    void take(std::vector<float>& points, std::vector<float>& directions) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_free.empty()) {
+            return;
+        }
+        points = std::move(m_free.back().first);
+        directions = std::move(m_free.back().second);
+        m_free.pop_back();
+    }
+
+private:
+    static constexpr size_t kKeepPairs = 4;
+    static constexpr size_t kKeepBytes = size_t{16} << 20;
+    std::mutex m_mutex;
+    std::vector<std::pair<std::vector<float>, std::vector<float>>> m_free;
+};
+
+// A new host record; with `spares` its laser arrays go back to them when it is released.
+std::shared_ptr<tagDeviceData> newDeviceData(const std::shared_ptr<LaserSpares>* spares) {
+    if (spares == nullptr) {
+        return std::make_shared<tagDeviceData>();
+    }
+    std::shared_ptr<LaserSpares> keep = *spares;
+    return std::shared_ptr<tagDeviceData>(new tagDeviceData, [keep](tagDeviceData* d) {
+        keep->put(std::move(d->laserPoints), std::move(d->laserDirections));
+        delete d;
+    });
 }
 
 // Every cascade record read by this process, in read order; never cleared.
@@ -514,7 +570,10 @@ void CPathfinder::CallBack_ScanData(void* pScanData, bool bFlag) {
     if (pScanData == nullptr) {
         return;
     }
-    SDK_NV::tagScanData& frame = *static_cast<SDK_NV::tagScanData*>(pScanData);
+    scanFrame(*static_cast<SDK_NV::tagScanData*>(pScanData), bFlag, false);
+}
+
+void CPathfinder::scanFrame(SDK_NV::tagScanData& frame, bool bFlag, bool takeLaser) {
     std::unique_lock<std::mutex> frameLock(frameMutex());  // throws std::system_error
 
     // A waiting transfer measurement consumes the frame; nothing reaches the host.
@@ -540,7 +599,8 @@ void CPathfinder::CallBack_ScanData(void* pScanData, bool bFlag) {
         return;
     }
 
-    auto record = std::make_shared<tagDeviceData>();
+    const std::shared_ptr<LaserSpares>& spares = LaserSpares::instance();
+    auto record = newDeviceData(takeLaser ? &spares : nullptr);
     tagDeviceData& d = *record;
     d.frameId = frame.m_nFrameValue;
     d.liveFrame = bFlag;
@@ -548,8 +608,16 @@ void CPathfinder::CallBack_ScanData(void* pScanData, bool bFlag) {
     std::memcpy(d.rotation, frame.m_dRotation, sizeof(d.rotation));
     std::memcpy(d.translation, frame.m_dTranslation, sizeof(d.translation));
     d.laserPointCounts = frame.m_vecLaserLineCounts;
-    d.laserPoints = frame.m_vecLaserPoints;
-    d.laserDirections = frame.m_vecLaserNormals;
+    // The two largest arrays of a frame (about 240 KB each at 20,000 points): nothing below
+    // reads them from the frame again.
+    if (takeLaser) {
+        d.laserPoints.swap(frame.m_vecLaserPoints);
+        d.laserDirections.swap(frame.m_vecLaserNormals);
+        spares->take(frame.m_vecLaserPoints, frame.m_vecLaserNormals);
+    } else {
+        d.laserPoints = frame.m_vecLaserPoints;
+        d.laserDirections = frame.m_vecLaserNormals;
+    }
     copyLaserLines(frame.m_vecLaserLines, d.laserLines);
     d.objectDistance = frame.m_fValue;
     d.percentage = std::min(100, frame.m_nFrameCount / 15 * 100);

@@ -678,18 +678,27 @@ public:
     }
 
 private:
-    // Back to the defaults of a new record, keeping the capacity of the laser vectors.
+    // Back to the defaults of a new record, keeping the capacity of the laser vectors and the
+    // storage of the camera and marker-image messages (cleared, their elements kept).
     static void recycle(tagScanData& f) {
         std::vector<float> points = std::move(f.m_vecLaserPoints);
         std::vector<float> normals = std::move(f.m_vecLaserNormals);
         std::vector<float> quality = std::move(f.m_vecLaserQuality);
+        lumora::CamParam camera;
+        lumora::MKPointImage image;
+        camera.Swap(&f.m_camParam);
+        image.Swap(&f.m_mkImage);
         f = tagScanData();
         points.clear();
         normals.clear();
         quality.clear();
+        camera.Clear();
+        image.Clear();
         f.m_vecLaserPoints = std::move(points);
         f.m_vecLaserNormals = std::move(normals);
         f.m_vecLaserQuality = std::move(quality);
+        f.m_camParam.Swap(&camera);
+        f.m_mkImage.Swap(&image);
     }
 
     void release(tagScanData* p) {
@@ -697,7 +706,8 @@ private:
         const size_t bytes =
             (frame->m_vecLaserPoints.capacity() + frame->m_vecLaserNormals.capacity() +
              frame->m_vecLaserQuality.capacity()) *
-            sizeof(float);
+                sizeof(float) +
+            frame->m_mkImage.ByteSizeLong();
         if (bytes > kKeepBytes) {
             return;
         }
@@ -1013,8 +1023,10 @@ int CMessage_ScanData::unpack(const char* data, const int& size) {
         fromRepeated(b.marker_diameters(), f.m_vecMarkerDiameters);
         fromRepeated(b.marker_valid(), f.m_vecMarkerValid);
         f.m_strTrackerId = b.tracker_id();
-        f.m_camParam = b.cam_param();
-        f.m_mkImage = b.mk_image();
+        // Exchanged, not copied: the scratch body takes the frame's cleared messages, whose
+        // storage the next parse reuses.
+        f.m_camParam.Swap(b.mutable_cam_param());
+        f.m_mkImage.Swap(b.mutable_mk_image());
         f.m_vecHoles.resize(static_cast<size_t>(b.holes_size()));
         for (int i = 0; i < b.holes_size(); ++i) {
             const sdk_link::Hole& w = b.holes(i);

@@ -302,12 +302,27 @@ TEST(MessagePacking, EmptyPackedLaserFieldIsAccepted) {
 }
 
 TEST(MessagePacking, ReusedFrameBuffersCarryNothingOver) {
-    // A rich frame, released, then a sparse one: the second must not inherit anything.
-    std::vector<char> rich, sparse;
+    // A rich frame, released, then a sparse one: the second must not inherit anything. The
+    // marker images differ in which sub-messages they set, so storage kept from one frame and
+    // reused by the next must come back with nothing of the earlier one.
+    std::vector<char> rich, other, sparse;
+    std::string richImage, otherImage;
     {
         CMessage_ScanData a;
-        a.setScanData(makeFrame(8, 3));
+        std::shared_ptr<tagScanData> f = makeFrame(8, 3);
+        lumora::MKPointSolve* s = f->m_mkImage.add_mksolve();
+        s->set_mkpointcode(5);
+        s->mutable_mkimageleft()->set_x(1.5);
+        s->mutable_mkimageright()->set_y(-2.5);
+        f->m_mkImage.add_mksolve()->set_rtcode(9);
+        richImage = f->m_mkImage.SerializeAsString();
+        a.setScanData(f);
         ASSERT_GT(a.pack(&rich), 0);
+        std::shared_ptr<tagScanData> g = makeFrame(4, 1);
+        g->m_mkImage.add_mksolve()->mutable_mkimageleft()->set_y(7.0);
+        otherImage = g->m_mkImage.SerializeAsString();
+        a.setScanData(g);
+        ASSERT_GT(a.pack(&other), 0);
         auto bare = std::make_shared<tagScanData>();
         bare->m_strTrackerId = "T2";
         a.setScanData(bare);
@@ -317,7 +332,13 @@ TEST(MessagePacking, ReusedFrameBuffersCarryNothingOver) {
         CMessage_ScanData m;
         ASSERT_EQ(m.unpack(rich.data(), static_cast<int>(rich.size())), 0);
         EXPECT_EQ(m.getScanData()->laserPointCount(), 8u);
+        EXPECT_EQ(m.getScanData()->m_mkImage.SerializeAsString(), richImage);
         m.setScanData(nullptr);  // back to the pool
+        ASSERT_EQ(m.unpack(other.data(), static_cast<int>(other.size())), 0);
+        EXPECT_EQ(m.getScanData()->laserPointCount(), 4u);
+        EXPECT_EQ(m.getScanData()->m_mkImage.SerializeAsString(), otherImage);
+        EXPECT_FALSE(m.getScanData()->m_mkImage.mksolve(0).has_mkimageright());
+        m.setScanData(nullptr);
         ASSERT_EQ(m.unpack(sparse.data(), static_cast<int>(sparse.size())), 0);
         const tagScanData& f = *m.getScanData();
         EXPECT_TRUE(f.m_vecLaserPoints.empty());
@@ -327,6 +348,7 @@ TEST(MessagePacking, ReusedFrameBuffersCarryNothingOver) {
         EXPECT_TRUE(f.m_vecMarkerIds.empty());
         EXPECT_TRUE(f.m_vecHoles.empty());
         EXPECT_EQ(f.m_camParam.ByteSizeLong(), 0u);
+        EXPECT_EQ(f.m_mkImage.ByteSizeLong(), 0u);
         EXPECT_EQ(f.m_nFrameCount, 0);
         EXPECT_EQ(f.m_strTrackerId, "T2");
     }

@@ -242,6 +242,13 @@ protected:
 private:
     friend struct CPathfinderScanAccess;  // white-box access for the unit tests
 
+    // RecvMessageFn's work. `fromLink`: the message is the one the SDK link is delivering
+    // (the callback init registers), which the SDK releases when the callback returns.
+    void dispatchMessage(void* message, bool fromLink);
+    // CallBack_ScanData's work. `takeLaser`: nobody reads the frame afterwards, so its laser
+    // points and directions move into the host's record instead of being copied.
+    void scanFrame(SDK_NV::tagScanData& frame, bool bFlag, bool takeLaser);
+
     // --- matrix and point routines (ScanMath.cpp); layouts in device/README.md ------------
     static void getReverseTransferMatrix(double* const in, double* const out, bool bTranspose,
                                          bool bRowTranslate);
