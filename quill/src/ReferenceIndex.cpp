@@ -16,9 +16,6 @@ namespace Quill::detail {
 namespace {
 
 constexpr double kInf = std::numeric_limits<double>::infinity();
-// Moving sets up to this size get their exact reach from all their pairwise distances;
-// larger ones (not a tracker's frame) keep full neighbour lists.
-constexpr int kMaxExactReach = 256;
 
 // The linking radius for a median nearest-marker distance, as MarkerLibrary suggests it.
 double radiusFromNearest(std::vector<double>& nn, double minSide) {
@@ -29,96 +26,86 @@ double radiusFromNearest(std::vector<double>& nn, double minSide) {
     return std::max(3.0 * median, 5.0 * std::max(minSide, 1.0));
 }
 
-// What the moving set's base triangles ask of the library: its suggested linking radius
-// and, per anchor, the distances to its nearest moving markers at least minSide away.
-struct MovingReach {
-    bool exact = false;
-    double radius = 100.0;
-    std::vector<std::array<double, kAnchorNeighbours>> near;
+}  // namespace
 
-    void compute(const std::vector<Eigen::Vector3d>& p, double minSide) {
-        const int n = static_cast<int>(p.size());
-        if (n > kMaxExactReach) {
-            radius = MarkerLibrary::suggestLinkRadius(p, minSide);
-            return;
+void MovingNeighbours::compute(const std::vector<Eigen::Vector3d>& p, double minSideDistance) {
+    const int n = static_cast<int>(p.size());
+    count = n;
+    minSide = minSideDistance;
+    if (n > kMaxPairSet) {
+        // Not a tracker's frame: estimate the radius only; the lists would be as long as
+        // the linking radius allows anyway.
+        exact = false;
+        dist.clear();
+        nearId.clear();
+        nearDist.clear();
+        radius = MarkerLibrary::suggestLinkRadius(p, minSide);
+        return;
+    }
+    exact = true;
+    const auto un = static_cast<std::size_t>(n);
+    // Each pair once: |p_j - p_i| and |p_i - p_j| are the same number.
+    dist.resize(un * un);
+    for (std::size_t i = 0; i < un; ++i) {
+        const Eigen::Vector3d pi = p[i];
+        dist[i * un + i] = 0.0;
+        for (std::size_t j = i + 1; j < un; ++j) {
+            const double d = std::sqrt((p[j] - pi).squaredNorm());
+            dist[i * un + j] = d;
+            dist[j * un + i] = d;
         }
-        exact = true;
-        near.assign(static_cast<std::size_t>(n), {});
-        for (auto& nb : near)
-            nb.fill(kInf);
-        std::vector<double> best(static_cast<std::size_t>(n), 1e300);
-        // Per marker, a squared distance at or beyond which a pair changes nothing for it: at
-        // least its nearest so far and its last kept neighbour (both as squared distances of
-        // pairs seen). The square root is monotone, so such a pair needs no square root.
-        std::vector<double> skip2(static_cast<std::size_t>(n), kInf);
-        std::vector<double> best2(static_cast<std::size_t>(n), kInf);
-        std::vector<std::array<double, kAnchorNeighbours>> near2(static_cast<std::size_t>(n));
-        for (auto& nb : near2)
-            nb.fill(kInf);
-        // Keeps the kAnchorNeighbours smallest distances of an anchor, ascending.
-        const auto keep = [&](int i, double d, double d2) {
-            auto& nb = near[static_cast<std::size_t>(i)];
-            auto& nb2 = near2[static_cast<std::size_t>(i)];
-            if (!(d >= minSide && d < nb[kAnchorNeighbours - 1]))
-                return;
+    }
+    // Per anchor, a scan of its row in index order: ties of equal distances keep the lower
+    // index first, and a tie with the last kept one stays out.
+    nearId.resize(un);
+    nearDist.resize(un);
+    std::vector<double> nn;
+    nn.reserve(32);
+    const std::size_t step = un > 32 ? un / 32 : 1;
+    for (std::size_t i = 0; i < un; ++i) {
+        auto& id = nearId[i];
+        auto& nd = nearDist[i];
+        id.fill(-1);
+        nd.fill(kInf);
+        double best = 1e300;
+        const double* row = &dist[i * un];
+        for (std::size_t j = 0; j < un; ++j) {
+            const double d = row[j];
+            if (j == i || !(d >= minSide))
+                continue;
+            if (d > minSide && d < best)
+                best = d;
+            if (!(d < nd[kAnchorNeighbours - 1]))
+                continue;
             int at = kAnchorNeighbours - 1;
-            while (at > 0 && nb[static_cast<std::size_t>(at) - 1] > d) {
-                nb[static_cast<std::size_t>(at)] = nb[static_cast<std::size_t>(at) - 1];
-                nb2[static_cast<std::size_t>(at)] = nb2[static_cast<std::size_t>(at) - 1];
+            while (at > 0 && nd[static_cast<std::size_t>(at) - 1] > d) {
+                nd[static_cast<std::size_t>(at)] = nd[static_cast<std::size_t>(at) - 1];
+                id[static_cast<std::size_t>(at)] = id[static_cast<std::size_t>(at) - 1];
                 --at;
             }
-            nb[static_cast<std::size_t>(at)] = d;
-            nb2[static_cast<std::size_t>(at)] = d2;
-        };
-        const auto update = [&](int i, double d, double d2) {
-            const auto u = static_cast<std::size_t>(i);
-            if (d > minSide && d < best[u]) {
-                best[u] = d;
-                best2[u] = d2;
-            }
-            keep(i, d, d2);
-            skip2[u] = std::max(best2[u], near2[u][kAnchorNeighbours - 1]);
-        };
-        // Each pair once: |p_j - p_i| and |p_i - p_j| are the same number.
-        for (int i = 0; i < n; ++i) {
-            const Eigen::Vector3d pi = p[static_cast<std::size_t>(i)];
-            for (int j = i + 1; j < n; ++j) {
-                const double d2 = (p[static_cast<std::size_t>(j)] - pi).squaredNorm();
-                if (d2 >= skip2[static_cast<std::size_t>(i)] &&
-                    d2 >= skip2[static_cast<std::size_t>(j)]) {
-                    continue;
-                }
-                const double d = std::sqrt(d2);
-                update(i, d, d2);
-                update(j, d, d2);
-            }
+            nd[static_cast<std::size_t>(at)] = d;
+            id[static_cast<std::size_t>(at)] = static_cast<int>(j);
         }
-        const int step = n > 32 ? n / 32 : 1;
-        std::vector<double> nn;
-        for (int i = 0; i < n; i += step) {
-            if (best[static_cast<std::size_t>(i)] < 1e299)
-                nn.push_back(best[static_cast<std::size_t>(i)]);
-        }
-        radius = radiusFromNearest(nn, minSide);
+        // The nearest-marker distances of a sample, as MarkerLibrary::suggestLinkRadius
+        // takes them.
+        if (i % step == 0 && best < 1e299)
+            nn.push_back(best);
     }
+    radius = radiusFromNearest(nn, minSide);
+}
 
-    // Longest anchor side of any base triangle when anchors pair with markers up to
-    // `linkRadius` away.
-    double longestSide(double linkRadius) const {
-        if (!exact)
-            return linkRadius;
-        double longest = 0.0;
-        for (const auto& nb : near) {
-            for (double d : nb) {
-                if (d <= linkRadius)
-                    longest = std::max(longest, d);
-            }
+double MovingNeighbours::longestSide(double linkRadius) const {
+    if (!exact)
+        return linkRadius;
+    double longest = 0.0;
+    for (const auto& nd : nearDist) {
+        for (double d : nd) {
+            if (d <= linkRadius)
+                longest = std::max(longest, d);
         }
-        return longest;
     }
-};
-
-}  // namespace
+    return longest;
+}
 
 void ReferenceIndex::buildGrid(const std::vector<Eigen::Vector3d>& pts, double cell) {
     const std::size_t n = pts.size();
@@ -354,6 +341,13 @@ double ReferenceIndex::ownRadius(double rho) {
 
 bool ReferenceIndex::build(const mark_data* marks, int count, double sameDist, const MovingSet& mv,
                            double lookTol) {
+    MovingNeighbours nb;
+    nb.compute(mv.p, sameDist > 0.0 ? sameDist : 0.0);
+    return build(marks, count, sameDist, nb, lookTol);
+}
+
+bool ReferenceIndex::build(const mark_data* marks, int count, double sameDist,
+                           const MovingNeighbours& nb, double lookTol) {
     shared_ = false;
     pos.clear();
     nrm.clear();
@@ -366,19 +360,18 @@ bool ReferenceIndex::build(const mark_data* marks, int count, double sameDist, c
     if (count < 0 || count > kMaxMarkers || (count > 0 && marks == nullptr))
         return false;
     minSide_ = sameDist > 0.0 ? sameDist : 0.0;
-
-    MovingReach mr;
-    mr.compute(mv.p, minSide_);
+    if (nb.minSide != minSide_)
+        return false;
     const double margin = 1e-6;
     const auto listRadius = [&](double linkRadius) {
-        const double r = (mr.longestSide(linkRadius) + lookTol) * (1.0 + margin) + margin;
+        const double r = (nb.longestSide(linkRadius) + lookTol) * (1.0 + margin) + margin;
         return std::min(r, linkRadius);
     };
     // The lists must reach min(linking radius, longest side + tolerance). The linking
     // radius is at least the moving set's and rarely much more: gather pairs as far as 1.5
     // times that, and go again in the rare case that falls short.
     // (At least minSide, so that the pass also meets every near-duplicate.)
-    const double rho = std::max(listRadius(1.5 * std::max(mr.radius, 1e-3)), minSide_);
+    const double rho = std::max(listRadius(1.5 * std::max(nb.radius, 1e-3)), minSide_);
 
     pos.reserve(static_cast<std::size_t>(count));
     src_.reserve(static_cast<std::size_t>(count));
@@ -412,7 +405,7 @@ bool ReferenceIndex::build(const mark_data* marks, int count, double sameDist, c
     linked.assign(n, 1);
 
     {
-        const double r = std::max(ownRadius(rho), mr.radius);
+        const double r = std::max(ownRadius(rho), nb.radius);
         linkRadius_ = r > 1e-3 ? r : 1e-3;
     }
     reach_ = listRadius(linkRadius_);
@@ -486,18 +479,23 @@ bool ReferenceIndex::buildShared(const mark_data* marks, int count, double sameD
 
 bool ReferenceIndex::cutFor(const MovingSet& mv, double lookTol, double& linkRadius,
                             std::vector<unsigned char>& counts) const {
-    if (!shared_)
+    MovingNeighbours nb;
+    nb.compute(mv.p, minSide_);
+    return cutFor(nb, lookTol, linkRadius, counts);
+}
+
+bool ReferenceIndex::cutFor(const MovingNeighbours& nb, double lookTol, double& linkRadius,
+                            std::vector<unsigned char>& counts) const {
+    if (!shared_ || nb.minSide != minSide_)
         return false;
     // The radii build() would take for this moving set.
-    MovingReach mr;
-    mr.compute(mv.p, minSide_);
     const double margin = 1e-6;
     const auto listRadius = [&](double r) {
-        const double l = (mr.longestSide(r) + lookTol) * (1.0 + margin) + margin;
+        const double l = (nb.longestSide(r) + lookTol) * (1.0 + margin) + margin;
         return std::min(l, r);
     };
-    const double rho = std::max(listRadius(1.5 * std::max(mr.radius, 1e-3)), minSide_);
-    const double r = std::max(ownRadius_, mr.radius);
+    const double rho = std::max(listRadius(1.5 * std::max(nb.radius, 1e-3)), minSide_);
+    const double r = std::max(ownRadius_, nb.radius);
     linkRadius = r > 1e-3 ? r : 1e-3;
     const double reach = listRadius(linkRadius);
     // build() gathers the pairs within `bound` and cuts its lists at `reach`.
