@@ -55,36 +55,78 @@ void MovingNeighbours::compute(const std::vector<Eigen::Vector3d>& p, double min
             dist[j * un + i] = d;
         }
     }
-    // Per anchor, a scan of its row in index order: ties of equal distances keep the lower
-    // index first, and a tie with the last kept one stays out.
+    // Per anchor, its kAnchorNeighbours nearest at least minSide away, by (distance, index).
+    // A first scan of its row keeps the smallest distances with min/max only (no branch to
+    // mispredict: a frame's markers arrive in no useful order); a second one gathers, in
+    // index order and again without branches, the markers no farther than the last of them.
     nearId.resize(un);
     nearDist.resize(un);
     std::vector<double> nn;
     nn.reserve(32);
+    std::vector<int> within(un);
     const std::size_t step = un > 32 ? un / 32 : 1;
+    constexpr int K = kAnchorNeighbours;
     for (std::size_t i = 0; i < un; ++i) {
-        auto& id = nearId[i];
-        auto& nd = nearDist[i];
-        id.fill(-1);
-        nd.fill(kInf);
-        double best = 1e300;
         const double* row = &dist[i * un];
+        double small[K];
+        for (double& v : small)
+            v = kInf;
         for (std::size_t j = 0; j < un; ++j) {
-            const double d = row[j];
+            double d = row[j];
             if (j == i || !(d >= minSide))
                 continue;
-            if (d > minSide && d < best)
-                best = d;
-            if (!(d < nd[kAnchorNeighbours - 1]))
+            for (double& v : small) {
+                const double lo = std::min(v, d);
+                d = std::max(v, d);
+                v = lo;
+            }
+        }
+        const double last = small[K - 1];
+        std::size_t m = 0;
+        for (std::size_t j = 0; j < un; ++j) {
+            const double d = row[j];
+            within[m] = static_cast<int>(j);
+            m += j != i && d >= minSide && d <= last ? 1 : 0;
+        }
+        // Those nearer than the last kept distance (fewer than K unless the row has fewer
+        // than K at all), in order of (distance, index); then ties with it, lower index first.
+        auto& nd = nearDist[i];
+        auto& id = nearId[i];
+        nd.fill(kInf);
+        id.fill(-1);
+        int kept = 0;
+        for (std::size_t e = 0; e < m; ++e) {
+            const int j = within[e];
+            const double d = row[static_cast<std::size_t>(j)];
+            if (!(d < last))
                 continue;
-            int at = kAnchorNeighbours - 1;
+            int at = kept++;
             while (at > 0 && nd[static_cast<std::size_t>(at) - 1] > d) {
                 nd[static_cast<std::size_t>(at)] = nd[static_cast<std::size_t>(at) - 1];
                 id[static_cast<std::size_t>(at)] = id[static_cast<std::size_t>(at) - 1];
                 --at;
             }
             nd[static_cast<std::size_t>(at)] = d;
-            id[static_cast<std::size_t>(at)] = static_cast<int>(j);
+            id[static_cast<std::size_t>(at)] = j;
+        }
+        for (std::size_t e = 0; e < m && kept < K; ++e) {
+            const int j = within[e];
+            if (row[static_cast<std::size_t>(j)] == last) {
+                nd[static_cast<std::size_t>(kept)] = last;
+                id[static_cast<std::size_t>(kept)] = j;
+                ++kept;
+            }
+        }
+        // The nearest marker beyond minSide: the nearest kept one, unless that lies at
+        // exactly minSide.
+        double best = nd[0] < kInf ? nd[0] : 1e300;
+        if (nd[0] == minSide) {
+            best = 1e300;
+            for (std::size_t j = 0; j < un; ++j) {
+                const double d = row[j];
+                if (j != i && d > minSide && d < best)
+                    best = d;
+            }
         }
         // The nearest-marker distances of a sample, as MarkerLibrary::suggestLinkRadius
         // takes them.
@@ -510,14 +552,21 @@ bool ReferenceIndex::cutFor(const MovingNeighbours& nb, double lookTol, double& 
     for (std::size_t i = 0; i < n; ++i) {
         const std::uint64_t* k = &nbr_[i * kNeighbours];
         const int cnt = nbrCount_[i];
+        // The list keeps its entries up to `last`, a prefix since it is sorted (counted
+        // without branches).
         int keep = 0;
-        while (keep < cnt && k[keep] <= last) {
-            // Only a distance that rounds to the bound as a float can lie beyond it.
-            if (k[keep] >= nearBound &&
-                (pos[static_cast<std::size_t>(keyId(k[keep]))] - pos[i]).squaredNorm() > bound2) {
+        int edge = 0;
+        for (int u = 0; u < kNeighbours; ++u) {
+            const bool kept = u < cnt && k[u] <= last;
+            keep += kept ? 1 : 0;
+            edge += kept && k[u] >= nearBound ? 1 : 0;
+        }
+        // Only a distance that rounds to the bound as a float can lie beyond it.
+        for (int u = 0; edge > 0 && u < keep; ++u) {
+            if (k[u] >= nearBound &&
+                (pos[static_cast<std::size_t>(keyId(k[u]))] - pos[i]).squaredNorm() > bound2) {
                 return false;  // build() would have skipped this pair: rare, build per call
             }
-            ++keep;
         }
         counts[i] = static_cast<unsigned char>(keep);
     }
