@@ -160,27 +160,30 @@ int MyMatchMarkClass_update::registerAgainst(mark_data* moving, int n, const mar
         // otherwise (or when this moving set reaches farther than its lists) the fixed set
         // gets its own index, built for this call and only as far as this moving set's
         // lookups reach.
+        // The moving set's pair distances serve both the index and the search.
+        detail::MovingNeighbours nb;
+        nb.compute(mv.p, same);
         double linkRadius = 0.0;
         std::vector<unsigned char> counts;
         if (indexed != nullptr && indexed->sameDist == same &&
-            indexed->index.cutFor(mv, look, linkRadius, counts)) {
+            indexed->index.cutFor(nb, look, linkRadius, counts)) {
             const detail::ReferenceIndex& lib = indexed->index;
             if (lib.live() < minN) {
                 st.status = kMatchTooFewMarkers;
                 return 0;
             }
             const detail::RegistrationResult r = detail::registerMoving(
-                mv, detail::ReferenceView(lib, linkRadius, counts), st.settings, opt);
+                mv, detail::ReferenceView(lib, linkRadius, counts), st.settings, opt, &nb);
             st.storeResult(r, mv, &lib.source());
             return r.status == kMatchOk ? 1 : 0;
         }
         detail::ReferenceIndex lib;
-        lib.build(fixed, m, same, mv, look);
+        lib.build(fixed, m, same, nb, look);
         if (lib.live() < minN) {
             st.status = kMatchTooFewMarkers;
             return 0;
         }
-        const detail::RegistrationResult r = detail::registerMoving(mv, lib, st.settings, opt);
+        const detail::RegistrationResult r = detail::registerMoving(mv, lib, st.settings, opt, &nb);
         st.storeResult(r, mv, &lib.source());
         return r.status == kMatchOk ? 1 : 0;
     } catch (const std::bad_alloc&) {

@@ -16,9 +16,6 @@ namespace Quill::detail {
 namespace {
 
 constexpr double kInf = std::numeric_limits<double>::infinity();
-// Moving sets up to this size get their exact reach from all their pairwise distances;
-// larger ones (not a tracker's frame) keep full neighbour lists.
-constexpr int kMaxExactReach = 256;
 
 // The linking radius for a median nearest-marker distance, as MarkerLibrary suggests it.
 double radiusFromNearest(std::vector<double>& nn, double minSide) {
@@ -29,96 +26,128 @@ double radiusFromNearest(std::vector<double>& nn, double minSide) {
     return std::max(3.0 * median, 5.0 * std::max(minSide, 1.0));
 }
 
-// What the moving set's base triangles ask of the library: its suggested linking radius
-// and, per anchor, the distances to its nearest moving markers at least minSide away.
-struct MovingReach {
-    bool exact = false;
-    double radius = 100.0;
-    std::vector<std::array<double, kAnchorNeighbours>> near;
+}  // namespace
 
-    void compute(const std::vector<Eigen::Vector3d>& p, double minSide) {
-        const int n = static_cast<int>(p.size());
-        if (n > kMaxExactReach) {
-            radius = MarkerLibrary::suggestLinkRadius(p, minSide);
-            return;
+void MovingNeighbours::compute(const std::vector<Eigen::Vector3d>& p, double minSideDistance) {
+    const int n = static_cast<int>(p.size());
+    count = n;
+    minSide = minSideDistance;
+    if (n > kMaxPairSet) {
+        // Not a tracker's frame: estimate the radius only; the lists would be as long as
+        // the linking radius allows anyway.
+        exact = false;
+        dist.clear();
+        nearId.clear();
+        nearDist.clear();
+        radius = MarkerLibrary::suggestLinkRadius(p, minSide);
+        return;
+    }
+    exact = true;
+    const auto un = static_cast<std::size_t>(n);
+    // Each pair once: |p_j - p_i| and |p_i - p_j| are the same number.
+    dist.resize(un * un);
+    for (std::size_t i = 0; i < un; ++i) {
+        const Eigen::Vector3d pi = p[i];
+        dist[i * un + i] = 0.0;
+        for (std::size_t j = i + 1; j < un; ++j) {
+            const double d = std::sqrt((p[j] - pi).squaredNorm());
+            dist[i * un + j] = d;
+            dist[j * un + i] = d;
         }
-        exact = true;
-        near.assign(static_cast<std::size_t>(n), {});
-        for (auto& nb : near)
-            nb.fill(kInf);
-        std::vector<double> best(static_cast<std::size_t>(n), 1e300);
-        // Per marker, a squared distance at or beyond which a pair changes nothing for it: at
-        // least its nearest so far and its last kept neighbour (both as squared distances of
-        // pairs seen). The square root is monotone, so such a pair needs no square root.
-        std::vector<double> skip2(static_cast<std::size_t>(n), kInf);
-        std::vector<double> best2(static_cast<std::size_t>(n), kInf);
-        std::vector<std::array<double, kAnchorNeighbours>> near2(static_cast<std::size_t>(n));
-        for (auto& nb : near2)
-            nb.fill(kInf);
-        // Keeps the kAnchorNeighbours smallest distances of an anchor, ascending.
-        const auto keep = [&](int i, double d, double d2) {
-            auto& nb = near[static_cast<std::size_t>(i)];
-            auto& nb2 = near2[static_cast<std::size_t>(i)];
-            if (!(d >= minSide && d < nb[kAnchorNeighbours - 1]))
-                return;
-            int at = kAnchorNeighbours - 1;
-            while (at > 0 && nb[static_cast<std::size_t>(at) - 1] > d) {
-                nb[static_cast<std::size_t>(at)] = nb[static_cast<std::size_t>(at) - 1];
-                nb2[static_cast<std::size_t>(at)] = nb2[static_cast<std::size_t>(at) - 1];
+    }
+    // Per anchor, its kAnchorNeighbours nearest at least minSide away, by (distance, index).
+    // A first scan of its row keeps the smallest distances with min/max only (no branch to
+    // mispredict: a frame's markers arrive in no useful order); a second one gathers, in
+    // index order and again without branches, the markers no farther than the last of them.
+    nearId.resize(un);
+    nearDist.resize(un);
+    std::vector<double> nn;
+    nn.reserve(32);
+    std::vector<int> within(un);
+    const std::size_t step = un > 32 ? un / 32 : 1;
+    constexpr int K = kAnchorNeighbours;
+    for (std::size_t i = 0; i < un; ++i) {
+        const double* row = &dist[i * un];
+        double small[K];
+        for (double& v : small)
+            v = kInf;
+        for (std::size_t j = 0; j < un; ++j) {
+            double d = row[j];
+            if (j == i || !(d >= minSide))
+                continue;
+            for (double& v : small) {
+                const double lo = std::min(v, d);
+                d = std::max(v, d);
+                v = lo;
+            }
+        }
+        const double last = small[K - 1];
+        std::size_t m = 0;
+        for (std::size_t j = 0; j < un; ++j) {
+            const double d = row[j];
+            within[m] = static_cast<int>(j);
+            m += j != i && d >= minSide && d <= last ? 1 : 0;
+        }
+        // Those nearer than the last kept distance (fewer than K unless the row has fewer
+        // than K at all), in order of (distance, index); then ties with it, lower index first.
+        auto& nd = nearDist[i];
+        auto& id = nearId[i];
+        nd.fill(kInf);
+        id.fill(-1);
+        int kept = 0;
+        for (std::size_t e = 0; e < m; ++e) {
+            const int j = within[e];
+            const double d = row[static_cast<std::size_t>(j)];
+            if (!(d < last))
+                continue;
+            int at = kept++;
+            while (at > 0 && nd[static_cast<std::size_t>(at) - 1] > d) {
+                nd[static_cast<std::size_t>(at)] = nd[static_cast<std::size_t>(at) - 1];
+                id[static_cast<std::size_t>(at)] = id[static_cast<std::size_t>(at) - 1];
                 --at;
             }
-            nb[static_cast<std::size_t>(at)] = d;
-            nb2[static_cast<std::size_t>(at)] = d2;
-        };
-        const auto update = [&](int i, double d, double d2) {
-            const auto u = static_cast<std::size_t>(i);
-            if (d > minSide && d < best[u]) {
-                best[u] = d;
-                best2[u] = d2;
-            }
-            keep(i, d, d2);
-            skip2[u] = std::max(best2[u], near2[u][kAnchorNeighbours - 1]);
-        };
-        // Each pair once: |p_j - p_i| and |p_i - p_j| are the same number.
-        for (int i = 0; i < n; ++i) {
-            const Eigen::Vector3d pi = p[static_cast<std::size_t>(i)];
-            for (int j = i + 1; j < n; ++j) {
-                const double d2 = (p[static_cast<std::size_t>(j)] - pi).squaredNorm();
-                if (d2 >= skip2[static_cast<std::size_t>(i)] &&
-                    d2 >= skip2[static_cast<std::size_t>(j)]) {
-                    continue;
-                }
-                const double d = std::sqrt(d2);
-                update(i, d, d2);
-                update(j, d, d2);
+            nd[static_cast<std::size_t>(at)] = d;
+            id[static_cast<std::size_t>(at)] = j;
+        }
+        for (std::size_t e = 0; e < m && kept < K; ++e) {
+            const int j = within[e];
+            if (row[static_cast<std::size_t>(j)] == last) {
+                nd[static_cast<std::size_t>(kept)] = last;
+                id[static_cast<std::size_t>(kept)] = j;
+                ++kept;
             }
         }
-        const int step = n > 32 ? n / 32 : 1;
-        std::vector<double> nn;
-        for (int i = 0; i < n; i += step) {
-            if (best[static_cast<std::size_t>(i)] < 1e299)
-                nn.push_back(best[static_cast<std::size_t>(i)]);
+        // The nearest marker beyond minSide: the nearest kept one, unless that lies at
+        // exactly minSide.
+        double best = nd[0] < kInf ? nd[0] : 1e300;
+        if (nd[0] == minSide) {
+            best = 1e300;
+            for (std::size_t j = 0; j < un; ++j) {
+                const double d = row[j];
+                if (j != i && d > minSide && d < best)
+                    best = d;
+            }
         }
-        radius = radiusFromNearest(nn, minSide);
+        // The nearest-marker distances of a sample, as MarkerLibrary::suggestLinkRadius
+        // takes them.
+        if (i % step == 0 && best < 1e299)
+            nn.push_back(best);
     }
+    radius = radiusFromNearest(nn, minSide);
+}
 
-    // Longest anchor side of any base triangle when anchors pair with markers up to
-    // `linkRadius` away.
-    double longestSide(double linkRadius) const {
-        if (!exact)
-            return linkRadius;
-        double longest = 0.0;
-        for (const auto& nb : near) {
-            for (double d : nb) {
-                if (d <= linkRadius)
-                    longest = std::max(longest, d);
-            }
+double MovingNeighbours::longestSide(double linkRadius) const {
+    if (!exact)
+        return linkRadius;
+    double longest = 0.0;
+    for (const auto& nd : nearDist) {
+        for (double d : nd) {
+            if (d <= linkRadius)
+                longest = std::max(longest, d);
         }
-        return longest;
     }
-};
-
-}  // namespace
+    return longest;
+}
 
 void ReferenceIndex::buildGrid(const std::vector<Eigen::Vector3d>& pts, double cell) {
     const std::size_t n = pts.size();
@@ -354,6 +383,13 @@ double ReferenceIndex::ownRadius(double rho) {
 
 bool ReferenceIndex::build(const mark_data* marks, int count, double sameDist, const MovingSet& mv,
                            double lookTol) {
+    MovingNeighbours nb;
+    nb.compute(mv.p, sameDist > 0.0 ? sameDist : 0.0);
+    return build(marks, count, sameDist, nb, lookTol);
+}
+
+bool ReferenceIndex::build(const mark_data* marks, int count, double sameDist,
+                           const MovingNeighbours& nb, double lookTol) {
     shared_ = false;
     pos.clear();
     nrm.clear();
@@ -366,19 +402,18 @@ bool ReferenceIndex::build(const mark_data* marks, int count, double sameDist, c
     if (count < 0 || count > kMaxMarkers || (count > 0 && marks == nullptr))
         return false;
     minSide_ = sameDist > 0.0 ? sameDist : 0.0;
-
-    MovingReach mr;
-    mr.compute(mv.p, minSide_);
+    if (nb.minSide != minSide_)
+        return false;
     const double margin = 1e-6;
     const auto listRadius = [&](double linkRadius) {
-        const double r = (mr.longestSide(linkRadius) + lookTol) * (1.0 + margin) + margin;
+        const double r = (nb.longestSide(linkRadius) + lookTol) * (1.0 + margin) + margin;
         return std::min(r, linkRadius);
     };
     // The lists must reach min(linking radius, longest side + tolerance). The linking
     // radius is at least the moving set's and rarely much more: gather pairs as far as 1.5
     // times that, and go again in the rare case that falls short.
     // (At least minSide, so that the pass also meets every near-duplicate.)
-    const double rho = std::max(listRadius(1.5 * std::max(mr.radius, 1e-3)), minSide_);
+    const double rho = std::max(listRadius(1.5 * std::max(nb.radius, 1e-3)), minSide_);
 
     pos.reserve(static_cast<std::size_t>(count));
     src_.reserve(static_cast<std::size_t>(count));
@@ -412,7 +447,7 @@ bool ReferenceIndex::build(const mark_data* marks, int count, double sameDist, c
     linked.assign(n, 1);
 
     {
-        const double r = std::max(ownRadius(rho), mr.radius);
+        const double r = std::max(ownRadius(rho), nb.radius);
         linkRadius_ = r > 1e-3 ? r : 1e-3;
     }
     reach_ = listRadius(linkRadius_);
@@ -486,18 +521,23 @@ bool ReferenceIndex::buildShared(const mark_data* marks, int count, double sameD
 
 bool ReferenceIndex::cutFor(const MovingSet& mv, double lookTol, double& linkRadius,
                             std::vector<unsigned char>& counts) const {
-    if (!shared_)
+    MovingNeighbours nb;
+    nb.compute(mv.p, minSide_);
+    return cutFor(nb, lookTol, linkRadius, counts);
+}
+
+bool ReferenceIndex::cutFor(const MovingNeighbours& nb, double lookTol, double& linkRadius,
+                            std::vector<unsigned char>& counts) const {
+    if (!shared_ || nb.minSide != minSide_)
         return false;
     // The radii build() would take for this moving set.
-    MovingReach mr;
-    mr.compute(mv.p, minSide_);
     const double margin = 1e-6;
     const auto listRadius = [&](double r) {
-        const double l = (mr.longestSide(r) + lookTol) * (1.0 + margin) + margin;
+        const double l = (nb.longestSide(r) + lookTol) * (1.0 + margin) + margin;
         return std::min(l, r);
     };
-    const double rho = std::max(listRadius(1.5 * std::max(mr.radius, 1e-3)), minSide_);
-    const double r = std::max(ownRadius_, mr.radius);
+    const double rho = std::max(listRadius(1.5 * std::max(nb.radius, 1e-3)), minSide_);
+    const double r = std::max(ownRadius_, nb.radius);
     linkRadius = r > 1e-3 ? r : 1e-3;
     const double reach = listRadius(linkRadius);
     // build() gathers the pairs within `bound` and cuts its lists at `reach`.
@@ -512,14 +552,21 @@ bool ReferenceIndex::cutFor(const MovingSet& mv, double lookTol, double& linkRad
     for (std::size_t i = 0; i < n; ++i) {
         const std::uint64_t* k = &nbr_[i * kNeighbours];
         const int cnt = nbrCount_[i];
+        // The list keeps its entries up to `last`, a prefix since it is sorted (counted
+        // without branches).
         int keep = 0;
-        while (keep < cnt && k[keep] <= last) {
-            // Only a distance that rounds to the bound as a float can lie beyond it.
-            if (k[keep] >= nearBound &&
-                (pos[static_cast<std::size_t>(keyId(k[keep]))] - pos[i]).squaredNorm() > bound2) {
+        int edge = 0;
+        for (int u = 0; u < kNeighbours; ++u) {
+            const bool kept = u < cnt && k[u] <= last;
+            keep += kept ? 1 : 0;
+            edge += kept && k[u] >= nearBound ? 1 : 0;
+        }
+        // Only a distance that rounds to the bound as a float can lie beyond it.
+        for (int u = 0; edge > 0 && u < keep; ++u) {
+            if (k[u] >= nearBound &&
+                (pos[static_cast<std::size_t>(keyId(k[u]))] - pos[i]).squaredNorm() > bound2) {
                 return false;  // build() would have skipped this pair: rare, build per call
             }
-            ++keep;
         }
         counts[i] = static_cast<unsigned char>(keep);
     }

@@ -36,6 +36,7 @@
 namespace Quill::detail {
 
 struct MovingSet;
+struct MovingNeighbours;
 
 class ReferenceIndex {
 public:
@@ -48,6 +49,10 @@ public:
     // array itself is unusable (null with a positive count, a negative or absurd count).
     bool build(const mark_data* marks, int count, double sameDist, const MovingSet& mv,
                double lookTol);
+    // The same with the moving set's distances computed beforehand (their minSide must be
+    // the clamped `sameDist`, else the index stays empty and false is returned).
+    bool build(const mark_data* marks, int count, double sameDist, const MovingNeighbours& nb,
+               double lookTol);
     // Indexes the usable markers of `marks` once, for any moving set (see cutFor). Returns
     // false, leaving the index empty, when the array itself is unusable.
     bool buildShared(const mark_data* marks, int count, double sameDist);
@@ -55,6 +60,8 @@ public:
     // build(marks, count, sameDist, mv, lookTol) would give. False when the moving set asks
     // for lists longer than the shared ones reach (then build per call).
     bool cutFor(const MovingSet& mv, double lookTol, double& linkRadius,
+                std::vector<unsigned char>& counts) const;
+    bool cutFor(const MovingNeighbours& nb, double lookTol, double& linkRadius,
                 std::vector<unsigned char>& counts) const;
     // List lengths of an index from build().
     const std::vector<unsigned char>& listCounts() const { return nbrCount_; }

@@ -47,8 +47,10 @@ template <class Library>
 class Searcher {
 public:
     Searcher(const MovingSet& mv, const Library& lib, const MatchSettings& s,
-             const RegistrationOptions& opt)
+             const RegistrationOptions& opt, const MovingNeighbours* nb)
         : mv_(mv), lib_(lib), s_(s), opt_(opt), n_(static_cast<int>(mv.p.size())) {
+        if (nb != nullptr && nb->exact && nb->count == n_)
+            nb_ = nb;
         tau_ = s.max_inline_mark_dis > 0.0f ? s.max_inline_mark_dis : 0.5;
         tau2_ = tau_ * tau_;
         tol_ = sideTolerance(s);
@@ -67,6 +69,12 @@ private:
         }
         return true;
     }
+    // |p_j - p_i| of two moving markers.
+    double movingDist(int i, int j) const {
+        if (nb_ != nullptr)
+            return nb_->distance(i, j);
+        return (mv_.p[static_cast<std::size_t>(j)] - mv_.p[static_cast<std::size_t>(i)]).norm();
+    }
     void evaluate(const Eigen::Matrix3d& R, const Eigen::Vector3d& t, Hyp& h);
     bool refine(Hyp& h);
     void tryBase(int i, int j, int k);
@@ -83,6 +91,7 @@ private:
     const Library& lib_;
     const MatchSettings& s_;
     const RegistrationOptions& opt_;
+    const MovingNeighbours* nb_ = nullptr;  // the moving set's distances, when computed
     const int n_;
     double tau_ = 0.5, tau2_ = 0.25, tol_ = 1.0;
     bool useNor_ = true;
@@ -200,9 +209,9 @@ void Searcher<Library>::consider(int i, int j, int k, int a, int b, int c) {
     const Eigen::Vector3d& qa = lib_.pos[ua];
     const Eigen::Vector3d& qb = lib_.pos[ub];
     const Eigen::Vector3d& qc = lib_.pos[uc];
-    if (std::abs((pj - pi).norm() - (qb - qa).norm()) > tol_ ||
-        std::abs((pk - pi).norm() - (qc - qa).norm()) > tol_ ||
-        std::abs((pk - pj).norm() - (qc - qb).norm()) > tol_) {
+    if (std::abs(movingDist(i, j) - (qb - qa).norm()) > tol_ ||
+        std::abs(movingDist(i, k) - (qc - qa).norm()) > tol_ ||
+        std::abs(movingDist(j, k) - (qc - qb).norm()) > tol_) {
         return;
     }
     // Rigid-invariant normal tests: the cosine between two markers' normals, and between a
@@ -272,12 +281,9 @@ void Searcher<Library>::consider(int i, int j, int k, int a, int b, int c) {
 
 template <class Library>
 void Searcher<Library>::tryBase(int i, int j, int k) {
-    const Eigen::Vector3d& pi = mv_.p[static_cast<std::size_t>(i)];
-    const Eigen::Vector3d& pj = mv_.p[static_cast<std::size_t>(j)];
-    const Eigen::Vector3d& pk = mv_.p[static_cast<std::size_t>(k)];
-    const double d1 = (pj - pi).norm();
-    const double d2 = (pk - pi).norm();
-    const double d3 = (pk - pj).norm();
+    const double d1 = movingDist(i, j);
+    const double d2 = movingDist(i, k);
+    const double d3 = movingDist(j, k);
     const double look = tol_ + kDriftMargin;
     // The library files a triangle with its nearer marker first; near ties may be filed
     // either way round.
@@ -319,11 +325,25 @@ RegistrationResult Searcher<Library>::run() {
     std::vector<std::vector<int>> near(static_cast<std::size_t>(n_));
     std::vector<unsigned char> nearDone(static_cast<std::size_t>(n_), 0);
     std::vector<std::pair<double, int>> cand;
+    const bool shared = nb_ != nullptr && nb_->minSide == minSide;
     auto nearOf = [&](int i) -> const std::vector<int>& {
         auto& nb = near[static_cast<std::size_t>(i)];
         if (nearDone[static_cast<std::size_t>(i)])
             return nb;
         nearDone[static_cast<std::size_t>(i)] = 1;
+        if (shared) {
+            // The nearest at least minSide away, by (distance, index): those within maxSide
+            // are the same as a selection among the candidates within maxSide.
+            const auto& id = nb_->nearId[static_cast<std::size_t>(i)];
+            const auto& nd = nb_->nearDist[static_cast<std::size_t>(i)];
+            for (int u = 0; u < kAnchorNeighbours; ++u) {
+                if (id[static_cast<std::size_t>(u)] < 0 ||
+                    !(nd[static_cast<std::size_t>(u)] <= maxSide))
+                    break;
+                nb.push_back(id[static_cast<std::size_t>(u)]);
+            }
+            return nb;
+        }
         cand.clear();
         for (int j = 0; j < n_; ++j) {
             if (j == i)
@@ -509,18 +529,20 @@ double lookupTolerance(const MatchSettings& s) {
 
 RegistrationResult registerMoving(const MovingSet& mv, const MarkerLibrary& lib,
                                   const MatchSettings& s, const RegistrationOptions& opt) {
-    Searcher<MarkerLibrary> searcher(mv, lib, s, opt);
+    Searcher<MarkerLibrary> searcher(mv, lib, s, opt, nullptr);
     return searcher.run();
 }
 
 RegistrationResult registerMoving(const MovingSet& mv, const ReferenceIndex& lib,
-                                  const MatchSettings& s, const RegistrationOptions& opt) {
-    return registerMoving(mv, ReferenceView(lib), s, opt);
+                                  const MatchSettings& s, const RegistrationOptions& opt,
+                                  const MovingNeighbours* nb) {
+    return registerMoving(mv, ReferenceView(lib), s, opt, nb);
 }
 
 RegistrationResult registerMoving(const MovingSet& mv, const ReferenceView& lib,
-                                  const MatchSettings& s, const RegistrationOptions& opt) {
-    Searcher<ReferenceView> searcher(mv, lib, s, opt);
+                                  const MatchSettings& s, const RegistrationOptions& opt,
+                                  const MovingNeighbours* nb) {
+    Searcher<ReferenceView> searcher(mv, lib, s, opt, nb);
     return searcher.run();
 }
 

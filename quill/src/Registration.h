@@ -19,6 +19,7 @@
 #pragma once
 
 #include <Eigen/Core>
+#include <array>
 #include <cstdint>
 #include <vector>
 
@@ -42,6 +43,34 @@ struct MovingSet {
     std::vector<unsigned char> hasN;
     std::vector<int> src;  // index in the caller's array
     int callerCount = 0;
+};
+
+// The moving set's own pair distances, computed once per registration and read by both
+// users: the reference index (the linking radius and how far the base triangles reach) and
+// the search (each anchor's nearest markers, the base triangles' sides). Sets larger than
+// kMaxPairSet keep no distances: only the radius is estimated, and the search finds each
+// anchor's neighbours itself.
+struct MovingNeighbours {
+    static constexpr int kMaxPairSet = 256;
+
+    bool exact = false;
+    int count = 0;          // markers of the moving set
+    double minSide = 0.0;   // neighbours lie at least this far from their anchor
+    double radius = 100.0;  // linking radius suggested by the set's nearest-marker distances
+    // With `exact`: count x count distances |p_j - p_i|, and per anchor its kAnchorNeighbours
+    // nearest markers at least minSide away, by (distance, index), padded with -1 / infinity.
+    std::vector<double> dist;
+    std::vector<std::array<int, kAnchorNeighbours>> nearId;
+    std::vector<std::array<double, kAnchorNeighbours>> nearDist;
+
+    void compute(const std::vector<Eigen::Vector3d>& p, double minSideDistance);
+    double distance(int i, int j) const {
+        return dist[static_cast<std::size_t>(i) * static_cast<std::size_t>(count) +
+                    static_cast<std::size_t>(j)];
+    }
+    // Longest anchor side of any base triangle when anchors pair with markers up to
+    // `linkRadius` away (the radius itself when the distances are not kept).
+    double longestSide(double linkRadius) const;
 };
 
 // Fills `out`; returns false when the array itself is unusable (null with a positive count,
@@ -74,9 +103,12 @@ double lookupTolerance(const MatchSettings& s);
 
 RegistrationResult registerMoving(const MovingSet& mv, const MarkerLibrary& lib,
                                   const MatchSettings& s, const RegistrationOptions& opt);
+// `nb` (optional): the moving set's distances computed beforehand for this same set.
 RegistrationResult registerMoving(const MovingSet& mv, const ReferenceIndex& lib,
-                                  const MatchSettings& s, const RegistrationOptions& opt);
+                                  const MatchSettings& s, const RegistrationOptions& opt,
+                                  const MovingNeighbours* nb = nullptr);
 RegistrationResult registerMoving(const MovingSet& mv, const ReferenceView& lib,
-                                  const MatchSettings& s, const RegistrationOptions& opt);
+                                  const MatchSettings& s, const RegistrationOptions& opt,
+                                  const MovingNeighbours* nb = nullptr);
 
 }  // namespace Quill::detail

@@ -195,3 +195,45 @@ TEST(ReferenceIndex, RefusesUnusableArraysAndSurvivesAbsurdCoordinates) {
                                  static_cast<int>(far.size()), -1, 0),
               1);
 }
+
+// The moving set's neighbours, computed once per registration, against a plain sort of every
+// pair by (distance, index): a regular grid has many equal distances, so the order of ties
+// and the tie with the fifth kept neighbour decide; a marker at exactly the same-target
+// distance is a neighbour but not the nearest one the radius is estimated from.
+TEST(ReferenceIndex, MovingNeighboursAreTheNearestByDistanceThenIndex) {
+    const double same = 3.0;
+    std::vector<Eigen::Vector3d> p;
+    for (int k = 0; k < 36; ++k)
+        p.emplace_back(5.0 * (k % 6), 5.0 * (k / 6), (k * 7) % 3 == 0 ? 0.0 : 0.25 * (k % 4));
+    p.emplace_back(p[14].x() + same, p[14].y(), p[14].z());  // exactly `same` from marker 14
+    const int n = static_cast<int>(p.size());
+    Quill::detail::MovingNeighbours nb;
+    nb.compute(p, same);
+    ASSERT_TRUE(nb.exact);
+    std::vector<double> nearest;
+    for (int i = 0; i < n; ++i) {
+        std::vector<std::pair<double, int>> all;
+        double best = 1e300;
+        for (int j = 0; j < n; ++j) {
+            const double d =
+                (p[static_cast<std::size_t>(j)] - p[static_cast<std::size_t>(i)]).norm();
+            ASSERT_EQ(nb.distance(i, j), d);
+            if (j != i && d >= same)
+                all.emplace_back(d, j);
+            if (j != i && d > same)
+                best = std::min(best, d);
+        }
+        std::sort(all.begin(), all.end());
+        for (int u = 0; u < Quill::detail::kAnchorNeighbours; ++u) {
+            const auto su = static_cast<std::size_t>(u);
+            ASSERT_EQ(nb.nearId[static_cast<std::size_t>(i)][su], all[su].second) << i << " " << u;
+            ASSERT_EQ(nb.nearDist[static_cast<std::size_t>(i)][su], all[su].first);
+        }
+        nearest.push_back(best);
+    }
+    EXPECT_EQ(nb.nearId[14][0], 36);
+    std::nth_element(nearest.begin(), nearest.begin() + n / 2, nearest.end());
+    EXPECT_DOUBLE_EQ(nb.radius,
+                     std::max(3.0 * nearest[static_cast<std::size_t>(n / 2)], 5.0 * same));
+    EXPECT_DOUBLE_EQ(nb.radius, MarkerLibrary::suggestLinkRadius(p, same));
+}
