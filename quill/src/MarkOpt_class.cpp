@@ -37,14 +37,12 @@ constexpr int kCoarseGroups = 32;
 constexpr int kFramesPerGroup = 8;
 
 using Mat6 = Eigen::Matrix<double, 6, 6>;
-using Vec6 = Eigen::Matrix<double, 6, 1>;
 
 // A transformed point q moves under a small left perturbation (rotation w, shift u) of its
 // frame's pose as q -> q + w x q + u: its Jacobian J is [ -[q]x  I ].
-
-// Weighted moments of transformed points, enough for the 6 x 6 normal block of a pose:
+// Weighted moments of transformed points are enough for the 6 x 6 normal block of a pose:
 // for one point q, J^T J = [ |q|^2 I - q q^T   [q]x ]
-//                          [ -[q]x              I   ]   (J (w, u) = w x q + u).
+//                          [ -[q]x              I   ].
 struct PointMoments {
     double n = 0.0;
     Eigen::Vector3d s = Eigen::Vector3d::Zero();
@@ -92,12 +90,10 @@ Mat6 couplingBlock(const Eigen::Matrix4d& C) {
     return P;
 }
 
-// A marker's observations in the current step: [begin, end) of the step's arrays.
+// A marker taking part in the current step, and 1 / the number of its used observations.
 struct Run {
-    int begin;
-    int end;
     int marker;
-    double inv;  // 1 / (end - begin)
+    double inv;
 };
 
 // An observation in a variable frame, in frame order: its transformed point and marker.
@@ -110,9 +106,9 @@ struct FrameObs {
 // a second run of a similar size allocates nothing and touches no fresh memory.
 struct Workspace {
     std::vector<detail::Observation> obs;
-    std::vector<int> start, fill, frames, var, jVar, group, touched, solvedObs;
+    std::vector<int> start, fill, frames, var, group, touched, solvedObs;
     std::vector<Eigen::Matrix3d> R, savedR;
-    std::vector<Eigen::Vector3d> t, savedT, X, Q, markerOrdered;
+    std::vector<Eigen::Vector3d> t, savedT, X, transformedObs;
     std::vector<unsigned char> use;
     std::vector<double> res, gate;
     std::vector<Mat6> pre, full;
@@ -120,7 +116,7 @@ struct Workspace {
     std::vector<Run> runs;
     std::vector<FrameObs> frameObs;
     std::vector<int> frameStart;
-    mutable std::vector<Eigen::Vector3d> markerSum;
+    std::vector<Eigen::Vector3d> markerSum;
     Eigen::VectorXd g, damp, rc, zc, x, r, z, p, Ap;
     std::vector<Eigen::Matrix4d> coupling;
     Eigen::MatrixXd coarse;
@@ -132,9 +128,9 @@ struct Workspace {
 // For given poses the best X_j is the mean of its transformed observations, so X is
 // eliminated and Gauss-Newton runs on the poses alone: the reduced normal matrix couples two
 // frames through every marker both see. That 6F x 6F system is solved by conjugate gradients
-// without ever forming it (each product costs one pass over the observations), with the
-// 6 x 6 diagonal blocks as preconditioner: the cost grows with the observations, not with
-// the square of the frames.
+// without ever forming it (each product costs one pass over the observations), with a
+// two-level preconditioner (see gaussNewtonStep): the cost grows with the observations, not
+// with the square of the frames.
 class Bundle {
 public:
     Bundle(const detail::MatcherState& g, int frameCount, std::vector<Eigen::Matrix4d>& frames,
@@ -193,11 +189,10 @@ public:
             n += solved(j) ? 1 : 0;
         return n;
     }
-    int frames(int j) const { return frames_[static_cast<std::size_t>(j)]; }
 
     // Marker positions from the poses, residuals, and the sum of squares of the used ones.
     double updateMarkers() {
-        std::vector<Eigen::Vector3d>& q = w_.markerOrdered;
+        std::vector<Eigen::Vector3d>& q = transformed_;
         q.resize(obs_.size());
         double sse = 0.0;
         for (int j = 0; j < M_; ++j) {
@@ -209,7 +204,7 @@ public:
                 const auto k = static_cast<std::size_t>(a);
                 q[k] = transformed(k);
                 if (use_[k]) {
-                    sum += q[static_cast<std::size_t>(a)];
+                    sum += q[k];
                     ++cnt;
                 }
             }
@@ -219,7 +214,7 @@ public:
             const bool counts = solved(j);
             for (int a = begin; a < end; ++a) {
                 const auto k = static_cast<std::size_t>(a);
-                res_[k] = (q[static_cast<std::size_t>(a)] - X).norm();
+                res_[k] = (q[k] - X).norm();
                 if (use_[k] && counts)
                     sse += res_[k] * res_[k];
             }
@@ -288,21 +283,22 @@ private:
     std::vector<Eigen::Vector3d>& X_ = w_.X;
     std::vector<unsigned char>& use_ = w_.use;
     std::vector<double>& res_ = w_.res;
+    // Each observation transformed by its frame's pose, from the last updateMarkers (the
+    // poses have not moved since when a step is set up).
+    std::vector<Eigen::Vector3d>& transformed_ = w_.transformedObs;
 
     // Pose system.
     void multiply(const Eigen::VectorXd& x, Eigen::VectorXd& y) const;
     std::vector<int>& var_ = w_.var;  // frame -> variable block, or -1 (held fixed)
     int nVar_ = 0;
-    // Per observation taking part in the current step: its transformed point, variable block
-    // and marker.
-    std::vector<Eigen::Vector3d>& Q_ = w_.Q;
-    std::vector<int>& jVar_ = w_.jVar;
-    std::vector<Run>& runs_ = w_.runs;  // each marker's observations, and 1 / their number
-    std::vector<FrameObs>& frameObs_ = w_.frameObs;  // the same observations by frame
-    std::vector<int>& frameStart_ = w_.frameStart;   // variable block -> first in frameObs_
-    std::vector<Mat6>& full_ = w_.full;   // per frame: sum of J^T J over its observations
-    std::vector<int>& group_ = w_.group;  // variable block -> coarse group
-    std::vector<Mat6>& pre_ = w_.pre;     // inverse damped diagonal blocks
+    // The markers taking part in the current step, and their used observations in variable
+    // frames, by frame.
+    std::vector<Run>& runs_ = w_.runs;
+    std::vector<FrameObs>& frameObs_ = w_.frameObs;
+    std::vector<int>& frameStart_ = w_.frameStart;  // variable block -> first in frameObs_
+    std::vector<Mat6>& full_ = w_.full;             // per frame: sum of J^T J over its observations
+    std::vector<int>& group_ = w_.group;            // variable block -> coarse group
+    std::vector<Mat6>& pre_ = w_.pre;               // inverse damped diagonal blocks
 };
 
 bool Bundle::setupSystem() {
@@ -366,10 +362,6 @@ void Bundle::multiply(const Eigen::VectorXd& x, Eigen::VectorXd& y) const {
 bool Bundle::gaussNewtonStep(double lambda) {
     if (nVar_ == 0)
         return false;
-    Q_.clear();
-    jVar_.clear();
-    Q_.reserve(obs_.size());
-    jVar_.reserve(obs_.size());
     // Two-level preconditioner. Fine level: each frame's own 6 x 6 block of the reduced
     // matrix. Coarse level: consecutive variable frames grouped, each group moving as one
     // rigid body; the reduced matrix restricted to those motions is small and solved exactly.
@@ -399,25 +391,28 @@ bool Bundle::gaussNewtonStep(double lambda) {
     std::vector<int>& touched = w_.touched;
     std::vector<PointMoments>& markerInGroup = w_.markerInGroup;
     markerInGroup.assign(static_cast<std::size_t>(groups), PointMoments());
+    // Observations per variable frame, for the frame-ordered copy below.
+    frameStart_.assign(static_cast<std::size_t>(nVar_) + 1, 0);
+    // The variable block of observation a when it takes part in this step, else -1.
+    const auto stepVar = [&](int a) {
+        const auto o = static_cast<std::size_t>(a);
+        return use_[o] ? var_[static_cast<std::size_t>(obs_[o].frame)] : -1;
+    };
     for (int j = 0; j < M_; ++j) {
         if (!solved(j))
             continue;
+        const int begin = start_[static_cast<std::size_t>(j)];
+        const int end = start_[static_cast<std::size_t>(j) + 1];
         int k = 0;
-        const std::size_t first = Q_.size();
         const Eigen::Vector3d& X = X_[static_cast<std::size_t>(j)];
-        for (int a = start_[static_cast<std::size_t>(j)];
-             a < start_[static_cast<std::size_t>(j) + 1]; ++a) {
-            const auto o = static_cast<std::size_t>(a);
-            if (!use_[o])
+        for (int a = begin; a < end; ++a) {
+            if (!use_[static_cast<std::size_t>(a)])
                 continue;
             ++k;
-            const int v = var_[static_cast<std::size_t>(obs_[o].frame)];
-            // The poses have not moved since the last updateMarkers: its transformed points.
-            const Eigen::Vector3d& q = w_.markerOrdered[static_cast<std::size_t>(a)];
-            Q_.push_back(q);
-            jVar_.push_back(v);
+            const int v = stepVar(a);
             if (v >= 0) {
                 // J^T r = (q x r, r) for the residual r = q - X.
+                const Eigen::Vector3d& q = transformed_[static_cast<std::size_t>(a)];
                 const Eigen::Vector3d r = q - X;
                 g.segment<3>(6 * v) += q.cross(r);
                 g.segment<3>(6 * v + 3) += r;
@@ -426,20 +421,22 @@ bool Bundle::gaussNewtonStep(double lambda) {
         if (k == 0)
             continue;
         const double inv = 1.0 / k;
-        runs_.push_back({static_cast<int>(first), static_cast<int>(Q_.size()), j, inv});
+        runs_.push_back({j, inv});
         touched.clear();
-        for (std::size_t c = first; c < Q_.size(); ++c) {
-            const int v = jVar_[c];
+        for (int a = begin; a < end; ++a) {
+            const int v = stepVar(a);
             if (v < 0)
                 continue;
-            frameMoments[static_cast<std::size_t>(v)].add(Q_[c], 1.0 - inv);
-            fullMoments[static_cast<std::size_t>(v)].add(Q_[c], 1.0);
+            const Eigen::Vector3d& q = transformed_[static_cast<std::size_t>(a)];
+            ++frameStart_[static_cast<std::size_t>(v) + 1];
+            frameMoments[static_cast<std::size_t>(v)].add(q, 1.0 - inv);
+            fullMoments[static_cast<std::size_t>(v)].add(q, 1.0);
             const int gr = group_[static_cast<std::size_t>(v)];
             PointMoments& m = markerInGroup[static_cast<std::size_t>(gr)];
             if (m.n == 0.0)
                 touched.push_back(gr);
             m.n += 1.0;
-            m.s += Q_[c];
+            m.s += q;
         }
         // The marker's centring couples every pair of groups it was seen from.
         for (int ga : touched) {
@@ -456,11 +453,6 @@ bool Bundle::gaussNewtonStep(double lambda) {
             markerInGroup[static_cast<std::size_t>(ga)] = PointMoments();
     }
     // The same observations grouped by frame (counting sort), for the products.
-    frameStart_.assign(static_cast<std::size_t>(nVar_) + 1, 0);
-    for (std::size_t c = 0; c < jVar_.size(); ++c) {
-        if (jVar_[c] >= 0)
-            ++frameStart_[static_cast<std::size_t>(jVar_[c]) + 1];
-    }
     for (int v = 0; v < nVar_; ++v)
         frameStart_[static_cast<std::size_t>(v) + 1] += frameStart_[static_cast<std::size_t>(v)];
     frameObs_.resize(static_cast<std::size_t>(frameStart_.back()));
@@ -468,11 +460,12 @@ bool Bundle::gaussNewtonStep(double lambda) {
         std::vector<int>& fill = w_.fill;
         fill.assign(frameStart_.begin(), frameStart_.end() - 1);
         for (const Run& run : runs_) {
-            for (int c = run.begin; c < run.end; ++c) {
-                const int v = jVar_[static_cast<std::size_t>(c)];
+            for (int a = start_[static_cast<std::size_t>(run.marker)];
+                 a < start_[static_cast<std::size_t>(run.marker) + 1]; ++a) {
+                const int v = stepVar(a);
                 if (v >= 0)
                     frameObs_[static_cast<std::size_t>(fill[static_cast<std::size_t>(v)]++)] = {
-                        Q_[static_cast<std::size_t>(c)], run.marker};
+                        transformed_[static_cast<std::size_t>(a)], run.marker};
             }
         }
     }
