@@ -182,13 +182,14 @@ public:
     }
 
 private:
-    // The frame's laser points mapped by its pose (row vectors: p' = p R + t), one triple of
-    // floats each.
-    static void place(const std::vector<float>& p, const double* R, const double* t, float* out) {
+    // The frame's laser points mapped by its pose (row vectors: p' = p R + t), each coordinate
+    // handed to `put` in order.
+    template <class Put>
+    static void place(const std::vector<float>& p, const double* R, const double* t, Put put) {
         for (size_t i = 0; i + 2 < p.size(); i += 3) {
             const double x = p[i], y = p[i + 1], z = p[i + 2];
             for (int c = 0; c < 3; ++c)
-                out[i + c] = static_cast<float>(x * R[c] + y * R[3 + c] + z * R[6 + c] + t[c]);
+                put(static_cast<float>(x * R[c] + y * R[3 + c] + z * R[6 + c] + t[c]));
         }
     }
 
@@ -200,19 +201,12 @@ private:
             if (m_assemble == 1) {
                 float* out = m_cloud.append(n);
                 if (out != nullptr)
-                    place(p, d.rotation, d.translation, out);
+                    place(p, d.rotation, d.translation, [&out](float v) { *out++ = v; });
             } else if (m_assemble == 2) {
                 // Grows geometrically without zero-filling what is written next.
                 if (m_vector.capacity() < m_vector.size() + n)
                     m_vector.reserve(2 * (m_vector.size() + n));
-                for (size_t i = 0; i + 2 < p.size(); i += 3) {
-                    const double x = p[i], y = p[i + 1], z = p[i + 2];
-                    for (int c = 0; c < 3; ++c) {
-                        m_vector.push_back(
-                            static_cast<float>(x * d.rotation[c] + y * d.rotation[3 + c] +
-                                               z * d.rotation[6 + c] + d.translation[c]));
-                    }
-                }
+                place(p, d.rotation, d.translation, [this](float v) { m_vector.push_back(v); });
             }
             m_arrivals.push_back(Clock::now());
             m_frames.fetch_add(1);
