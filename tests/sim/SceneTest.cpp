@@ -46,6 +46,15 @@ sim::SceneOptions noiseless() {
     return o;
 }
 
+// Frame `index` of two scenes that differ only in their noise: the same rays and hits.
+void sameFrame(const sim::Scene& exact, const sim::Scene& noisy, int index, sim::ScanFrame& fe,
+               sim::ScanFrame& fn) {
+    sim::FrameRequest rq;
+    rq.index = index;
+    exact.frame(rq, fe);
+    noisy.frame(rq, fn);
+}
+
 // Distances of a frame's laser points to the part, through the true matrix of its tracker.
 std::vector<double> laserDistances(const sim::Scene& s, const sim::MeshDistance& md,
                                    const sim::ScanFrame& f) {
@@ -126,11 +135,8 @@ TEST(SimScene, LaserPointsLieOnThePartExactlyWithoutNoiseAndWithinThreeSigmaWith
     const double sigma = std::sqrt(o.laserNoise * o.laserNoise + o.poseNoiseMm * o.poseNoiseMm +
                                    std::pow(o.poseNoiseDeg * M_PI / 180 * 450, 2));
     for (int i = 0; i < 3000; i += 150) {
-        sim::FrameRequest rq;
-        rq.index = i;
         sim::ScanFrame fe, fn;
-        exact->frame(rq, fe);
-        noisy->frame(rq, fn);
+        sameFrame(*exact, *noisy, i, fe, fn);
         ASSERT_TRUE(fe.scannerSeen) << i;
         EXPECT_GT(fe.points.size(), 1000u) << i;
         EXPECT_EQ(fe.points.size(), fn.points.size());
@@ -171,11 +177,8 @@ TEST(SimScene, LaserNoiseHasTheSetLevelsAndAGaussianShape) {
     double sum = 0, sumSq = 0, sumXY = 0, worst = 0, angleSq = 0, worstPlane = 0;
     size_t n = 0, beyond2 = 0, normals = 0;
     for (int i = 0; i < 2400; i += 200) {
-        sim::FrameRequest rq;
-        rq.index = i;
         sim::ScanFrame fe, fn;
-        exact->frame(rq, fe);
-        noisy->frame(rq, fn);
+        sameFrame(*exact, *noisy, i, fe, fn);
         ASSERT_EQ(fe.points.size(), fn.points.size()) << i;
         for (size_t k = 0; k < fe.points.size(); ++k) {
             const Eigen::Vector3d r = (fn.points[k] - fe.points[k]) / o.laserNoise;
@@ -199,6 +202,8 @@ TEST(SimScene, LaserNoiseHasTheSetLevelsAndAGaussianShape) {
             }
         }
         if (i == 1200) {
+            sim::FrameRequest rq;
+            rq.index = i;
             sim::ScanFrame other;
             std::thread([&] { noisy->frame(rq, other); }).join();
             ASSERT_EQ(other.points.size(), fn.points.size());
