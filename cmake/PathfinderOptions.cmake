@@ -21,6 +21,12 @@ elseif(NOT PATHFINDER_SANITIZE STREQUAL "")
   message(FATAL_ERROR "PATHFINDER_SANITIZE must be address, thread or empty")
 endif()
 
+# gcc's line and branch counters for scripts/coverage.sh.
+if(PATHFINDER_COVERAGE)
+  add_compile_options(--coverage)
+  add_link_options(--coverage)
+endif()
+
 # pathfinder_add_test(<name> SOURCES <files...> LIBS <targets...> [LABELS <labels...>] [TIMEOUT <s>]
 #                     [RUN_SERIAL])
 # One GoogleTest executable registered with CTest; each TEST becomes a CTest case. RUN_SERIAL:

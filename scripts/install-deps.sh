@@ -30,7 +30,7 @@ packages=(
   libgtest-dev libgmock-dev googletest
   libbenchmark-dev
   clang clang-format libclang-rt-14-dev
-  ccache
+  ccache gcovr
 )
 if [ "$bench" = "1" ]; then
   packages+=(libceres-dev)

@@ -1,0 +1,34 @@
+#!/usr/bin/env bash
+# Builds the stack with gcc's coverage instrumentation, runs the README's tests and reports the
+# line and branch coverage of the product code per folder (gcovr), then the test share.
+#   bash scripts/coverage.sh               # build in ./build-coverage
+#   BUILD_DIR=b bash scripts/coverage.sh
+# Writes <build>/coverage/summary.txt (the table printed here), summary.json (per file) and
+# index.html (per file, line by line).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+bash scripts/install-deps.sh
+build=${BUILD_DIR:-build-coverage}
+jobs=$(nproc 2>/dev/null || echo 2)
+# -O1 keeps the test programs near their usual speed (the device protocol has real waits);
+# line tables still map every counted line. Bit-exact tests set their own floating-point flags.
+cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DPATHFINDER_WERROR=ON \
+  -DPATHFINDER_COVERAGE=ON \
+  -DCMAKE_C_FLAGS_RELWITHDEBINFO="-O1 -g -DNDEBUG" -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O1 -g -DNDEBUG"
+cmake --build "$build" -j"$jobs"
+# Counters of an earlier run would add to this one's.
+find "$build" -name '*.gcda' -delete
+ctest --test-dir "$build" --output-on-failure -j"$jobs" --timeout 300 || rc=$?
+out="$build/coverage"
+mkdir -p "$out"
+# Product code only: the folders of the stack, not the tests, benchmarks, fuzz targets or the
+# generated protobuf sources of the build folder. Branches that only exceptions or the compiler's
+# own bookkeeping take are left out, as gcovr advises for C++.
+gcovr --root . --object-directory "$build" \
+  --exclude '^(tests|bench|fuzz)/' --exclude "^$build/" --exclude '.*\.pb\.(h|cc)$' \
+  --exclude-throw-branches --exclude-unreachable-branches \
+  --json-summary "$out/summary.json" --html-details "$out/index.html" -j"$jobs" >/dev/null
+python3 scripts/coverage_table.py "$out/summary.json" | tee "$out/summary.txt"
+echo "report: $out/index.html"
+bash scripts/test-share.sh | tee -a "$out/summary.txt" || true
+exit "${rc:-0}"
