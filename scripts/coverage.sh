@@ -3,8 +3,9 @@
 # line and branch coverage of the product code per folder (gcovr), then the test share.
 #   bash scripts/coverage.sh               # build in ./build-coverage
 #   BUILD_DIR=b bash scripts/coverage.sh
-# Writes <build>/coverage/summary.txt (the table printed here), summary.json (per file) and
-# index.html (per file, line by line).
+#   COVERAGE_BEFORE=old/lines.json bash scripts/coverage.sh   # also list lines no longer run
+# Writes <build>/coverage/summary.txt (the table printed here), summary.json (per file),
+# lines.json (per line) and index.html (per file, line by line).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
@@ -27,8 +28,10 @@ mkdir -p "$out"
 gcovr --root . --object-directory "$build" \
   --exclude '^(tests|bench|fuzz)/' --exclude "^$build/" --exclude '.*\.pb\.(h|cc)$' \
   --exclude-throw-branches --exclude-unreachable-branches \
-  --json-summary "$out/summary.json" --html-details "$out/index.html" -j"$jobs" >/dev/null
-python3 scripts/coverage_table.py "$out/summary.json" | tee "$out/summary.txt"
+  --json-summary "$out/summary.json" --json "$out/lines.json" --html-details "$out/index.html" \
+  -j"$jobs" >/dev/null
+python3 scripts/coverage_table.py "$out/summary.json" ${COVERAGE_BEFORE:+--before "$COVERAGE_BEFORE"} |
+  tee "$out/summary.txt"
 echo "report: $out/index.html"
 bash scripts/test-share.sh | tee -a "$out/summary.txt" || true
 exit "${rc:-0}"
