@@ -3,7 +3,6 @@
 
 #include <random>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "utils/ConfigEditor.h"
@@ -16,19 +15,8 @@ namespace {
 
 // A line and how it splits; without a key the line is kept but not indexed.
 struct Split {
-    Split(std::wstring l, std::wstring k = L"", std::wstring s = L"", std::wstring v = L"")
-        : line(std::move(l)), key(std::move(k)), separator(std::move(s)), value(std::move(v)) {}
-    std::wstring line, key, separator, value;
+    std::wstring line, key{}, separator{}, value{};
 };
-
-void expectSplit(const Split& c) {
-    const tagConfigFileLine l(c.line);
-    const std::string shown(c.line.begin(), c.line.end());
-    EXPECT_EQ(l.text, c.line) << shown;
-    EXPECT_EQ(l.key, c.key) << shown;
-    EXPECT_EQ(l.separator, c.separator) << shown;
-    EXPECT_EQ(l.value, c.value) << shown;
-}
 
 }  // namespace
 
@@ -60,7 +48,12 @@ TEST(LineAnalysis, SplitsIntoKeySeparatorValueAndNote) {
         {L"-key = 1"},
     };
     for (const Split& c : cases) {
-        expectSplit(c);
+        const tagConfigFileLine l(c.line);
+        SCOPED_TRACE(std::string(c.line.begin(), c.line.end()));
+        EXPECT_EQ(l.text, c.line);
+        EXPECT_EQ(l.key, c.key);
+        EXPECT_EQ(l.separator, c.separator);
+        EXPECT_EQ(l.value, c.value);
     }
 }
 
