@@ -26,7 +26,7 @@ class FrameConversion : public ::testing::Test {
 protected:
     FrameConversion() {
         const sim::MarkerScene scene = sim::MarkerScene::randomPart(20, 3);
-        frame = toScanData(viewOf(scene, range(0, 5), trackerPose(2)), 77);
+        frame = toScanData(viewOf(scene, {0, 1, 2, 3, 4, 5}, trackerPose(2)), 77);
         for (std::size_t i = 0; i < frame.m_vecMarkerValid.size(); ++i) {
             frame.m_vecMarkerIds[i] = static_cast<int>(40 + i);
             frame.m_vecMarkerDiameters[i] = 3.0 + static_cast<double>(i);
@@ -83,14 +83,13 @@ TEST_F(FrameConversion, TheCameraBlockCarriesImagePointsParametersAndTheCamerasR
     EXPECT_EQ(marks[4].label, 44);
 }
 
-TEST_F(FrameConversion, ImagePointsNotOnePerMarkerAreLeftOut) {
+// Image points not one per marker are left out; a frame with short marker arrays is refused.
+TEST_F(FrameConversion, DamagedFramesLoseTheirImagePointsOrAreRefused) {
     frame.m_mkImage.mutable_mksolve()->RemoveLast();
     ASSERT_TRUE(CTPScan_MarkpointAccess::Frame2MarkPoint(frame, marks, frameValue, false));
     EXPECT_EQ(marks[0].img[0], 0.0f);
     EXPECT_EQ(marks[0].cam_param[0], 2400.0);
-}
 
-TEST_F(FrameConversion, AFrameWithShortMarkerArraysIsRefused) {
     CTPScan_Markpoint tracker;
     tracker.initLibrary();
     device::tagRefMarkpointData out;
