@@ -133,28 +133,6 @@ TEST(MarkOpt, ModelFromTwoHundredFramesReachesTheNoiseLimitAndRefinesThePoses) {
     EXPECT_LT(relErr(m.rts), relErr(registered));
 }
 
-TEST(MarkOpt, MarkersSeenInOneFrameAreLeftOut) {
-    Model m(300, 33);
-    sim::FrameOptions o = options(0.02);
-    const Eigen::Vector3d c = m.scene[0].position;
-    ASSERT_GT(m.add(m.gen.frameAt(c, sim::randomMotion(m.gen.rng(), 500), o)), 0);
-    ASSERT_GT(m.add(m.gen.frameAt(c, sim::randomMotion(m.gen.rng(), 500), o)), 0);
-    // A third view reaching further: its outer markers are seen once.
-    o.visible = 40;
-    ASSERT_GT(m.add(m.gen.frameAt(c, sim::randomMotion(m.gen.rng(), 500), o)), 0);
-    ASSERT_EQ(m.run(), 1);
-    int count = 0;
-    const Quill::mcXYZ_Nor_s* recs = m.opt.get_Mark_data(count);
-    ASSERT_EQ(count, m.rt.get_mark_match(0)->get_glo_mark_n());
-    int left = 0;
-    for (int i = 0; i < count; ++i) {
-        const bool once = recs[i].frames < 2.0f;
-        EXPECT_EQ(recs[i].label, once ? -1.0f : static_cast<float>(i));
-        left += once;
-    }
-    EXPECT_EQ(left, 10);
-}
-
 TEST(MarkOpt, GatesAnObservationThatDoesNotFit) {
     Model m(120, 37);
     auto frames = m.gen.walk(60, options(0.01), 10.0, 1.0);

@@ -38,13 +38,12 @@ constexpr double kMarkerDiameter = 6.0;
 inline SDK_NV::tagScanData toScanData(const sim::Frame& frame, int frameValue = 0) {
     SDK_NV::tagScanData d;
     d.m_nFrameValue = frameValue;
-    int label = 0;
     for (const sim::ObservedMarker& m : frame.markers) {
-        d.m_vecMarkerIds.push_back(label++);
-        d.m_vecMarkerCenters.insert(d.m_vecMarkerCenters.end(),
-                                    {m.position.x(), m.position.y(), m.position.z()});
-        d.m_vecMarkerNormals.insert(d.m_vecMarkerNormals.end(),
-                                    {m.normal.x(), m.normal.y(), m.normal.z()});
+        d.m_vecMarkerIds.push_back(static_cast<int>(d.m_vecMarkerIds.size()));
+        d.m_vecMarkerCenters.insert(d.m_vecMarkerCenters.end(), m.position.data(),
+                                    m.position.data() + 3);
+        d.m_vecMarkerNormals.insert(d.m_vecMarkerNormals.end(), m.normal.data(),
+                                    m.normal.data() + 3);
         d.m_vecMarkerDiameters.push_back(kMarkerDiameter);
         d.m_vecMarkerValid.push_back(1);
     }
@@ -110,11 +109,8 @@ inline bool untouched(const double* values, int n, double sentinel) {
 // A 16-double transform in the TranRT layout: rotation row by row in elements 0-2, 4-6, 8-10,
 // translation in 12-14, zeros in 3, 7, 11 and a one in 15.
 inline Eigen::Matrix3d rotationOf(const double* rt16) {
-    Eigen::Matrix3d R;
-    for (int k = 0; k < 9; ++k) {
-        R(k / 3, k % 3) = rt16[4 * (k / 3) + k % 3];
-    }
-    return R;
+    return Eigen::Map<const Eigen::Matrix<double, 3, 3, Eigen::RowMajor>, 0, Eigen::OuterStride<4>>(
+        rt16);
 }
 inline Eigen::Vector3d translationOf(const double* rt16) {
     return Eigen::Vector3d(rt16[12], rt16[13], rt16[14]);
