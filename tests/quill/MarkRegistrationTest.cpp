@@ -43,28 +43,6 @@ struct Fixture {
     }
 };
 
-TEST(MarkRegistration, RecoversAKnownMotionAndNamesEveryMarkerDespiteDropsAndSpuriousPoints) {
-    Fixture fx(500, 21);
-    for (int trial = 0; trial < 5; ++trial) {
-        SCOPED_TRACE(trial);
-        const sim::Frame f = fx.frame(40, 0.3, 0.3);
-        ASSERT_EQ(fx.run(f), 1);
-        const Eigen::Matrix4d T = fx.matcher.get_final_transform();
-        EXPECT_LT(transformError(T, f), 0.1);
-        EXPECT_LT(sim::rotationAngleDeg(T.topLeftCorner<3, 3>(), f.pose.R), 0.1);
-        EXPECT_EQ(fx.matcher.get_final_status(), Quill::kMatchOk);
-        EXPECT_GT(fx.matcher.get_final_err(), 0.0f);
-        EXPECT_LE(fx.matcher.get_final_err(), 0.15f);
-        // Every true marker named, every spurious point left out (-1).
-        const std::vector<int> flags = fx.matcher.get_final_match_flag();
-        ASSERT_EQ(flags.size(), f.markers.size());
-        for (std::size_t i = 0; i < flags.size(); ++i) {
-            EXPECT_EQ(flags[i], f.markers[i].truth) << "marker " << i;
-        }
-        EXPECT_EQ(fx.matcher.get_final_match_n(), f.trueCount());
-    }
-}
-
 TEST(MarkRegistration, FlagsUseTheCallersIndexingWhenFixedMarkersAreSkipped) {
     Fixture fx(200, 31);
     // A non-finite marker and a duplicate in front shift every index by two.
@@ -197,26 +175,39 @@ TEST(MarkRegistration, NormalsPruneWhenEnabledAndAreNotNeeded) {
 }
 
 // A few hundred random trials across library sizes, frame sizes, drops and spurious points:
-// no wrong registration may be accepted, and nearly every frame with a unique answer matches.
-TEST(MarkRegistrationRobustness, RandomTrialsNeverAcceptAWrongMatch) {
+// nearly every frame with a unique answer matches, and every accepted registration is right:
+// the true motion (within 0.1 mm and 0.1 degree from 20 true markers on, twice that below),
+// every true marker named and every spurious point left out (-1), an error within the limit.
+TEST(MarkRegistrationRobustness, RandomTrialsRecoverTheMotionAndNeverAcceptAWrongMatch) {
     sim::Rng rng(2024);
-    int unique = 0, succeeded = 0, wrong = 0;
+    int unique = 0, succeeded = 0;
     const int trials = 300;
     for (int trial = 0; trial < trials; ++trial) {
+        SCOPED_TRACE(trial);
         const int libSize = rng.uniformInt(50, 1500);
         const std::uint64_t sceneSeed = rng.next();
         Fixture fx(sim::MarkerScene::randomPart(libSize, sceneSeed), rng.next());
         const sim::Frame f = fx.frame(std::min(rng.uniformInt(6, 60), fx.scene.size()),
                                       rng.uniform(0.0, 0.3), rng.uniform(0.0, 0.3));
-        const bool hasUnique = f.trueCount() >= 5;
-        unique += hasUnique ? 1 : 0;
-        if (fx.run(f) == 1) {
-            const bool ok = fx.matchedTruth(f, 1.0);
-            wrong += ok ? 0 : 1;
-            succeeded += ok && hasUnique ? 1 : 0;
+        unique += f.trueCount() >= 5;
+        if (fx.run(f) != 1) {
+            continue;
         }
+        succeeded += f.trueCount() >= 5;
+        const Eigen::Matrix4d T = fx.matcher.get_final_transform();
+        const double tolerance = f.trueCount() >= 20 ? 0.1 : 0.2;
+        EXPECT_LT(transformError(T, f), tolerance);
+        EXPECT_LT(sim::rotationAngleDeg(T.topLeftCorner<3, 3>(), f.pose.R), tolerance);
+        std::vector<int> truth;
+        for (const auto& o : f.markers) {
+            truth.push_back(o.truth);
+        }
+        EXPECT_EQ(fx.matcher.get_final_match_flag(), truth);
+        EXPECT_EQ(fx.matcher.get_final_match_n(), f.trueCount());
+        EXPECT_EQ(fx.matcher.get_final_status(), Quill::kMatchOk);
+        EXPECT_GT(fx.matcher.get_final_err(), 0.0f);
+        EXPECT_LE(fx.matcher.get_final_err(), 0.15f);
     }
-    EXPECT_EQ(wrong, 0);
     EXPECT_GE(succeeded, unique * 0.98)
         << succeeded << " of " << unique << " unique frames matched";
     EXPECT_GT(unique, trials / 2);
