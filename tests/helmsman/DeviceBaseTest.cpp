@@ -1,3 +1,5 @@
+// The host interface's base class: operations a device does not override, the host callbacks
+// (delivery, registration from any thread, a host handler that throws) and the host folders.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -18,12 +20,21 @@ using namespace device;
 class BareDevice : public CDeviceBase {
 public:
     BareDevice() : CDeviceBase(NEW_TYPE_OPTICAL_TRACKING) {}
+    // Fires every callback once, in the order of tagDeviceHandlers.
+    void fireAll(const std::shared_ptr<tagDeviceData>& data, const tagDeviceInfo& info,
+                 const void* payload) {
+        callDeviceData(data, "frame", 9);
+        callDeviceState(STATE_DISCONNECTED, info, payload);
+        callDeviceTReply("T-01", REPLY_THERMAL_BALANCE, payload);
+        callDeviceButton(BUTTON_FIRST, BUTTON_ACTION_LONG_PRESS);
+        callDeviceTFastCali(FAST_CALI_BOARD_LATTICE, payload);
+        callDeviceImage(3, 1, 2, "left.bmp", nullptr);
+        callDeviceNeedRetrigger();
+        callDeviceTriggerNoData();
+    }
     using CDeviceBase::callDeviceButton;
     using CDeviceBase::callDeviceData;
-    using CDeviceBase::callDeviceImage;
     using CDeviceBase::callDeviceNeedRetrigger;
-    using CDeviceBase::callDeviceState;
-    using CDeviceBase::callDeviceTFastCali;
     using CDeviceBase::callDeviceTReply;
     using CDeviceBase::callDeviceTriggerNoData;
 };
@@ -32,8 +43,7 @@ TEST(DeviceBaseDefaults, OperationsAnswerNotSupportedAndLeaveOutputsAlone) {
     BareDevice bare;
     CDeviceBase& d = bare;
     EXPECT_EQ(d.getNewType(), NEW_TYPE_OPTICAL_TRACKING);
-    EXPECT_FALSE(d.hasInit());
-    EXPECT_FALSE(d.isLaserLock());
+    EXPECT_FALSE(d.hasInit() || d.isLaserLock());
     int laserValue = 0;
     int count = -1;
     std::shared_ptr<tagDeviceInfoList> list;
@@ -61,30 +71,17 @@ TEST(DeviceBaseDefaults, OperationsAnswerNotSupportedAndLeaveOutputsAlone) {
     EXPECT_EQ(markers.labels, std::vector<int>{4});
 }
 
-// ---------------------------------------------------------------------------------------------
-// Callbacks
-// ---------------------------------------------------------------------------------------------
-
-TEST(DeviceCallbacks, WithoutHandlersAreIgnored) {
-    BareDevice d;
-    d.callDeviceData(std::make_shared<tagDeviceData>(), nullptr, 0);
-    d.callDeviceState(STATE_READY, tagDeviceInfo(), nullptr);
-    d.callDeviceTReply("", REPLY_SDK_CONNECTED, nullptr);
-    d.callDeviceButton(BUTTON_MAIN, BUTTON_ACTION_CLICK);
-    d.callDeviceTFastCali(FAST_CALI_LOCATION, nullptr);
-    d.callDeviceImage(1, 2, 3, "img", nullptr);
-    d.callDeviceNeedRetrigger();
-    d.callDeviceTriggerNoData();
-    SUCCEED();  // reaching here without a crash is the behaviour under test
-}
-
+// Without handlers every callback is dropped; with them each reaches its own handler with its
+// arguments; a single setter replaces only its handler; clearing silences all.
 TEST(DeviceCallbacks, EachReachesItsHandlerWithItsArguments) {
     BareDevice d;
-    std::vector<std::string> calls;
     auto data = std::make_shared<tagDeviceData>();
     tagDeviceInfo info;
     info.setSerial("SCN-7");
     const int payload = 5;
+    d.fireAll(data, info, &payload);  // nobody listens yet: nothing happens
+
+    std::vector<std::string> calls;
     // How a pointer argument arrived: the payload, nothing, or something else.
     auto ptr = [&](const void* p) {
         return std::string(p == &payload ? "payload" : p == nullptr ? "null" : "other");
@@ -113,39 +110,29 @@ TEST(DeviceCallbacks, EachReachesItsHandlerWithItsArguments) {
     h.onDeviceNeedRetrigger = [&] { calls.push_back("retrigger"); };
     h.onDeviceTriggerNoData = [&] { calls.push_back("nodata"); };
     d.setHandlers(h);
+    d.fireAll(data, info, &payload);
+    const std::vector<std::string> all = {"data same frame 9",
+                                          "state 4 SCN-7 payload",
+                                          "reply T-01 -47 payload",
+                                          "button 0 2",
+                                          "fastcali 1 payload",
+                                          "image 312 left.bmp null",
+                                          "retrigger",
+                                          "nodata"};
+    EXPECT_EQ(calls, all);
+    EXPECT_TRUE(d.getHandlers().onDeviceImage != nullptr);
 
-    d.callDeviceData(data, "frame", 9);
-    d.callDeviceState(STATE_DISCONNECTED, info, &payload);
-    d.callDeviceTReply("T-01", REPLY_THERMAL_BALANCE, &payload);
-    d.callDeviceButton(BUTTON_FIRST, BUTTON_ACTION_LONG_PRESS);
-    d.callDeviceTFastCali(FAST_CALI_BOARD_LATTICE, &payload);
-    d.callDeviceImage(3, 1, 2, "left.bmp", nullptr);
+    calls.clear();
+    d.setDeviceNeedRetriggerHandler([&] { calls.push_back("second"); });
     d.callDeviceNeedRetrigger();
     d.callDeviceTriggerNoData();
-    EXPECT_EQ(calls, (std::vector<std::string>{"data same frame 9", "state 4 SCN-7 payload",
-                                               "reply T-01 -47 payload", "button 0 2",
-                                               "fastcali 1 payload", "image 312 left.bmp null",
-                                               "retrigger", "nodata"}));
-}
-
-TEST(DeviceCallbacks, ASingleSetterReplacesOnlyItsHandlerAndClearingSilencesAll) {
-    BareDevice d;
-    int buttons = 0, first = 0, second = 0;
-    d.setDeviceButtonHandler([&](emDeviceButton, emDeviceButtonAction) { ++buttons; });
-    d.setDeviceNeedRetriggerHandler([&] { ++first; });
-    d.setDeviceNeedRetriggerHandler([&] { ++second; });
-    d.callDeviceButton(BUTTON_MAIN, BUTTON_ACTION_CLICK);
-    d.callDeviceNeedRetrigger();
-    EXPECT_EQ(buttons, 1);
-    EXPECT_EQ(first, 0);
-    EXPECT_EQ(second, 1);
+    EXPECT_EQ(calls, (std::vector<std::string>{"second", "nodata"}));
     d.clearHandlers();
-    d.callDeviceButton(BUTTON_MAIN, BUTTON_ACTION_CLICK);
-    d.callDeviceNeedRetrigger();
-    EXPECT_EQ(buttons + second, 2);
+    d.fireAll(data, info, &payload);
+    EXPECT_EQ(calls.size(), 2u);
 }
 
-TEST(DeviceCallbacks, AThrowingHandlerIsReportedAndDoesNotPropagate) {
+TEST(DeviceCallbacks, AThrowingHandlerIsReportedAndAHandlerMayReRegisterItself) {
     BareDevice d;
     d.setDeviceDataHandler([](const std::shared_ptr<tagDeviceData>&, const char*, int) {
         throw std::runtime_error("host bug");
@@ -153,22 +140,17 @@ TEST(DeviceCallbacks, AThrowingHandlerIsReportedAndDoesNotPropagate) {
     d.setDeviceTriggerNoDataHandler([] { throw 7; });
     int replies = 0;
     d.setDeviceReplyHandler([&](const std::string&, emDeviceReply, const void*) { ++replies; });
-
     testing::internal::CaptureStdout();
     EXPECT_NO_THROW(d.callDeviceData(std::make_shared<tagDeviceData>(), nullptr, 0));
     EXPECT_NO_THROW(d.callDeviceTriggerNoData());
     const std::string out = testing::internal::GetCapturedStdout();
-
     EXPECT_NE(out.find("[helmsman] DeviceData handler threw: host bug\n"), std::string::npos)
         << out;
     EXPECT_NE(out.find("[helmsman] DeviceTriggerNoData handler threw"), std::string::npos) << out;
     // The device keeps working: later callbacks are still delivered.
     d.callDeviceTReply("", REPLY_SDK_CONNECTED, nullptr);
     EXPECT_EQ(replies, 1);
-}
 
-TEST(DeviceCallbacks, AHandlerMayReRegisterFromInsideACallback) {
-    BareDevice d;
     int later = 0;
     d.setDeviceNeedRetriggerHandler([&] { d.setDeviceNeedRetriggerHandler([&] { ++later; }); });
     d.callDeviceNeedRetrigger();  // must not deadlock on the registration lock
@@ -181,10 +163,11 @@ TEST(DeviceCallbacks, AHandlerMayReRegisterFromInsideACallback) {
 TEST(DeviceCallbacks, RegistrationIsSafeWhileAnotherThreadCallsBack) {
     BareDevice d;
     std::atomic<int> first{0}, second{0};
-    auto toFirst = [&](emDeviceButton, emDeviceButtonAction) { ++first; };
-    auto toSecond = [&](emDeviceButton, emDeviceButtonAction) { ++second; };
+    const decltype(tagDeviceHandlers::onDeviceButton) toFirst =
+        [&](emDeviceButton, emDeviceButtonAction) { ++first; };
+    const decltype(tagDeviceHandlers::onDeviceButton) toSecond =
+        [&](emDeviceButton, emDeviceButtonAction) { ++second; };
     d.setDeviceButtonHandler(toFirst);
-
     constexpr int kCalls = 20000;
     std::atomic<bool> done{false};
     std::thread sdk([&] {
@@ -193,48 +176,20 @@ TEST(DeviceCallbacks, RegistrationIsSafeWhileAnotherThreadCallsBack) {
         }
         done = true;
     });
-    int swaps = 0;
-    while (!done) {
-        if (swaps % 2 == 0) {
-            d.setDeviceButtonHandler(toSecond);
-        } else {
-            d.setDeviceButtonHandler(toFirst);
-        }
-        ++swaps;
+    for (int swaps = 0; !done; ++swaps) {
+        d.setDeviceButtonHandler(swaps % 2 == 0 ? toSecond : toFirst);
     }
     sdk.join();
     EXPECT_EQ(first + second, kCalls);
 }
 
-// ---------------------------------------------------------------------------------------------
-// Host folders
-// ---------------------------------------------------------------------------------------------
-
-class HostFolders : public testing::Test {
-protected:
-    void TearDown() override {
-        CDeviceBase::setAnnexPath(L"");
-        CDeviceBase::setDocumentPath(L"");
-        CDeviceBase::setPublicDocumentPath(L"");
-    }
-};
-
-TEST_F(HostFolders, AnnexDefaultsToTheFolderOfTheModuleHoldingTheLibrary) {
-    // libHelmsman.so is built into the annex folder, beside the device module.
-    const std::wstring expected = platform::widePath(PATHFINDER_TEST_ANNEX_DIR);
-    ASSERT_FALSE(expected.empty());
-    EXPECT_EQ(CDeviceBase::getAnnexPath(), expected);
-}
-
-TEST_F(HostFolders, AnnexSetterOverridesAndEmptyRestoresTheDefault) {
-    const std::wstring original = CDeviceBase::getAnnexPath();
-    CDeviceBase::setAnnexPath(L"/opt/measure/annex/");
-    EXPECT_EQ(CDeviceBase::getAnnexPath(), L"/opt/measure/annex");  // no trailing separator
-    CDeviceBase::setAnnexPath(L"");
-    EXPECT_EQ(CDeviceBase::getAnnexPath(), original);
-}
-
-TEST_F(HostFolders, DocumentFoldersDefaultUnderHomeAndAreSetIndependently) {
+// The annex defaults to the folder of the module holding the library (libHelmsman.so is built
+// into the annex folder, beside the device module); the document folders under HOME. Setters
+// override without a trailing separator, each folder on its own; empty restores the default.
+TEST(HostFolders, DefaultsOverridesAndTheirRestoration) {
+    const std::wstring annex = platform::widePath(PATHFINDER_TEST_ANNEX_DIR);
+    ASSERT_FALSE(annex.empty());
+    EXPECT_EQ(CDeviceBase::getAnnexPath(), annex);
     const char* home = std::getenv("HOME");
     const char* xdg = std::getenv("XDG_DOCUMENTS_DIR");
     EXPECT_FALSE(CDeviceBase::getPublicDocumentPath().empty());
@@ -242,11 +197,16 @@ TEST_F(HostFolders, DocumentFoldersDefaultUnderHomeAndAreSetIndependently) {
         EXPECT_EQ(CDeviceBase::getDocumentPath(),
                   platform::joinPath(platform::widePath(home), std::wstring(L"Documents")));
     }
+    CDeviceBase::setAnnexPath(L"/opt/measure/annex/");
     CDeviceBase::setDocumentPath(L"/home/op/Documents");
     CDeviceBase::setPublicDocumentPath(L"/srv/shared//");
+    EXPECT_EQ(CDeviceBase::getAnnexPath(), L"/opt/measure/annex");
     EXPECT_EQ(CDeviceBase::getDocumentPath(), L"/home/op/Documents");
     EXPECT_EQ(CDeviceBase::getPublicDocumentPath(), L"/srv/shared");
-    EXPECT_NE(CDeviceBase::getAnnexPath(), L"/home/op/Documents");
+    CDeviceBase::setAnnexPath(L"");
+    CDeviceBase::setDocumentPath(L"");
+    CDeviceBase::setPublicDocumentPath(L"");
+    EXPECT_EQ(CDeviceBase::getAnnexPath(), annex);
 }
 
 }  // namespace

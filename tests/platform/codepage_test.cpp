@@ -1,3 +1,5 @@
+// Code pages both ways (UTF-8 by our own codec, GBK, 7-bit ASCII), with what is replaced and
+// reported, and the wide/narrow forms of paths.
 #include <cstdint>
 #include <random>
 #include <string>
@@ -16,16 +18,6 @@ using platform::toWide;
 
 const std::wstring kMark(1, static_cast<wchar_t>(0xFFFD));
 
-// Converts both ways and checks the reported flag of each direction.
-void expectRoundTrip(const std::string& narrow, const std::wstring& wide, int codePage) {
-    bool ok = false;
-    EXPECT_EQ(toWide(narrow, codePage, &ok), wide) << testing::PrintToString(narrow);
-    EXPECT_TRUE(ok);
-    ok = false;
-    EXPECT_EQ(toNarrow(wide, codePage, &ok), narrow);
-    EXPECT_TRUE(ok);
-}
-
 std::wstring chars(std::initializer_list<uint32_t> codes) {
     std::wstring s;
     for (uint32_t c : codes) {
@@ -34,63 +26,63 @@ std::wstring chars(std::initializer_list<uint32_t> codes) {
     return s;
 }
 
-TEST(PlatformCodePages, ValidTextRoundTrips) {
-    // a, e acute (2 bytes), a CJK character (3 bytes), an emoji (4 bytes), an embedded NUL.
-    expectRoundTrip(std::string("a\xC3\xA9\xE4\xB8\xAD\xF0\x9F\x98\x80\0z", 12),
-                    chars({'a', 0xE9, 0x4E2D, 0x1F600, 0, 'z'}), kCodePageUtf8);
-    expectRoundTrip("", L"", kCodePageUtf8);
-    EXPECT_EQ(toWide("abc", kCodePageUtf8), L"abc");  // the flag is optional
-    expectRoundTrip("\xD6\xD0\xCE\xC4\xB2\xE2\xCA\xD4", L"\x4E2D\x6587\x6D4B\x8BD5", kCodePageGbk);
-    expectRoundTrip("key = \xD6\xD0", L"key = \x4E2D", kCodePageGbk);
-    expectRoundTrip("Debug.dbg = 1", L"Debug.dbg = 1", kCodePageSystem);
-
-    // Longer than any first guess of the output size.
-    std::string gbk;
-    std::wstring wide;
-    for (int i = 0; i < 5000; ++i) {
-        gbk +=
-            "\xD6\xD0"
-            "a";
-        wide +=
-            L"\x4E2D"
-            L"a";
+TEST(PlatformCodePages, ValidTextRoundTripsAndReportsSuccess) {
+    std::string longGbk;
+    std::wstring longWide;
+    for (int i = 0; i < 5000; ++i) {  // longer than any first guess of the output size
+        longGbk += std::string("\xD6\xD0") + 'a';
+        longWide += std::wstring(L"\x4E2D") + L'a';
     }
-    expectRoundTrip(gbk, wide, kCodePageGbk);
-
+    const struct {
+        std::string narrow;
+        std::wstring wide;
+        int codePage;
+    } cases[] = {
+        // a, e acute (2 bytes), a CJK character (3 bytes), an emoji (4 bytes), an embedded NUL.
+        {std::string("a\xC3\xA9\xE4\xB8\xAD\xF0\x9F\x98\x80\0z", 12),
+         chars({'a', 0xE9, 0x4E2D, 0x1F600, 0, 'z'}), kCodePageUtf8},
+        {"", L"", kCodePageUtf8},
+        {"\xD6\xD0\xCE\xC4\xB2\xE2\xCA\xD4", L"\x4E2D\x6587\x6D4B\x8BD5", kCodePageGbk},
+        {longGbk, longWide, kCodePageGbk},
+        {"Debug.dbg = 1", L"Debug.dbg = 1", kCodePageSystem},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::PrintToString(c.narrow.substr(0, 12)));
+        bool ok = false;
+        EXPECT_EQ(toWide(c.narrow, c.codePage, &ok), c.wide);
+        EXPECT_TRUE(ok);
+        ok = false;
+        EXPECT_EQ(toNarrow(c.wide, c.codePage, &ok), c.narrow);
+        EXPECT_TRUE(ok);
+    }
+    EXPECT_EQ(toWide("abc", kCodePageUtf8), L"abc");  // the flag is optional
     EXPECT_EQ(platform::nativePath(L"/tmp/\x4E2D\x6587/a b"), "/tmp/\xE4\xB8\xAD\xE6\x96\x87/a b");
     EXPECT_EQ(platform::widePath("/tmp/\xE4\xB8\xAD\xE6\x96\x87/a b"), L"/tmp/\x4E2D\x6587/a b");
 }
 
 TEST(PlatformCodePages, InvalidBytesAreReplacedAndReported) {
-    struct Case {
+    const std::wstring m = kMark;
+    const struct {
         std::string bytes;
         int codePage;
         std::wstring expected;
-    };
-    const std::wstring m = kMark;
-    const Case cases[] = {
-        {"a\xFF"
-         "b",
-         kCodePageUtf8, L"a" + m + L"b"},    // never a UTF-8 byte
-        {"\x80", kCodePageUtf8, m},          // lone continuation byte
-        {"\xC0\xAF", kCodePageUtf8, m + m},  // overlong '/'
-        {"\xE4\xB8"
-         "a",
-         kCodePageUtf8, m + L"a"},                           // truncated 3-byte sequence, one mark
+    } cases[] = {
+        {"a\xFFz", kCodePageUtf8, L"a" + m + L"z"},          // never a UTF-8 byte
+        {"\x80", kCodePageUtf8, m},                          // lone continuation byte
+        {"\xC0\xAF", kCodePageUtf8, m + m},                  // overlong '/'
+        {"\xE4\xB8z", kCodePageUtf8, m + L"z"},              // truncated 3-byte sequence
         {"\xE4\xB8", kCodePageUtf8, m},                      // truncated at the end
         {"\xED\xA0\x80", kCodePageUtf8, m + m + m},          // encoded surrogate
         {"\xF4\x90\x80\x80", kCodePageUtf8, m + m + m + m},  // above U+10FFFF
         {"\xF0\x9F\x98", kCodePageUtf8, m},                  // truncated 4-byte sequence
         {"\xE0\x80\xAF", kCodePageUtf8, m + m + m},          // overlong 3-byte form
-        // 0xD6 needs a trail byte of 0x40..0xFE; '0' is none, so it stays a character.
-        {"a\xD6"
-         "0b",
-         kCodePageGbk, L"a" + m + L"0b"},
+        // 0xD6 needs a trail byte of 0x40..0xFE; ' ' is none, so it stays a character.
+        {"a\xD6 b", kCodePageGbk, L"a" + m + L" b"},
         {"ab\xD6", kCodePageGbk, L"ab" + m},
         {"x\xE9", kCodePageSystem, L"x" + m},
         {"abc", 1252, L""},  // an unknown code page converts nothing
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         bool ok = true;
         EXPECT_EQ(toWide(c.bytes, c.codePage, &ok), c.expected) << testing::PrintToString(c.bytes);
         EXPECT_FALSE(ok) << testing::PrintToString(c.bytes);
@@ -98,18 +90,17 @@ TEST(PlatformCodePages, InvalidBytesAreReplacedAndReported) {
 }
 
 TEST(PlatformCodePages, UnencodableCharactersBecomeQuestionMarks) {
-    struct Case {
+    const struct {
         std::wstring wide;
         int codePage;
         std::string expected;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {chars({'a', 0xD800, 0x110000, 'b'}), kCodePageUtf8, "a??b"},  // no characters at all
         {chars({'a', 0x1F600, 0x4E2D}), kCodePageGbk, "a?\xD6\xD0"},   // no emoji in GBK
         {chars({'x', 0xE9, 0x4E2D}), kCodePageSystem, "x??"},
         {L"abc", -1, ""},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         bool ok = true;
         EXPECT_EQ(toNarrow(c.wide, c.codePage, &ok), c.expected);
         EXPECT_FALSE(ok);

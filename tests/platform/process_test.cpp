@@ -1,9 +1,8 @@
-#include <arpa/inet.h>
+// Processes: starting one (arguments, working folder, PATH, time scale), finding and ending it
+// by name, reaping only our own children, the child with captured output, module paths.
 #include <dlfcn.h>
-#include <netinet/in.h>
 #include <signal.h>
 #include <stdlib.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -81,7 +80,7 @@ std::vector<std::string> report(const std::string& program,
     return lines;
 }
 
-TEST(PlatformProcesses, StartedChildIsFoundByNameThenTerminated) {
+TEST(PlatformProcesses, StartedChildIsFoundByNameThenTerminatedAndReaped) {
     TempDir dir;
     ASSERT_FALSE(dir.path().empty());
     const std::string name = "platform_child_" + std::to_string(::getpid());
@@ -91,6 +90,7 @@ TEST(PlatformProcesses, StartedChildIsFoundByNameThenTerminated) {
     child.pid = platform::startProcess(exe, {"sleep", "30"});
     ASSERT_GT(child.pid, 0);
     EXPECT_TRUE(platform::processAlive(child.pid));
+    EXPECT_FALSE(platform::reapChild(child.pid));  // still running
 
     // The name is longer than the kernel's 15-character command name; ".exe" is ignored.
     EXPECT_TRUE(waitFor([&] { return contains(platform::findProcessesByName(name), child.pid); }));
@@ -99,32 +99,42 @@ TEST(PlatformProcesses, StartedChildIsFoundByNameThenTerminated) {
     EXPECT_FALSE(contains(platform::findProcessesByName(name.substr(0, 15)), child.pid));
 
     EXPECT_EQ(platform::terminateProcessesByName(name), 1);
-    EXPECT_TRUE(waitFor([&] { return !platform::processAlive(child.pid); }));
+    EXPECT_TRUE(waitFor([&] { return platform::reapChild(child.pid); }));
+    EXPECT_FALSE(platform::processAlive(child.pid));
     EXPECT_TRUE(platform::findProcessesByName(name).empty());
     EXPECT_EQ(platform::terminateProcessesByName(name), 0);
+
+    // Queries of nothing find nothing.
+    EXPECT_FALSE(platform::processAlive(-1) || platform::processAlive(0));
+    EXPECT_TRUE(platform::processAlive(platform::currentProcessId()));
+    EXPECT_TRUE(platform::findProcessesByName("").empty());
 }
 
-TEST(PlatformProcesses, ZombiesAreNotFound) {
-    // A short name: the kernel's command name alone identifies the ended child.
+// Children this process forked itself: a zombie is never found by name, and reaping leaves
+// it (and its exit status) to its parent.
+TEST(PlatformProcesses, ForeignChildrenAreNeitherFoundAsZombiesNorReaped) {
     TempDir dir;
     ASSERT_FALSE(dir.path().empty());
+    // A short name: the kernel's command name alone identifies the ended child.
     const std::string name = "pfz" + std::to_string(::getpid() % 100000);
     const std::string exe = copyOfChild(dir, name);
     const pid_t pid = ::fork();
     if (pid == 0) {
         ::execl(exe.c_str(), name.c_str(), "sleep", "0", static_cast<char*>(nullptr));
-        ::_exit(127);
+        ::_exit(7);
     }
     ASSERT_GT(pid, 0);
-    // Not waited for: it stays a zombie of this process.
     EXPECT_TRUE(waitFor([&] { return !platform::processAlive(pid); }));
     EXPECT_FALSE(contains(platform::findProcessesByName(name), pid));
     EXPECT_EQ(platform::terminateProcessesByName(name), 0);
+    platform::reapChildren();
     int status = 0;
-    EXPECT_EQ(::waitpid(pid, &status, 0), pid);
+    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
 }
 
-TEST(PlatformProcesses, ChildGetsArgumentsAndWorkingDirectory) {
+TEST(PlatformProcesses, ChildGetsArgumentsWorkingFolderAndPathLookup) {
     TempDir dir;
     ASSERT_FALSE(dir.path().empty());
     std::vector<std::string> lines = report(PLATFORM_TEST_CHILD, {"two words", ""}, dir.path());
@@ -147,6 +157,13 @@ TEST(PlatformProcesses, ChildGetsArgumentsAndWorkingDirectory) {
     ::setenv("PATH", saved.c_str(), 1);
     ASSERT_EQ(lines.size(), 3u);
     EXPECT_EQ(lines[2], "x");
+
+    // A missing program or folder is not started.
+    for (const char* missing :
+         {"/nonexistent/platform_no_such_program", "platform_no_such_program_in_path", ""}) {
+        EXPECT_EQ(platform::startProcess(missing), -1) << missing;
+    }
+    EXPECT_EQ(platform::startProcess(PLATFORM_TEST_CHILD, {}, dir.file("missing_folder")), -1);
 }
 
 TEST(PlatformProcesses, ChildReadsTheTimeScaleFromTheEnvironment) {
@@ -162,61 +179,6 @@ TEST(PlatformProcesses, ChildReadsTheTimeScaleFromTheEnvironment) {
         ASSERT_GE(lines.size(), 2u) << c.value;
         EXPECT_DOUBLE_EQ(std::stod(lines[1]), c.expected) << "for \"" << c.value << "\"";
     }
-}
-
-TEST(PlatformProcesses, MissingProgramOrFolderIsNotStarted) {
-    EXPECT_EQ(platform::startProcess("/nonexistent/platform_no_such_program"), -1);
-    EXPECT_EQ(platform::startProcess("platform_no_such_program_in_path"), -1);
-    EXPECT_EQ(platform::startProcess(""), -1);
-    TempDir dir;
-    EXPECT_EQ(platform::startProcess(PLATFORM_TEST_CHILD, {}, dir.file("missing_folder")), -1);
-}
-
-TEST(PlatformProcesses, ReapingLeavesForeignChildrenAlone) {
-    const pid_t own = ::fork();
-    if (own == 0) {
-        ::_exit(7);
-    }
-    ASSERT_GT(own, 0);
-    ASSERT_TRUE(waitFor([&] { return !platform::processAlive(own); }));
-    platform::reapChildren();
-    int status = 0;
-    ASSERT_EQ(::waitpid(own, &status, 0), own);
-    EXPECT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 7);
-}
-
-TEST(PlatformProcesses, QueriesOfNothingFindNothing) {
-    EXPECT_FALSE(platform::processAlive(-1));
-    EXPECT_FALSE(platform::processAlive(0));
-    EXPECT_TRUE(platform::processAlive(platform::currentProcessId()));
-    EXPECT_TRUE(platform::findProcessesByName("").empty());
-}
-
-TEST(PlatformModules, PathOfAnAddressNamesItsModule) {
-    const void* own = reinterpret_cast<const void*>(&contains);
-    const std::string path = platform::modulePathOf(own);
-    EXPECT_EQ(fs::path(path), fs::canonical("/proc/self/exe"));
-    EXPECT_EQ(platform::moduleDirOf(own), fs::path(path).parent_path().string());
-    // ::iconv_open lives in the C library, a module of its own.
-    void* symbol = ::dlsym(RTLD_DEFAULT, "iconv_open");
-    ASSERT_NE(symbol, nullptr);
-    const std::string libc = platform::modulePathOf(symbol);
-    EXPECT_NE(libc.find("libc"), std::string::npos) << libc;
-    EXPECT_EQ(libc.front(), '/');
-    EXPECT_EQ(platform::modulePathOf(nullptr), "");
-    EXPECT_EQ(platform::moduleDirOf(nullptr), "");
-    EXPECT_STREQ(platform::versionText(), PLATFORM_EXPECTED_VERSION);
-}
-
-TEST(PlatformSockets, StartupIgnoresBrokenPipes) {
-    EXPECT_TRUE(platform::socketStartup());
-    EXPECT_TRUE(platform::socketStartup());
-    int fds[2];
-    ASSERT_EQ(::pipe(fds), 0);
-    ::close(fds[0]);
-    EXPECT_LT(::write(fds[1], "x", 1), 0);  // would have ended the process without the startup
-    ::close(fds[1]);
 }
 
 // The child with captured output: lines of standard output and error in order, the last one
@@ -236,10 +198,7 @@ TEST(PlatformChildProcess, CapturesEveryLineAndEndsOnlyItsChild) {
         << error;
     EXPECT_GT(echo.pid(), 0);
     EXPECT_FALSE(echo.start(PLATFORM_TEST_CHILD, {}, nullptr, error));  // started once only
-    for (int i = 0; i < 500 && echo.alive(); ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    EXPECT_FALSE(echo.alive());
+    EXPECT_TRUE(waitFor([&] { return !echo.alive(); }, 5000));
     EXPECT_EQ(echo.pid(), -1);
     echo.stop();  // joins the reader: every line is in
     EXPECT_EQ(lines, (std::vector<std::string>{"to out", "to err"}));
@@ -261,48 +220,20 @@ TEST(PlatformChildProcess, CapturesEveryLineAndEndsOnlyItsChild) {
     EXPECT_FALSE(missing.alive());
 }
 
-TEST(PlatformSockets, AnEndpointAnswersWhileSomethingListens) {
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    ASSERT_GE(fd, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof(a);
-    ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&a), len), 0);
-    ASSERT_EQ(::listen(fd, 4), 0);
-    ASSERT_EQ(::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len), 0);
-    const uint16_t port = ntohs(a.sin_port);
-    EXPECT_TRUE(platform::endpointAnswers("127.0.0.1", port, 1000));
-    EXPECT_TRUE(platform::endpointAnswers("localhost", port, 1000));
-    ::close(fd);
-    EXPECT_FALSE(platform::endpointAnswers("127.0.0.1", port, 300));
-    EXPECT_FALSE(platform::endpointAnswers("127.0.0.1", 0, 300));
-    EXPECT_FALSE(platform::endpointAnswers("no such host.invalid", port, 300));
-}
-
-TEST(PlatformEnvironment, VariablesAndTemporaryFoldersOfTheProcess) {
-    std::string value;
-    EXPECT_TRUE(platform::setEnvironment("PF_PLATFORM_TEST", "a b=c"));
-    EXPECT_TRUE(platform::getEnvironment("PF_PLATFORM_TEST", value));
-    EXPECT_EQ(value, "a b=c");
-    EXPECT_FALSE(platform::setEnvironment("PF=BAD", "x"));
-    EXPECT_FALSE(platform::setEnvironment("", "x"));
-
-    TempDir dir;
-    std::string old;
-    const bool hadOld = platform::getEnvironment("TMPDIR", old);
-    ASSERT_TRUE(platform::setEnvironment("TMPDIR", dir.path()));
-    const std::string a = platform::makeTemporaryDirectory("pf_");
-    const std::string b = platform::makeTemporaryDirectory("pf_");
-    if (hadOld) {
-        platform::setEnvironment("TMPDIR", old);
-    } else {
-        ::unsetenv("TMPDIR");
-    }
-    EXPECT_EQ(a.rfind(dir.path() + "/pf_", 0), 0u) << a;
-    EXPECT_NE(a, b);
-    EXPECT_TRUE(platform::directoryExists(a));
-    EXPECT_TRUE(platform::directoryExists(b));
+TEST(PlatformModules, PathOfAnAddressNamesItsModule) {
+    const void* own = reinterpret_cast<const void*>(&contains);
+    const std::string path = platform::modulePathOf(own);
+    EXPECT_EQ(fs::path(path), fs::canonical("/proc/self/exe"));
+    EXPECT_EQ(platform::moduleDirOf(own), fs::path(path).parent_path().string());
+    // ::iconv_open lives in the C library, a module of its own.
+    void* symbol = ::dlsym(RTLD_DEFAULT, "iconv_open");
+    ASSERT_NE(symbol, nullptr);
+    const std::string libc = platform::modulePathOf(symbol);
+    EXPECT_NE(libc.find("libc"), std::string::npos) << libc;
+    EXPECT_EQ(libc.front(), '/');
+    EXPECT_EQ(platform::modulePathOf(nullptr), "");
+    EXPECT_EQ(platform::moduleDirOf(nullptr), "");
+    EXPECT_STREQ(platform::versionText(), PLATFORM_EXPECTED_VERSION);
 }
 
 }  // namespace

@@ -1,3 +1,4 @@
+// The process-wide time scale of every wait, and local time stamps.
 #include <ctime>
 #include <limits>
 
@@ -38,7 +39,6 @@ TEST_F(PlatformTimeScale, InvalidScalesAreRefusedAndDurationsClamped) {
         EXPECT_FALSE(platform::setTimeScale(bad)) << bad;
     }
     EXPECT_DOUBLE_EQ(platform::timeScale(), 0.5);
-
     using std::chrono::milliseconds;
     EXPECT_EQ(platform::scaledDuration(milliseconds(1000)), milliseconds(500));
     EXPECT_EQ(platform::scaledDuration(milliseconds(-3)), std::chrono::nanoseconds(0));
@@ -47,7 +47,7 @@ TEST_F(PlatformTimeScale, InvalidScalesAreRefusedAndDurationsClamped) {
     EXPECT_GT(platform::scaledDuration(std::chrono::hours(24 * 365)).count(), 0);
 }
 
-TEST(PlatformTimestamp, LayoutIsZeroPaddedWithMilliseconds) {
+TEST(PlatformTimestamp, LayoutIsZeroPaddedWithMillisecondsAndBadFormatsGiveNothing) {
     platform::LocalTime t;
     t.year = 2024;
     t.month = 3;
@@ -57,15 +57,12 @@ TEST(PlatformTimestamp, LayoutIsZeroPaddedWithMilliseconds) {
     t.second = 9;
     t.millisecond = 42;
     EXPECT_EQ(platform::formatTimestamp(t), "2024-03-05 07:08:09:042");
-
     const platform::LocalTime now = platform::localNow();
     std::tm tm{};
     ASSERT_TRUE(platform::localTime(std::time(nullptr), tm));
     EXPECT_EQ(now.year, tm.tm_year + 1900);
     EXPECT_EQ(platform::formatTimestamp(now).size(), 23u);
-}
 
-TEST(PlatformTimestamp, FormatLocalTimeRefusesBadFormats) {
     EXPECT_EQ(platform::formatLocalTime(0, "100%%"), "100%");
     for (const char* bad : {static_cast<const char*>(nullptr), "", "%Q", "trailing %"}) {
         EXPECT_EQ(platform::formatLocalTime(0, bad), "") << (bad != nullptr ? bad : "null");

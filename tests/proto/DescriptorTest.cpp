@@ -1,4 +1,5 @@
-// The compiled schema, as the generated descriptor pool sees it, against schema_table.txt.
+// The compiled schema, as the generated descriptor pool sees it, against schema_table.txt:
+// written out in the table's form, line for line, it must be the table.
 #include <google/protobuf/descriptor.h>
 #include <gtest/gtest.h>
 
@@ -12,180 +13,86 @@
 
 namespace {
 
-using google::protobuf::Descriptor;
-using google::protobuf::EnumDescriptor;
-using google::protobuf::FieldDescriptor;
-using google::protobuf::FileDescriptor;
-
-// One table line: a message field (type and label set) or an enumeration value.
-struct Row {
-    std::string owner, name, type;
-    int number = 0;
-    bool repeated = false;
-};
-
-// Owner names in first-appearance order, with how many rows each has.
-using Groups = std::vector<std::pair<std::string, int>>;
-
-struct Table {
-    std::vector<Row> fields, values;
-    Groups messages, enums;
-    std::vector<std::string> badLines;
-};
-
-void count(Groups& groups, const std::string& owner) {
-    if (groups.empty() || groups.back().first != owner) {
-        groups.emplace_back(owner, 0);
-    }
-    ++groups.back().second;
-}
-
-const Table& table() {
-    static const Table parsed = [] {
-        Table t;
-        std::ifstream in(PROTO_SCHEMA_TABLE);
-        for (std::string line; std::getline(in, line);) {
-            std::istringstream s(line);
-            std::string first, label, rest;
-            if (!(s >> first) || first[0] == '#') {
-                continue;
-            }
-            Row r;
-            if (first == "enum") {
-                if (!(s >> r.owner >> r.name >> r.number) || (s >> rest)) {
-                    t.badLines.push_back(line);
-                    continue;
-                }
-                t.values.push_back(r);
-                count(t.enums, r.owner);
-                continue;
-            }
-            r.owner = first;
-            if (!(s >> r.name >> r.number >> r.type) || ((s >> label) && label != "repeated") ||
-                (s >> rest)) {
-                t.badLines.push_back(line);
-                continue;
-            }
-            r.repeated = label == "repeated";
-            t.fields.push_back(r);
-            count(t.messages, r.owner);
-        }
-        return t;
-    }();
-    return parsed;
-}
-
-const FileDescriptor* schemaFile() {
-    // Touching a generated class links the schema's object file and registers its descriptor.
-    (void)lumora::DeviceInfo::descriptor();
-    return google::protobuf::DescriptorPool::generated_pool()->FindFileByName("lumora.proto");
-}
-
-const Descriptor* message(const std::string& name) {
-    return schemaFile()->FindMessageTypeByName(name);
-}
-
-const EnumDescriptor* enumeration(const std::string& name) {
-    return schemaFile()->FindEnumTypeByName(name);
-}
+using namespace google::protobuf;
 
 // The type of a field as the table writes it: a scalar keyword or a schema type name.
-std::string typeName(const FieldDescriptor* field) {
-    if (field->message_type() != nullptr) {
-        return field->message_type()->name();
-    }
-    if (field->enum_type() != nullptr) {
-        return field->enum_type()->name();
-    }
-    return FieldDescriptor::TypeName(field->type());
+std::string typeName(const FieldDescriptor* f) {
+    return f->message_type() != nullptr ? f->message_type()->name()
+           : f->enum_type() != nullptr  ? f->enum_type()->name()
+                                        : FieldDescriptor::TypeName(f->type());
 }
 
-TEST(SchemaFile, IsProto3PackageLumoraWithExactlyTheListedTypesInOrder) {
-    EXPECT_TRUE(table().badLines.empty()) << table().badLines.front();
-    const FileDescriptor* file = schemaFile();
+// Non-note lines of the table with their words joined by single blanks: enumeration values
+// (first word "enum") or, otherwise, message fields.
+void readTable(std::vector<std::string>& fields, std::vector<std::string>& values) {
+    std::ifstream in(PROTO_SCHEMA_TABLE);
+    for (std::string line, word; std::getline(in, line);) {
+        std::istringstream s(line);
+        std::string joined;
+        while (s >> word) {
+            joined += (joined.empty() ? "" : " ") + word;
+        }
+        if (!joined.empty() && joined[0] != '#') {
+            (joined.rfind("enum ", 0) == 0 ? values : fields).push_back(joined);
+        }
+    }
+}
+
+void expectSameLines(const std::vector<std::string>& schema,
+                     const std::vector<std::string>& table) {
+    for (std::size_t i = 0; i < std::max(schema.size(), table.size()); ++i) {
+        ASSERT_EQ(i < schema.size() ? schema[i] : "(none)", i < table.size() ? table[i] : "(none)")
+            << "line " << i << " of the schema against the table";
+    }
+}
+
+// Besides the listed messages, fields, enumerations and values in their order: proto3, package
+// lumora, nothing imported or nested; repeated numbers and enumerations travel packed (strings
+// and messages cannot); every number up to the highest is used or reserved (a retired number,
+// DeviceInfo 6 or the diagnostic records' 4, must stay reserved); enumerations start at 0.
+TEST(Schema, IsTheTableFlatProto3AndReservesEveryRetiredNumber) {
+    (void)lumora::DeviceInfo::descriptor();  // links the schema and registers its descriptor
+    const FileDescriptor* file = DescriptorPool::generated_pool()->FindFileByName("lumora.proto");
     ASSERT_NE(file, nullptr);
     EXPECT_EQ(file->syntax(), FileDescriptor::SYNTAX_PROTO3);
     EXPECT_EQ(file->package(), "lumora");
-    EXPECT_EQ(file->dependency_count(), 0);
-    EXPECT_EQ(file->service_count(), 0);
-    EXPECT_EQ(file->extension_count(), 0);
-
-    const Groups& messages = table().messages;
-    ASSERT_EQ(file->message_type_count(), static_cast<int>(messages.size()));
+    EXPECT_EQ(file->dependency_count() + file->service_count() + file->extension_count(), 0);
+    std::vector<std::string> fields, values, tableFields, tableValues;
     for (int i = 0; i < file->message_type_count(); ++i) {
-        EXPECT_EQ(file->message_type(i)->name(), messages[i].first) << "position " << i;
-    }
-    const Groups& enums = table().enums;
-    ASSERT_EQ(file->enum_type_count(), static_cast<int>(enums.size()));
-    for (int i = 0; i < file->enum_type_count(); ++i) {
-        EXPECT_EQ(file->enum_type(i)->name(), enums[i].first) << "position " << i;
-    }
-}
-
-TEST(SchemaMessages, EveryListedFieldHasItsNumberTypeAndLabel) {
-    for (const Row& row : table().fields) {
-        SCOPED_TRACE(row.owner + "." + row.name);
-        const Descriptor* m = message(row.owner);
-        ASSERT_NE(m, nullptr);
-        const FieldDescriptor* field = m->FindFieldByName(row.name);
-        ASSERT_NE(field, nullptr);
-        EXPECT_EQ(field->number(), row.number);
-        EXPECT_EQ(typeName(field), row.type);
-        EXPECT_EQ(field->is_repeated(), row.repeated);
-        // Repeated numbers and enumerations travel packed; strings and messages cannot.
-        const bool packable = field->cpp_type() != FieldDescriptor::CPPTYPE_STRING &&
-                              field->cpp_type() != FieldDescriptor::CPPTYPE_MESSAGE;
-        EXPECT_EQ(field->is_packed(), row.repeated && packable);
-    }
-}
-
-TEST(SchemaMessages, AreFlatWithNoOtherFieldsAndReserveEveryGap) {
-    for (const auto& [name, fields] : table().messages) {
-        SCOPED_TRACE(name);
-        const Descriptor* m = message(name);
-        ASSERT_NE(m, nullptr);
-        EXPECT_EQ(m->field_count(), fields);
+        const Descriptor* m = file->message_type(i);
         EXPECT_EQ(m->nested_type_count() + m->enum_type_count() + m->oneof_decl_count(), 0);
         int highest = 0;
-        for (int i = 0; i < m->field_count(); ++i) {
-            highest = std::max(highest, m->field(i)->number());
+        for (int k = 0; k < m->field_count(); ++k) {
+            const FieldDescriptor* f = m->field(k);
+            fields.push_back(m->name() + " " + f->name() + " " + std::to_string(f->number()) + " " +
+                             typeName(f) + (f->is_repeated() ? " repeated" : ""));
+            const bool packable = f->cpp_type() != FieldDescriptor::CPPTYPE_STRING &&
+                                  f->cpp_type() != FieldDescriptor::CPPTYPE_MESSAGE;
+            EXPECT_EQ(f->is_packed(), f->is_repeated() && packable) << fields.back();
+            highest = std::max(highest, f->number());
         }
-        // A retired number (DeviceInfo 6, the diagnostic records' 4) must stay reserved.
-        for (int number = 1; number <= highest + 1; ++number) {
-            const bool used = m->FindFieldByNumber(number) != nullptr;
-            EXPECT_EQ(m->IsReservedNumber(number), !used && number <= highest) << number;
+        for (int n = 1; n <= highest + 1; ++n) {
+            EXPECT_EQ(m->IsReservedNumber(n), !m->FindFieldByNumber(n) && n <= highest)
+                << m->name() << " " << n;
         }
     }
-}
-
-TEST(SchemaEnums, EveryListedValueHasItsNumber) {
-    for (const Row& row : table().values) {
-        SCOPED_TRACE(row.owner + "." + row.name);
-        const EnumDescriptor* e = enumeration(row.owner);
-        ASSERT_NE(e, nullptr);
-        const auto* value = e->FindValueByName(row.name);
-        ASSERT_NE(value, nullptr);
-        EXPECT_EQ(value->number(), row.number);
-    }
-}
-
-TEST(SchemaEnums, HaveNoOtherValuesStartAtZeroAndReserveEveryGap) {
-    for (const auto& [name, values] : table().enums) {
-        SCOPED_TRACE(name);
-        const EnumDescriptor* e = enumeration(name);
-        ASSERT_NE(e, nullptr);
-        EXPECT_EQ(e->value_count(), values);
-        ASSERT_GT(e->value_count(), 0);
-        EXPECT_EQ(e->value(0)->number(), 0);
+    for (int i = 0; i < file->enum_type_count(); ++i) {
+        const EnumDescriptor* e = file->enum_type(i);
+        EXPECT_EQ(e->value(0)->number(), 0) << e->name();
         int highest = 0;
-        for (int i = 0; i < e->value_count(); ++i) {
-            highest = std::max(highest, e->value(i)->number());
+        for (int k = 0; k < e->value_count(); ++k) {
+            values.push_back("enum " + e->name() + " " + e->value(k)->name() + " " +
+                             std::to_string(e->value(k)->number()));
+            highest = std::max(highest, e->value(k)->number());
         }
-        for (int number = 0; number <= highest; ++number) {
-            const bool used = e->FindValueByNumber(number) != nullptr;
-            EXPECT_NE(used, e->IsReservedNumber(number)) << number;
+        for (int n = 0; n <= highest; ++n) {
+            EXPECT_NE(e->FindValueByNumber(n) != nullptr, e->IsReservedNumber(n))
+                << e->name() << " " << n;
         }
     }
+    readTable(tableFields, tableValues);
+    expectSameLines(fields, tableFields);
+    expectSameLines(values, tableValues);
 }
 
 }  // namespace

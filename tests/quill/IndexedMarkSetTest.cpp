@@ -5,55 +5,37 @@
 
 #include <cmath>
 #include <limits>
+#include <tuple>
 #include <vector>
 
 #include "QuillTestUtil.h"
-#include "quill/Quill.h"
-#include "sim/MarkerScene.h"
 
 using namespace quilltest;
 
 namespace {
 
-struct Outcome {
-    int result = 0;
-    int status = 0;
-    Eigen::Matrix4d transform;
-    std::vector<int> flags;
-    float err = 0.0f;
-    int matched = 0;
-};
-
-Outcome run(Quill::MyMatchMarkClass_update& m, std::vector<Quill::mark_data> moving,
-            std::vector<Quill::mark_data>* fixed, const Quill::IndexedMarkSet* indexed) {
-    Outcome o;
-    const int n = static_cast<int>(moving.size());
-    o.result = indexed != nullptr ? m.MarkRegistration(moving.data(), n, *indexed, -1, 0)
-                                  : m.MarkRegistration(moving.data(), n, fixed->data(),
-                                                       static_cast<int>(fixed->size()), -1, 0);
-    o.status = m.get_final_status();
-    o.transform = m.get_final_transform();
-    o.flags = m.get_final_match_flag();
-    o.err = m.get_final_err();
-    o.matched = m.get_final_match_n();
-    return o;
+// Everything a registration gives: result, status, matched count, error, flags, transform.
+using Outcome = std::tuple<int, int, int, float, std::vector<int>, std::vector<double>>;
+Outcome outcome(const Quill::MyMatchMarkClass_update& m, int result) {
+    const Eigen::Matrix4d T = m.get_final_transform();
+    return {result,
+            m.get_final_status(),
+            m.get_final_match_n(),
+            m.get_final_err(),
+            m.get_final_match_flag(),
+            {T.data(), T.data() + 16}};
 }
 
 // Registers `moving` both ways with one matcher and demands identical outcomes.
-void expectSame(Quill::MyMatchMarkClass_update& m, const std::vector<Quill::mark_data>& moving,
+void expectSame(Quill::MyMatchMarkClass_update& m, std::vector<Quill::mark_data> moving,
                 std::vector<Quill::mark_data>& fixed, const Quill::IndexedMarkSet& indexed,
                 int* successes) {
-    const Outcome a = run(m, moving, &fixed, nullptr);
-    const Outcome b = run(m, moving, nullptr, &indexed);
-    ASSERT_EQ(a.result, b.result);
-    ASSERT_EQ(a.status, b.status);
-    ASSERT_EQ(a.flags, b.flags);
-    ASSERT_EQ(a.matched, b.matched);
-    ASSERT_EQ(a.err, b.err);
-    for (int k = 0; k < 16; ++k)
-        ASSERT_EQ(a.transform(k / 4, k % 4), b.transform(k / 4, k % 4));
-    if (a.result == 1)
-        ++*successes;
+    std::vector<Quill::mark_data> again = moving;
+    const int n = static_cast<int>(moving.size());
+    const Outcome plain = outcome(m, m.MarkRegistration(moving.data(), n, fixed.data(),
+                                                        static_cast<int>(fixed.size()), -1, 0));
+    ASSERT_EQ(plain, outcome(m, m.MarkRegistration(again.data(), n, indexed, -1, 0)));
+    *successes += std::get<0>(plain) == 1;
 }
 
 TEST(IndexedMarkSet, RegistersEveryFrameExactlyAsThePlainArray) {

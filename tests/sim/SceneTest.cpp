@@ -1,18 +1,18 @@
 // The physical scene checked against its own truth: laser points, markers and holes mapped
-// with the frame's pose and the tracker's true transfer matrix land on the part; chained
-// trackers agree; the same seed gives the same frames; the truth files read back.
+// with the frame's pose and the tracker's true transfer matrix land on the part (or on the
+// artefact the frame looks at); chained trackers agree; the noise has its set levels and
+// shape; the same seed gives the same frames; the truth files read back, bad ones are refused.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <Eigen/Geometry>
 #include <Eigen/LU>
 #include <algorithm>
-#include <cstring>
-
 #include <cmath>
-#include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <nlohmann/json.hpp>
 #include <set>
 #include <thread>
 
@@ -32,6 +32,14 @@ Eigen::Vector3d toPart(const sim::ScanFrame& f, const Matrix16& m, const Eigen::
     return sim::applyTransferInverse(m, k);
 }
 
+Eigen::Matrix3d rotationOf(const Matrix16& m) {
+    Eigen::Matrix3d B;
+    for (int k = 0; k < 9; ++k) {
+        B(k / 3, k % 3) = m[4 * (k / 3) + k % 3];
+    }
+    return B;
+}
+
 std::unique_ptr<sim::Scene> makeScene(sim::SceneOptions o) {
     std::string error;
     auto s = sim::Scene::create(o, &error);
@@ -39,34 +47,34 @@ std::unique_ptr<sim::Scene> makeScene(sim::SceneOptions o) {
     return s;
 }
 
-sim::SceneOptions noiseless() {
+sim::SceneOptions noiseless(bool artefacts = false) {
     sim::SceneOptions o;
-    o.laserNoise = o.poseNoiseMm = o.poseNoiseDeg = o.markerNoise = 0;
-    o.laserNormalNoiseDeg = 0;
+    o.laserNoise = o.poseNoiseMm = o.poseNoiseDeg = o.markerNoise = o.laserNormalNoiseDeg = 0;
+    o.artefacts = artefacts;
+    o.artefactFrames = 8;
     return o;
 }
 
-// Frame `index` of two scenes that differ only in their noise: the same rays and hits.
-void sameFrame(const sim::Scene& exact, const sim::Scene& noisy, int index, sim::ScanFrame& fe,
-               sim::ScanFrame& fn) {
-    sim::FrameRequest rq;
+sim::ScanFrame frameOf(const sim::Scene& s, int index, sim::FrameRequest rq = {}) {
     rq.index = index;
-    exact.frame(rq, fe);
-    noisy.frame(rq, fn);
+    sim::ScanFrame f;
+    s.frame(rq, f);
+    return f;
 }
 
 // Distances of a frame's laser points to the part, through the true matrix of its tracker.
 std::vector<double> laserDistances(const sim::Scene& s, const sim::MeshDistance& md,
                                    const sim::ScanFrame& f) {
     std::vector<double> d;
-    const Matrix16& m = s.truth().transfer.at(f.trackerId);
     for (const auto& p : f.points) {
-        d.push_back(md.distance(toPart(f, m, p)));
+        d.push_back(md.distance(toPart(f, s.truth().transfer.at(f.trackerId), p)));
     }
     return d;
 }
 
-}  // namespace
+bool sameBytes(const std::vector<Eigen::Vector3d>& a, const std::vector<Eigen::Vector3d>& b) {
+    return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * 24) == 0;
+}
 
 TEST(SimScene, DefaultPartMarkersAndTrackersAreSound) {
     auto s = makeScene(sim::SceneOptions());
@@ -82,9 +90,7 @@ TEST(SimScene, DefaultPartMarkersAndTrackersAreSound) {
         EXPECT_NEAR(m.normal.norm(), 1.0, 1e-12);
         EXPECT_EQ(m.diameter, 6.0);
         for (const auto& o : t.markers) {
-            if (o.id != m.id) {
-                EXPECT_GE((o.position - m.position).norm(), 20.0);
-            }
+            EXPECT_TRUE(o.id == m.id || (o.position - m.position).norm() >= 20.0);
         }
     }
     EXPECT_EQ(ids.size(), 100u);
@@ -94,29 +100,20 @@ TEST(SimScene, DefaultPartMarkersAndTrackersAreSound) {
         const Eigen::Vector3d p(rng.uniform(-350, 350), rng.uniform(-250, 250),
                                 rng.uniform(-50, 100));
         double best = 1e300;
-        for (size_t k = 0; k < t.part.triangles.size(); ++k) {
-            const auto& tri = t.part.triangles[k];
-            best = std::min(best,
-                            (sim::closestPointOnTriangle(p, t.part.vertices[tri[0]].cast<double>(),
-                                                         t.part.vertices[tri[1]].cast<double>(),
-                                                         t.part.vertices[tri[2]].cast<double>()) -
-                             p)
-                                .norm());
+        for (const auto& tri : t.part.triangles) {
+            const auto corner = [&](int k) { return t.part.vertices[tri[k]].cast<double>(); };
+            best = std::min(
+                best, (sim::closestPointOnTriangle(p, corner(0), corner(1), corner(2)) - p).norm());
         }
         EXPECT_NEAR(md.distance(p), best, 1e-9);
     }
     // The true matrices are rigid and place the part in front of each tracker.
-    auto s3 = makeScene([] {
-        sim::SceneOptions o;
-        o.trackers = 3;
-        return o;
-    }());
+    sim::SceneOptions o;
+    o.trackers = 3;
+    auto s3 = makeScene(o);
     ASSERT_EQ(s3->truth().transfer.size(), 3u);
     for (const auto& [id, m] : s3->truth().transfer) {
-        Eigen::Matrix3d B;
-        for (int r = 0; r < 3; ++r)
-            for (int c = 0; c < 3; ++c)
-                B(r, c) = m[4 * r + c];
+        const Eigen::Matrix3d B = rotationOf(m);
         EXPECT_NEAR((B * B.transpose() - Eigen::Matrix3d::Identity()).norm(), 0, 1e-12) << id;
         EXPECT_NEAR(B.determinant(), 1.0, 1e-12) << id;
         EXPECT_GT(sim::applyTransfer(m, Eigen::Vector3d::Zero()).z(), 2500.0) << id;
@@ -127,22 +124,21 @@ TEST(SimScene, LaserPointsLieOnThePartExactlyWithoutNoiseAndWithinThreeSigmaWith
     auto exact = makeScene(noiseless());
     auto noisy = makeScene(sim::SceneOptions());
     sim::MeshDistance md(exact->truth().part);
-    size_t total = 0;
     double worstExact = 0, sumSq = 0;
-    size_t count = 0, outside = 0;
+    size_t total = 0, count = 0, outside = 0;
     const sim::SceneOptions& o = noisy->options();
     // The pose noise moves points too: 0.001 degree at 300 mm is 0.005 mm.
     const double sigma = std::sqrt(o.laserNoise * o.laserNoise + o.poseNoiseMm * o.poseNoiseMm +
                                    std::pow(o.poseNoiseDeg * M_PI / 180 * 450, 2));
     for (int i = 0; i < 3000; i += 150) {
-        sim::ScanFrame fe, fn;
-        sameFrame(*exact, *noisy, i, fe, fn);
+        const sim::ScanFrame fe = frameOf(*exact, i), fn = frameOf(*noisy, i);
         ASSERT_TRUE(fe.scannerSeen) << i;
         EXPECT_GT(fe.points.size(), 1000u) << i;
         EXPECT_EQ(fe.points.size(), fn.points.size());
         EXPECT_EQ(fe.lines.size(), 7u);
-        for (double d : laserDistances(*exact, md, fe))
+        for (double d : laserDistances(*exact, md, fe)) {
             worstExact = std::max(worstExact, d);
+        }
         for (double d : laserDistances(*noisy, md, fn)) {
             sumSq += d * d;
             ++count;
@@ -168,17 +164,15 @@ TEST(SimScene, LaserPointsLieOnThePartExactlyWithoutNoiseAndWithinThreeSigmaWith
 // coordinates; normals tilted by the set angle per axis; noiseless points on their line's plane.
 // A second thread gets the same frame.
 TEST(SimScene, LaserNoiseHasTheSetLevelsAndAGaussianShape) {
-    sim::SceneOptions quiet = noiseless();
-    auto exact = makeScene(quiet);
-    sim::SceneOptions o = quiet;
+    auto exact = makeScene(noiseless());
+    sim::SceneOptions o = noiseless();
     o.laserNoise = 0.02;
     o.laserNormalNoiseDeg = 0.5;
     auto noisy = makeScene(o);
     double sum = 0, sumSq = 0, sumXY = 0, worst = 0, angleSq = 0, worstPlane = 0;
-    size_t n = 0, beyond2 = 0, normals = 0;
+    size_t n = 0, beyond2 = 0;
     for (int i = 0; i < 2400; i += 200) {
-        sim::ScanFrame fe, fn;
-        sameFrame(*exact, *noisy, i, fe, fn);
+        const sim::ScanFrame fe = frameOf(*exact, i), fn = frameOf(*noisy, i);
         ASSERT_EQ(fe.points.size(), fn.points.size()) << i;
         for (size_t k = 0; k < fe.points.size(); ++k) {
             const Eigen::Vector3d r = (fn.points[k] - fe.points[k]) / o.laserNoise;
@@ -192,7 +186,6 @@ TEST(SimScene, LaserNoiseHasTheSetLevelsAndAGaussianShape) {
             n += 3;
             const double cosA = std::clamp(fn.normals[k].dot(fe.normals[k]), -1.0, 1.0);
             angleSq += std::pow(std::acos(cosA) * 180 / M_PI, 2);
-            ++normals;
             ASSERT_NEAR(fn.normals[k].norm(), 1.0, 1e-12);
         }
         for (const sim::LaserLineInfo& l : fe.lines) {
@@ -202,14 +195,10 @@ TEST(SimScene, LaserNoiseHasTheSetLevelsAndAGaussianShape) {
             }
         }
         if (i == 1200) {
-            sim::FrameRequest rq;
-            rq.index = i;
             sim::ScanFrame other;
-            std::thread([&] { noisy->frame(rq, other); }).join();
-            ASSERT_EQ(other.points.size(), fn.points.size());
-            EXPECT_EQ(0, std::memcmp(other.points.data(), fn.points.data(), fn.points.size() * 24));
-            EXPECT_EQ(0,
-                      std::memcmp(other.normals.data(), fn.normals.data(), fn.normals.size() * 24));
+            std::thread([&] { other = frameOf(*noisy, i); }).join();
+            EXPECT_TRUE(sameBytes(other.points, fn.points));
+            EXPECT_TRUE(sameBytes(other.normals, fn.normals));
         }
     }
     ASSERT_GT(n, 300000u);
@@ -221,7 +210,7 @@ TEST(SimScene, LaserNoiseHasTheSetLevelsAndAGaussianShape) {
     EXPECT_GT(worst, 3.5);
     EXPECT_LT(std::fabs(sumXY / (n / 3)), 0.015);
     // A tilt of sigma about each of the two axes across the normal: RMS angle sigma * sqrt 2.
-    EXPECT_NEAR(std::sqrt(angleSq / normals), o.laserNormalNoiseDeg * std::sqrt(2.0), 0.02);
+    EXPECT_NEAR(std::sqrt(angleSq / (n / 3)), o.laserNormalNoiseDeg * std::sqrt(2.0), 0.02);
     EXPECT_LT(worstPlane, 1e-9);
 }
 
@@ -235,11 +224,9 @@ TEST(SimScene, MarkersAndHolesMapOntoTheTruthFromEveryTracker) {
     for (int i = 0; i < 6000; i += 97) {
         for (int tr = 0; tr < 2; ++tr) {
             sim::FrameRequest rq;
-            rq.index = i;
             rq.holes = true;
             rq.tracker = tr;
-            sim::ScanFrame f;
-            s->frame(rq, f);
+            const sim::ScanFrame f = frameOf(*s, i, rq);
             const Matrix16& m = s->truth().transfer.at(f.trackerId);
             for (const auto& k : f.markers) {
                 const auto& truth = s->truth().markers[static_cast<size_t>(k.id)];
@@ -251,16 +238,14 @@ TEST(SimScene, MarkersAndHolesMapOntoTheTruthFromEveryTracker) {
                 continue;
             }
             observers.insert(f.trackerId);
-            for (double d : laserDistances(*s, md, f))
+            for (double d : laserDistances(*s, md, f)) {
                 ASSERT_LT(d, 1e-6) << f.trackerId;
+            }
             for (const auto& h : f.holes) {
                 const auto& truth = s->truth().holes[static_cast<size_t>(h.id)];
                 EXPECT_LT((sim::applyTransferInverse(m, h.centre) - truth.centre).norm(), 1e-9);
-                Eigen::Matrix3d B;
-                for (int r = 0; r < 3; ++r)
-                    for (int c = 0; c < 3; ++c)
-                        B(r, c) = m[4 * r + c];
-                EXPECT_NEAR((B.transpose() * h.direction - truth.direction).norm(), 0, 1e-12);
+                EXPECT_NEAR((rotationOf(m).transpose() * h.direction - truth.direction).norm(), 0,
+                            1e-12);
                 for (const auto& e : h.edge) {
                     EXPECT_NEAR((sim::applyTransferInverse(m, e) - truth.centre).norm(),
                                 truth.radius, 1e-9);
@@ -276,15 +261,10 @@ TEST(SimScene, MarkersAndHolesMapOntoTheTruthFromEveryTracker) {
     EXPECT_LT(invalid, markers / 2);
     // Left alone, frames come from the tracker that sees the scanner best, and both get turns.
     std::set<int> chosen;
-    int previous = -1;
+    sim::FrameRequest rq;
     for (int i = 0; i < 6000; i += 20) {
-        sim::FrameRequest rq;
-        rq.index = i;
-        rq.previousTracker = previous;
-        sim::ScanFrame f;
-        s->frame(rq, f);
-        chosen.insert(f.tracker);
-        previous = f.tracker;
+        rq.previousTracker = frameOf(*s, i, rq).tracker;
+        chosen.insert(rq.previousTracker);
     }
     EXPECT_TRUE(chosen.count(0) && chosen.count(1));
 }
@@ -304,20 +284,16 @@ TEST(SimScene, SameSeedSameFramesAndTruthFilesReadBack) {
     }
     EXPECT_TRUE(differs);
     sim::FrameRequest rq;
-    rq.index = 321;
     rq.holes = rq.edges = true;
-    sim::ScanFrame f1, f2, f3;
-    a->frame(rq, f1);
-    sim::FrameRequest other = rq;
-    other.index = 5;
-    b->frame(other, f3);  // generating another frame first changes nothing
-    b->frame(rq, f2);
-    ASSERT_EQ(f1.points.size(), f2.points.size());
-    EXPECT_EQ(0, std::memcmp(f1.points.data(), f2.points.data(), f1.points.size() * 24));
+    const sim::ScanFrame f1 = frameOf(*a, 321, rq);
+    frameOf(*b, 5, rq);  // generating another frame first changes nothing
+    const sim::ScanFrame f2 = frameOf(*b, 321, rq);
+    EXPECT_TRUE(sameBytes(f1.points, f2.points));
     EXPECT_EQ(0, std::memcmp(f1.rotation, f2.rotation, sizeof f1.rotation));
     ASSERT_EQ(f1.markers.size(), f2.markers.size());
-    for (size_t k = 0; k < f1.markers.size(); ++k)
+    for (size_t k = 0; k < f1.markers.size(); ++k) {
         EXPECT_EQ(f1.markers[k].centre, f2.markers[k].centre);
+    }
 
     const std::string dir = ::testing::TempDir() + "/sim_truth_" + std::to_string(::getpid());
     std::string error;
@@ -337,37 +313,34 @@ TEST(SimScene, SameSeedSameFramesAndTruthFilesReadBack) {
     sim::SceneOptions fromFiles = a->options();
     fromFiles.meshPath = dir + "/part.ply";
     fromFiles.markersPath = dir + "/markers.txt";
-    auto d = makeScene(fromFiles);
-    sim::ScanFrame f4;
     rq.holes = false;
-    a->frame(rq, f1);
-    d->frame(rq, f4);
-    ASSERT_EQ(f4.points.size(), f1.points.size());
-    EXPECT_EQ(0, std::memcmp(f1.points.data(), f4.points.data(), f1.points.size() * 24));
+    EXPECT_TRUE(
+        sameBytes(frameOf(*makeScene(fromFiles), 321, rq).points, frameOf(*a, 321, rq).points));
 
     // Bad files are refused with a reason.
-    { std::ofstream(dir + "/bad.txt") << "1 0 0 0 0 0 0 6\n"; }
+    const auto write = [&](const std::string& name, const std::string& bytes) {
+        std::ofstream(dir + "/" + name, std::ios::binary) << bytes;
+        return dir + "/" + name;
+    };
     std::vector<sim::TruthMarker> ms;
-    EXPECT_FALSE(sim::loadMarkers(dir + "/bad.txt", ms, &error));
+    EXPECT_FALSE(sim::loadMarkers(write("bad.txt", "1 0 0 0 0 0 0 6\n"), ms, &error));
     EXPECT_NE(error.find(":1:"), std::string::npos);
-    { std::ofstream(dir + "/cut.bin", std::ios::binary) << std::string("\x02\0\0\0TRK", 7); }
     std::vector<std::pair<std::string, Matrix16>> cascade;
-    EXPECT_FALSE(sim::readCascade(dir + "/cut.bin", cascade, &error));
-    { std::ofstream(dir + "/bad.ply") << "ply\nformat ascii 1.0\nelement vertex 1\n"; }
+    EXPECT_FALSE(sim::readCascade(write("cut.bin", std::string("\x02\0\0\0TRK", 7)), cascade));
     sim::TriangleMesh mesh;
-    EXPECT_FALSE(sim::loadMesh(dir + "/bad.ply", mesh, &error));
-    EXPECT_FALSE(sim::loadMesh(dir + "/none.obj", mesh, &error));
+    EXPECT_FALSE(
+        sim::loadMesh(write("bad.ply", "ply\nformat ascii 1.0\nelement vertex 1\n"), mesh));
+    EXPECT_FALSE(sim::loadMesh(dir + "/none.obj", mesh));
+    EXPECT_FALSE(sim::loadMesh(write("far.obj", "v 0 0 0\nv 1 0 0\nf 1 2 3\n"), mesh, &error));
+    EXPECT_NE(error.find("names vertex 2"), std::string::npos) << error;
     // OBJ: a quad with texture and normal indices, one corner counted from the end.
-    {
-        std::ofstream(dir + "/quad.obj")
-            << "# quad\nv 0 0 0\nv 10 0 0\nv 10 10 0\nv 0 10 0\nvn 0 0 1\nf 1//1 2//1 3/1/1 -1\n";
-    }
-    ASSERT_TRUE(sim::loadMesh(dir + "/quad.obj", mesh, &error)) << error;
+    ASSERT_TRUE(sim::loadMesh(write("quad.obj",
+                                    "# quad\nv 0 0 0\nv 10 0 0\nv 10 10 0\nv 0 10 0\nvn 0 0 1\n"
+                                    "f 1//1 2//1 3/1/1 -1\n"),
+                              mesh, &error))
+        << error;
     ASSERT_EQ(mesh.triangles.size(), 2u);
     EXPECT_EQ(mesh.triangles[1], Eigen::Vector3i(0, 2, 3));
-    { std::ofstream(dir + "/far.obj") << "v 0 0 0\nv 1 0 0\nf 1 2 3\n"; }
-    EXPECT_FALSE(sim::loadMesh(dir + "/far.obj", mesh, &error));
-    EXPECT_NE(error.find("names vertex 2"), std::string::npos) << error;
     std::filesystem::remove_all(dir);
 }
 
@@ -382,35 +355,31 @@ TEST(SimScene, DynamicTrackingAndMarkerModelFrames) {
     o.motionPeriodS = 4;
     auto s = makeScene(o);
     sim::MeshDistance md(s->truth().part);
-    const sim::Matrix16 identity =
+    const Matrix16 identity =
         sim::transferFromMotion(Eigen::Matrix3d::Identity(), Eigen::Vector3d::Zero());
     double moved = 0;
     size_t viewed = 0;
     for (int i = 0; i < 2400; i += 120) {
         sim::FrameRequest rq;
-        rq.index = i;
         rq.dynamic = true;
-        sim::ScanFrame f;
-        s->frame(rq, f);
+        const sim::ScanFrame f = frameOf(*s, i, rq);
         ASSERT_TRUE(f.scannerSeen);
-        for (const auto& p : f.points)
+        for (const auto& p : f.points) {
             ASSERT_LT(md.distance(toPart(f, identity, p)), 1e-6);
-        const sim::Matrix16& m = s->truth().transfer.at(f.trackerId);
+        }
+        const Matrix16& m = s->truth().transfer.at(f.trackerId);
         for (const auto& k : f.markers) {
             const auto& t = s->truth().markers[static_cast<size_t>(k.id)];
             moved = std::max(moved, (sim::applyTransferInverse(m, k.centre) - t.position).norm());
         }
         // Marker model building: the markers in the scanner's view, in the tracker's frame.
-        rq.dynamic = false;
-        rq.laser = false;
+        rq.dynamic = rq.laser = false;
         rq.scannerMarkers = true;
-        sim::ScanFrame v;
-        s->frame(rq, v);
+        const sim::ScanFrame v = frameOf(*s, i, rq);
         EXPECT_TRUE(v.points.empty());
         EXPECT_LT(v.markers.size(), f.markers.size());
-        const sim::Pose kToS = v.truePose.inverse();
         for (const auto& k : v.markers) {
-            const Eigen::Vector3d inS = kToS.apply(k.centre);
+            const Eigen::Vector3d inS = v.truePose.inverse().apply(k.centre);
             EXPECT_GT(inS.z(), 0.8 * o.depthNear);
             EXPECT_LT(inS.z(), 1.1 * o.depthFar);
         }
@@ -419,3 +388,105 @@ TEST(SimScene, DynamicTrackingAndMarkerModelFrames) {
     EXPECT_GT(moved, 10.0) << "the part moves under the tracker";
     EXPECT_GT(viewed, 20u * 3);
 }
+
+// Every laser point of an artefact cycle lies on the artefact its frame looks at (spheres
+// exact, not their triangles), and the scanner stays trackable.
+TEST(ArtefactScene, EveryLaserPointLiesOnItsArtefactAndTheScannerStaysTracked) {
+    auto scene = makeScene(noiseless(true));
+    const sim::ArtefactSet a = sim::artefactSet();
+    ASSERT_EQ(scene->artefactCycle(), 17 * 8);
+    EXPECT_GE(scene->truth().markers.size(), 90u);
+    std::vector<size_t> onSphere(a.spheres.size(), 0);
+    size_t onPlane = 0;
+    const sim::ArtefactPlane& pl = a.planes[0];
+    for (int i = 0; i < scene->artefactCycle(); ++i) {
+        const sim::ScanFrame f = frameOf(*scene, i);
+        ASSERT_TRUE(f.scannerSeen) << "frame " << i;
+        ASSERT_GE(f.markers.size(), 4u) << "frame " << i;
+        for (const Eigen::Vector3d& x : f.points) {
+            const Eigen::Vector3d p = toPart(f, scene->truth().transfer.at(f.trackerId), x);
+            double best = 1e9;
+            size_t which = 0;
+            for (size_t s = 0; s < a.spheres.size(); ++s) {
+                const double d =
+                    std::fabs((p - a.spheres[s].centre).norm() - 0.5 * a.spheres[s].diameter);
+                if (d < best) {
+                    best = d;
+                    which = s;
+                }
+            }
+            const double dp = std::fabs(pl.normal.dot(p - pl.centre));
+            ASSERT_LT(std::min(best, dp), 1e-6) << "frame " << i << " point " << p.transpose();
+            if (best < dp) {
+                ++onSphere[which];
+            } else {
+                ++onPlane;
+                EXPECT_LE(std::fabs(pl.axis.dot(p - pl.centre)), 0.5 * pl.length + 1e-6);
+            }
+        }
+    }
+    for (size_t s = 0; s < a.spheres.size(); ++s) {
+        EXPECT_GT(onSphere[s], 1000u) << a.spheres[s].name;
+    }
+    EXPECT_GT(onPlane, 20000u);
+}
+
+// The truth lists the layout; injected calibration errors change what they should and
+// nothing else.
+TEST(ArtefactScene, TheTruthListsTheLayoutAndInjectedErrorsChangeOnlyTheirPart) {
+    auto scene = makeScene(noiseless(true));
+    const nlohmann::json j = nlohmann::json::parse(scene->describeJson());
+    const auto& art = j.at("artefacts");
+    ASSERT_EQ(art.at("spheres").size(), 15u);
+    ASSERT_EQ(art.at("ballBars").size(), 7u);
+    const Eigen::Vector3d lo(-400, -300, 0), hi(400, 300, 500);
+    int diagonals = 0, axes = 0;
+    for (const auto& b : art.at("ballBars")) {
+        auto centre = [&](const char* k) {
+            const auto& c = art.at("spheres").at(b.at(k).get<size_t>()).at("centre");
+            return Eigen::Vector3d(c[0].get<double>(), c[1].get<double>(), c[2].get<double>());
+        };
+        const Eigen::Vector3d d = centre("b") - centre("a");
+        EXPECT_NEAR(d.norm(), b.at("distance").get<double>(), 1e-9);
+        EXPECT_GE(d.norm(), 300.0);
+        for (const char* k : {"a", "b"}) {
+            EXPECT_TRUE((centre(k).array() >= lo.array()).all() &&
+                        (centre(k).array() <= hi.array()).all());
+        }
+        const int zeros = (d.array().abs() < 1e-9).count();
+        diagonals += zeros == 0 && std::fabs(std::fabs(d.x() / d.y()) - 400.0 / 300.0) < 1e-9;
+        axes += zeros == 2;
+    }
+    EXPECT_EQ(diagonals, 4);
+    EXPECT_EQ(axes, 3);
+    EXPECT_GE(art.at("planes").at(0).at("length").get<double>(), 0.5 * (hi - lo).norm());
+
+    // A scale error of the tracker scales what it reports, not the scanner's own measurement.
+    sim::SceneOptions o = noiseless(true);
+    o.trackerScalePpm = 1000;
+    const sim::ScanFrame f0 = frameOf(*scene, 20), f1 = frameOf(*makeScene(o), 20);
+    ASSERT_TRUE(f0.scannerSeen && f1.scannerSeen);
+    for (int c = 0; c < 3; ++c) {
+        EXPECT_NEAR(f1.translation[c], 1.001 * f0.translation[c], 1e-9);
+    }
+    ASSERT_EQ(f0.markers.size(), f1.markers.size());
+    ASSERT_FALSE(f0.markers.empty());
+    EXPECT_LT((f1.markers[0].centre - 1.001 * f0.markers[0].centre).norm(), 1e-9);
+    EXPECT_EQ(f0.points, f1.points);
+    // A laser calibration error turns what the scanner reports in its own frame, nothing else.
+    o = noiseless(true);
+    o.laserRotationDeg = 0.05;
+    const sim::ScanFrame f2 = frameOf(*makeScene(o), 20);
+    ASSERT_EQ(f2.points.size(), f0.points.size());
+    ASSERT_FALSE(f0.points.empty());
+    const Eigen::Matrix3d err =
+        Eigen::AngleAxisd(0.05 * M_PI / 180, Eigen::Vector3d::UnitX()).toRotationMatrix();
+    for (size_t i = 0; i < f0.points.size(); i += 97) {
+        EXPECT_LT((f2.points[i] - err * f0.points[i]).norm(), 1e-9);
+    }
+    for (int c = 0; c < 3; ++c) {
+        EXPECT_EQ(f2.translation[c], f0.translation[c]);
+    }
+}
+
+}  // namespace

@@ -3,8 +3,8 @@
 // the reference set, giving the transform that carries the reference frame into the tracker.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cmath>
+#include <functional>
 #include <utility>
 
 #include "TrackingFixtures.h"
@@ -27,15 +27,15 @@ protected:
         std::fill(rt16, rt16 + 16, kSentinel);
     }
 
-    // Feeds still frames (frame n moved by shifts[n - 1] millimetres along the tracker's axes)
+    // Feeds still frames (frame n moved by shift(n) millimetres along the tracker's axes)
     // until one is evaluated; every earlier one must report 0. Gives the evaluation's result
     // and how many frames it took.
-    std::pair<int, int> feedUntilEvaluated(CTPScan_Markpoint& t,
-                                           const std::vector<Eigen::Vector3d>& shifts = {}) {
+    std::pair<int, int> feedUntilEvaluated(
+        CTPScan_Markpoint& t, const std::function<Eigen::Vector3d(int)>& shift = nullptr) {
         for (int n = 1; n <= 400; ++n) {
             sim::RigidMotion p = pose;
-            if (n <= static_cast<int>(shifts.size())) {
-                p.t += p.R * shifts[static_cast<std::size_t>(n - 1)];
+            if (shift) {
+                p.t += p.R * shift(n);
             }
             SDK_NV::tagScanData frame =
                 toScanData(generator.frameAt(scene.centroid(), p, options), n);
@@ -60,46 +60,43 @@ TEST_F(StaticTracking, The150thFrameGivesTheTransformFromReferenceIntoTracker) {
     ASSERT_GE(result, 5);
     EXPECT_LE(result, options.visible);
     EXPECT_EQ(CTPScan_MarkpointAccess::queued(tracker), 0u);
-
     // Inverse layout, read on column vectors: p_tracker = B p_reference + T.
     EXPECT_TRUE(hasTranRTLayout(rt16));
-    const Eigen::Matrix3d B = rotationOf(rt16);
-    const Eigen::Vector3d T = translationOf(rt16);
     double worst = 0.0;
     for (const sim::Marker& m : scene.markers()) {
-        worst = std::max(worst, (B * m.position + T - pose.inverse().apply(m.position)).norm());
+        worst = std::max(worst, (rotationOf(rt16) * m.position + translationOf(rt16) -
+                                 pose.inverse().apply(m.position))
+                                    .norm());
     }
     EXPECT_LT(worst, 0.05);
-}
 
-TEST_F(StaticTracking, AJumpAboveThreeMillimetresFailsEmptiesTheQueueAndCosts150Frames) {
-    // Frame 120 lies inside the last 50 frames; the tracker moved 5 mm for that one frame.
-    std::vector<Eigen::Vector3d> shifts(150, Eigen::Vector3d::Zero());
-    shifts[119] = Eigen::Vector3d(5.0, 0.0, 0.0);
-    EXPECT_EQ(feedUntilEvaluated(tracker, shifts), std::make_pair(-1, 150));
+    // Spurious points are seen once: the optimiser leaves them out as empty slots. A reference
+    // marker where the tracker stands (the model's origin) would be matched by an empty slot's
+    // (0, 0, 0) if such a record reached the matcher.
+    options.spuriousFraction = 0.1;
+    device::tagRefMarkpointData withOrigin = markerSet(scene);
+    withOrigin.positions.insert(withOrigin.positions.end(), {pose.t.x(), pose.t.y(), pose.t.z()});
+    withOrigin.normals.insert(withOrigin.normals.end(), {0.0, 0.0, 1.0});
+    withOrigin.values.push_back(kMarkerDiameter);
+    withOrigin.labels.push_back(scene.size());
+    tracker.importMarkpointToLibrary(withOrigin, true, false);
+    const auto [spurious, more] = feedUntilEvaluated(tracker);
+    ASSERT_EQ(more, 150);
+    EXPECT_GE(spurious, 5);
+    EXPECT_LE(spurious, options.visible);
+
+    CTPScan_Markpoint bare;  // without a reference set the evaluation fails
+    bare.initLibrary();
+    std::fill(rt16, rt16 + 16, kSentinel);
+    EXPECT_EQ(feedUntilEvaluated(bare), std::make_pair(-1, 150));
     EXPECT_TRUE(untouched(rt16, 16, kSentinel));
-    EXPECT_EQ(CTPScan_MarkpointAccess::queued(tracker), 0u);
-
-    // The buffer is gone: the next evaluation comes 150 frames later, and succeeds.
-    const auto [again, more] = feedUntilEvaluated(tracker);
-    EXPECT_EQ(more, 150);
-    EXPECT_GT(again, 0);
 }
 
-TEST_F(StaticTracking, StepsAreComparedBetweenConsecutiveFramesNotAgainstTheFirst) {
-    // A slow creep of 0.2 mm per frame with one step of 2.9 mm: the last 50 frames span more
-    // than 12 mm, but no two consecutive ones are more than 3 mm apart.
-    std::vector<Eigen::Vector3d> shifts;
-    for (int n = 0; n < 150; ++n) {
-        shifts.emplace_back(0.2 * n + (n >= 130 ? 2.7 : 0.0), 0.0, 0.0);
-    }
-    const auto [result, frames] = feedUntilEvaluated(tracker, shifts);
-    EXPECT_EQ(frames, 150);
-    EXPECT_GT(result, 0);
-}
-
-TEST_F(StaticTracking, AStepOfExactlyThreeMillimetresPassesAnyMoreFails) {
-    // The rule itself at the boundary: 3.0 passes, the next double above it fails.
+// Steps are compared between consecutive frames, not against the first: one of more than
+// 3 mm among the last 50 fails the evaluation, writes nothing and empties the queue, so that the
+// next evaluation comes 150 frames later. Exact frames carry only the float rounding of the
+// marker positions, so 1 micrometre either side of 3.0 decides.
+TEST_F(StaticTracking, AStepAboveThreeMillimetresBetweenTwoFramesFailsTheEvaluation) {
     const Eigen::Vector3d origin(10.0, -20.0, 30.0);
     EXPECT_FALSE(
         CTPScan_MarkpointAccess::staticStepTooLarge(origin, origin + Eigen::Vector3d(3, 0, 0)));
@@ -108,21 +105,39 @@ TEST_F(StaticTracking, AStepOfExactlyThreeMillimetresPassesAnyMoreFails) {
     EXPECT_TRUE(CTPScan_MarkpointAccess::staticStepTooLarge(
         Eigen::Vector3d::Zero(), Eigen::Vector3d(0, std::nextafter(3.0, 4.0), 0)));
 
-    // End to end with exact frames: the registered steps carry only float rounding of the
-    // marker positions, so 1 micrometre either side of 3.0 decides.
-    options.noiseSigma = 0.0;
-    options.normalNoiseDeg = 0.0;
-    std::vector<Eigen::Vector3d> shifts(150, Eigen::Vector3d::Zero());
-    for (int n = 130; n < 150; ++n) {
-        shifts[static_cast<std::size_t>(n)] = Eigen::Vector3d(0.0, 3.0 - 1e-3, 0.0);
+    struct Case {
+        const char* what;
+        bool exact, passes;
+        std::function<Eigen::Vector3d(int)> shift;
+    };
+    const Case cases[] = {
+        {"frame 120 moved 5 mm", false, false,
+         [](int n) { return Eigen::Vector3d(n == 120 ? 5.0 : 0.0, 0, 0); }},
+        {"a creep of 0.2 mm a frame with one step of 2.5 mm", false, true,
+         [](int n) { return Eigen::Vector3d(0.2 * n + (n > 130 ? 2.3 : 0.0), 0, 0); }},
+        {"3 mm less 1 um", true, true,
+         [](int n) { return Eigen::Vector3d(0, n > 130 ? 3.0 - 1e-3 : 0.0, 0); }},
+        {"3 mm and 1 um", true, false,
+         [](int n) { return Eigen::Vector3d(0, n > 130 ? 3.0 + 1e-3 : 0.0, 0); }},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        options.noiseSigma = c.exact ? 0.0 : 0.02;
+        options.normalNoiseDeg = c.exact ? 0.0 : 1.0;
+        std::fill(rt16, rt16 + 16, kSentinel);
+        const auto [result, frames] = feedUntilEvaluated(tracker, c.shift);
+        EXPECT_EQ(frames, 150);
+        if (c.passes) {
+            EXPECT_GT(result, 0);
+            continue;
+        }
+        EXPECT_EQ(result, -1);
+        EXPECT_TRUE(untouched(rt16, 16, kSentinel));
+        EXPECT_EQ(CTPScan_MarkpointAccess::queued(tracker), 0u);
+        const auto [again, more] = feedUntilEvaluated(tracker);
+        EXPECT_EQ(more, 150);
+        EXPECT_GT(again, 0);
     }
-    const auto [below, frames] = feedUntilEvaluated(tracker, shifts);
-    EXPECT_EQ(frames, 150);
-    EXPECT_GT(below, 0);
-    for (int n = 130; n < 150; ++n) {
-        shifts[static_cast<std::size_t>(n)] = Eigen::Vector3d(0.0, 3.0 + 1e-3, 0.0);
-    }
-    EXPECT_EQ(feedUntilEvaluated(tracker, shifts), std::make_pair(-1, 150));
 }
 
 TEST_F(StaticTracking, MalformedFramesAreSkippedWithoutLosingTheBuffer) {
@@ -152,31 +167,6 @@ TEST_F(StaticTracking, MalformedFramesAreSkippedWithoutLosingTheBuffer) {
             EXPECT_TRUE(hasTranRTLayout(rt16));
         }
     }
-}
-
-TEST_F(StaticTracking, EmptySlotsOfTheOptimisedModelNeverReachTheMatcher) {
-    // Spurious points are seen once: the optimiser leaves them out as empty slots. A reference
-    // marker where the tracker stands (the model's origin) would be matched by an empty slot's
-    // (0, 0, 0) if such a record reached the matcher.
-    options.spuriousFraction = 0.1;
-    device::tagRefMarkpointData withOrigin = markerSet(scene);
-    withOrigin.positions.insert(withOrigin.positions.end(), {pose.t.x(), pose.t.y(), pose.t.z()});
-    withOrigin.normals.insert(withOrigin.normals.end(), {0.0, 0.0, 1.0});
-    withOrigin.values.push_back(kMarkerDiameter);
-    withOrigin.labels.push_back(scene.size());
-    tracker.importMarkpointToLibrary(withOrigin, true, false);
-
-    const auto [result, frames] = feedUntilEvaluated(tracker);
-    ASSERT_EQ(frames, 150);
-    EXPECT_GE(result, 5);
-    EXPECT_LE(result, options.visible);
-}
-
-TEST_F(StaticTracking, WithoutAReferenceSetTheEvaluationFails) {
-    CTPScan_Markpoint bare;
-    bare.initLibrary();
-    EXPECT_EQ(feedUntilEvaluated(bare), std::make_pair(-1, 150));
-    EXPECT_TRUE(untouched(rt16, 16, kSentinel));
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include <Eigen/Core>
 #include <algorithm>
+#include <numeric>
 #include <vector>
 
 #include "helmsman/DeviceTypes.h"
@@ -37,13 +38,12 @@ constexpr double kMarkerDiameter = 6.0;
 inline SDK_NV::tagScanData toScanData(const sim::Frame& frame, int frameValue = 0) {
     SDK_NV::tagScanData d;
     d.m_nFrameValue = frameValue;
-    int label = 0;
     for (const sim::ObservedMarker& m : frame.markers) {
-        d.m_vecMarkerIds.push_back(label++);
-        d.m_vecMarkerCenters.insert(d.m_vecMarkerCenters.end(),
-                                    {m.position.x(), m.position.y(), m.position.z()});
-        d.m_vecMarkerNormals.insert(d.m_vecMarkerNormals.end(),
-                                    {m.normal.x(), m.normal.y(), m.normal.z()});
+        d.m_vecMarkerIds.push_back(static_cast<int>(d.m_vecMarkerIds.size()));
+        d.m_vecMarkerCenters.insert(d.m_vecMarkerCenters.end(), m.position.data(),
+                                    m.position.data() + 3);
+        d.m_vecMarkerNormals.insert(d.m_vecMarkerNormals.end(), m.normal.data(),
+                                    m.normal.data() + 3);
         d.m_vecMarkerDiameters.push_back(kMarkerDiameter);
         d.m_vecMarkerValid.push_back(1);
     }
@@ -55,44 +55,35 @@ inline sim::Frame viewOf(const sim::MarkerScene& scene, const std::vector<int>& 
                          const sim::RigidMotion& pose) {
     sim::Frame f;
     f.pose = pose;
-    const sim::RigidMotion toFrame = pose.inverse();
     for (int i : indices) {
         sim::ObservedMarker o;
         o.truth = i;
-        o.position = toFrame.apply(scene[i].position);
-        o.normal = toFrame.rotate(scene[i].normal);
+        o.position = pose.inverse().apply(scene[i].position);
+        o.normal = pose.inverse().rotate(scene[i].normal);
         f.markers.push_back(o);
     }
     return f;
 }
 
-// The scene markers `indices` (all of them when empty) as a marker set labelled by position
-// in the set.
+// The scene markers `indices` (all of them when empty), moved by `motion`, as a marker set
+// labelled by position in the set.
 inline device::tagRefMarkpointData markerSet(const sim::MarkerScene& scene,
-                                             std::vector<int> indices = {}) {
+                                             std::vector<int> indices = {},
+                                             const sim::RigidMotion& motion = {}) {
     if (indices.empty()) {
-        for (int i = 0; i < scene.size(); ++i) {
-            indices.push_back(i);
-        }
+        indices.resize(static_cast<std::size_t>(scene.size()));
+        std::iota(indices.begin(), indices.end(), 0);
     }
     device::tagRefMarkpointData set;
-    int label = 0;
     for (int i : indices) {
-        const sim::Marker& m = scene[i];
-        set.positions.insert(set.positions.end(), {m.position.x(), m.position.y(), m.position.z()});
-        set.normals.insert(set.normals.end(), {m.normal.x(), m.normal.y(), m.normal.z()});
+        const Eigen::Vector3d p = motion.apply(scene[i].position),
+                              n = motion.rotate(scene[i].normal);
+        set.positions.insert(set.positions.end(), {p.x(), p.y(), p.z()});
+        set.normals.insert(set.normals.end(), {n.x(), n.y(), n.z()});
         set.values.push_back(kMarkerDiameter);
-        set.labels.push_back(label++);
+        set.labels.push_back(static_cast<int>(set.labels.size()));
     }
     return set;
-}
-
-inline std::vector<int> range(int first, int last) {
-    std::vector<int> v;
-    for (int i = first; i <= last; ++i) {
-        v.push_back(i);
-    }
-    return v;
 }
 
 // A pose a tracker might stand in relative to the part: turned and a metre or two away.
@@ -118,11 +109,8 @@ inline bool untouched(const double* values, int n, double sentinel) {
 // A 16-double transform in the TranRT layout: rotation row by row in elements 0-2, 4-6, 8-10,
 // translation in 12-14, zeros in 3, 7, 11 and a one in 15.
 inline Eigen::Matrix3d rotationOf(const double* rt16) {
-    Eigen::Matrix3d R;
-    for (int k = 0; k < 9; ++k) {
-        R(k / 3, k % 3) = rt16[4 * (k / 3) + k % 3];
-    }
-    return R;
+    return Eigen::Map<const Eigen::Matrix<double, 3, 3, Eigen::RowMajor>, 0, Eigen::OuterStride<4>>(
+        rt16);
 }
 inline Eigen::Vector3d translationOf(const double* rt16) {
     return Eigen::Vector3d(rt16[12], rt16[13], rt16[14]);
@@ -132,18 +120,24 @@ inline bool hasTranRTLayout(const double* rt16) {
 }
 
 // Largest distance between R p + t for the true markers p of `frame`, in the frame's
-// coordinates, and the same markers in the scene: how well the transform maps a region,
-// unlike a bare translation that depends on the lever arm.
+// coordinates, and the same markers in the scene moved by `motion`: how well the transform
+// maps a region, unlike a bare translation that depends on the lever arm.
 inline double worstMapping(const Eigen::Matrix3d& R, const Eigen::Vector3d& t,
-                           const sim::Frame& frame, const sim::MarkerScene& scene) {
+                           const sim::Frame& frame, const sim::MarkerScene& scene,
+                           const sim::RigidMotion& motion = {}) {
     double worst = 0.0;
     for (const sim::ObservedMarker& m : frame.markers) {
         if (m.truth >= 0) {
             const Eigen::Vector3d p = scene[m.truth].position;
-            worst = std::max(worst, (R * frame.pose.inverse().apply(p) + t - p).norm());
+            worst =
+                std::max(worst, (R * frame.pose.inverse().apply(p) + t - motion.apply(p)).norm());
         }
     }
     return worst;
+}
+inline double worstMapping(const double* rt16, const sim::Frame& frame,
+                           const sim::MarkerScene& scene, const sim::RigidMotion& motion = {}) {
+    return worstMapping(rotationOf(rt16), translationOf(rt16), frame, scene, motion);
 }
 
 }  // namespace tracking_test

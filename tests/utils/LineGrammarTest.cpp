@@ -3,7 +3,7 @@
 
 #include <random>
 #include <string>
-#include <utility>
+#include <tuple>
 #include <vector>
 
 #include "utils/ConfigEditor.h"
@@ -16,24 +16,13 @@ namespace {
 
 // A line and how it splits; without a key the line is kept but not indexed.
 struct Split {
-    Split(std::wstring l, std::wstring k = L"", std::wstring s = L"", std::wstring v = L"")
-        : line(std::move(l)), key(std::move(k)), separator(std::move(s)), value(std::move(v)) {}
-    std::wstring line, key, separator, value;
+    std::wstring line, key{}, separator{}, value{};
 };
-
-void expectSplit(const Split& c) {
-    const tagConfigFileLine l(c.line);
-    const std::string shown(c.line.begin(), c.line.end());
-    EXPECT_EQ(l.text, c.line) << shown;
-    EXPECT_EQ(l.key, c.key) << shown;
-    EXPECT_EQ(l.separator, c.separator) << shown;
-    EXPECT_EQ(l.value, c.value) << shown;
-}
 
 }  // namespace
 
 TEST(LineAnalysis, SplitsIntoKeySeparatorValueAndNote) {
-    const Split cases[] = {
+    std::vector<Split> cases = {
         // Separator runs of colon, comma, space and equals.
         {L"key=value", L"key", L"=", L"value"},
         {L"key : value", L"key", L" : ", L"value"},
@@ -46,21 +35,20 @@ TEST(LineAnalysis, SplitsIntoKeySeparatorValueAndNote) {
         {L"path = a#b # c", L"path", L" = ", L"a"},
         {L"port = 8080   ", L"port", L" = ", L"8080   "},
         // With nothing after the equals sign, the sign is the value.
-        {L"key =", L"key", L" ", L"="},
-        // Kept, but not indexed.
-        {L" key=value"},
-        {L"\tkey=value"},
-        {L"# key = value"},
-        {L"   ## heading"},
-        {L"flag # on"},
-        {L"key="},
-        {L"key"},
-        {L""},
-        {L"[section]"},
-        {L"-key = 1"},
-    };
+        {L"key =", L"key", L" ", L"="}};
+    // Kept, but not indexed.
+    for (const wchar_t* keyless :
+         {L" key=value", L"\tkey=value", L"# key = value", L"   ## heading", L"flag # on", L"key=",
+          L"key", L"", L"[section]", L"-key = 1"}) {
+        cases.push_back({keyless});
+    }
     for (const Split& c : cases) {
-        expectSplit(c);
+        const tagConfigFileLine l(c.line);
+        SCOPED_TRACE(std::string(c.line.begin(), c.line.end()));
+        EXPECT_EQ(l.text, c.line);
+        EXPECT_EQ(l.key, c.key);
+        EXPECT_EQ(l.separator, c.separator);
+        EXPECT_EQ(l.value, c.value);
     }
 }
 
@@ -92,12 +80,10 @@ TEST(LineAnalysis, ScannerAgreesWithRegularExpressions) {
         const auto n = grammar::Engine::Scanner;
         ASSERT_EQ(grammar::stripNotes(s, r), grammar::stripNotes(s, n)) << i;
         ASSERT_EQ(grammar::firstNote(s, r), grammar::firstNote(s, n)) << i;
-        const grammar::KeyValue a = grammar::matchKeyValue(s, r);
-        const grammar::KeyValue b = grammar::matchKeyValue(s, n);
-        ASSERT_EQ(a.matched, b.matched) << i;
-        ASSERT_EQ(a.key, b.key) << i;
-        ASSERT_EQ(a.separator, b.separator) << i;
-        ASSERT_EQ(a.value, b.value) << i;
+        const grammar::KeyValue a = grammar::matchKeyValue(s, r), b = grammar::matchKeyValue(s, n);
+        ASSERT_EQ(std::tie(a.matched, a.key, a.separator, a.value),
+                  std::tie(b.matched, b.key, b.separator, b.value))
+            << i;
         ASSERT_EQ(grammar::tokens(s, r), grammar::tokens(s, n)) << i;
     }
 }

@@ -37,12 +37,17 @@ protected:
         std::ifstream in(file, std::ios::binary);
         return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
     }
-
+    // Writes `bytes` to the file `name` and loads it into `editor`: the result of the load.
+    bool loadBytes(zq::utils::CConfigEditor& editor, const std::string& name,
+                   const std::string& bytes, bool binary = false) {
+        writeBytes(path(name), bytes);
+        const bool ok = editor.load(wpath(name), binary, true);
+        EXPECT_EQ(ok, !editor.state());
+        return ok;
+    }
     // Writes `content` as a text file and loads it read-only into `editor`.
     void loadText(zq::utils::CConfigEditor& editor, const std::string& content) {
-        writeBytes(path("test.cfg"), content);
-        ASSERT_TRUE(editor.load(wpath("test.cfg"), false, true));
-        ASSERT_FALSE(editor.state());
+        ASSERT_TRUE(loadBytes(editor, "test.cfg", content));
     }
     static std::vector<zq::utils::tagConfigFileLine> lines(const zq::utils::CConfigEditor& e) {
         return e.getConfigFile() != nullptr ? e.getConfigFile()->lines
