@@ -1,5 +1,9 @@
 # Compiler flags shared by every target of the project.
 
+# The native half of the Windows host check (tests/windows), which scripts/windows-check.sh
+# compares with the Windows build; always built for Windows.
+option(PATHFINDER_WINDOWS_HOST_CHECK "Build tests/windows natively as well" OFF)
+
 add_library(pathfinder_warnings INTERFACE)
 target_compile_options(pathfinder_warnings INTERFACE -Wall -Wextra -Wpedantic)
 if(PATHFINDER_WERROR)

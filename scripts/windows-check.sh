@@ -1,35 +1,48 @@
 #!/usr/bin/env bash
-# Keeps the Windows build possible: cross-compiles for x86_64-w64-mingw32 (MinGW-w64, C++17, the
-# project's warnings as errors) every source whose dependencies exist for that target, links the
-# platform layer and the configuration editor into tests/windows/windows_check.cpp and runs it
-# under Wine when Wine is available. Exits non-zero on any failure.
-#   bash scripts/windows-check.sh                    # build in ./build-windows
+# The Windows check (a CI stage): builds the module stack for x86_64-w64-mingw32 with the
+# project's CMake and cmake/mingw-w64.cmake, its dependencies from Debian's sources
+# (scripts/windows-deps.sh, cached), and runs under Wine:
+#   1. windows_check.exe: the platform layer and the configuration editor;
+#   2. host_check.exe, a host of Pathfinder.dll, against the native Linux console on a loopback
+#      port: init(), the transfer matrices measured, a scan of at least 100 frames, its cloud
+#      compared natively with the console's truth (RMS within 3 sigma of the laser noise);
+#   3. the same host built for Linux and for Windows, each fed a replay of that session: their
+#      clouds must be identical to the bit (and to the live one).
+# Installs what it needs (apt-get), prints every check and how long each step took, exits
+# non-zero on any failure.
+#
+#   bash scripts/windows-check.sh                    # everything in ./build-windows
 #   WINDOWS_BUILD_DIR=b bash scripts/windows-check.sh
+#   WINDOWS_CHECK_FRAMES=200 ...                     # frames of the live scan (default 120)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build=${WINDOWS_BUILD_DIR:-build-windows}
 mkdir -p "$build"
 build=$(cd "$build" && pwd)
+jobs=${WINDOWS_CHECK_JOBS:-2}
+frames=${WINDOWS_CHECK_FRAMES:-120}
 
-SUDO=""
-if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi
-export DEBIAN_FRONTEND=noninteractive
-apt_updated=0
-apt_install() {
-  if [ "$apt_updated" -eq 0 ]; then
-    $SUDO apt-get update
-    apt_updated=1
-  fi
-  $SUDO apt-get install -y --no-install-recommends "$@"
+t_all=$(date +%s.%N)
+summary=()
+t_step=$t_all
+step() {
+  local now
+  now=$(date +%s.%N)
+  summary+=("$(awk -v a="$t_step" -v b="$now" -v s="$1" 'BEGIN { printf "%7.1f s  %s", b - a, s }')")
+  t_step=$now
+}
+fail() {
+  echo "windows-check: FAILED: $*" >&2
+  exit 1
 }
 
 # ---- tools ---------------------------------------------------------------------------------
-cxx=x86_64-w64-mingw32-g++-posix
-if ! command -v "$cxx" >/dev/null; then
-  echo "windows-check: installing the MinGW-w64 cross compiler"
-  apt_install g++-mingw-w64-x86-64-posix
-fi
-
+SUDO=""
+if [ "$(id -u)" -ne 0 ]; then SUDO="sudo"; fi
+export DEBIAN_FRONTEND=noninteractive
+missing=()
+command -v x86_64-w64-mingw32-g++-posix >/dev/null || missing+=(g++-mingw-w64-x86-64-posix)
+command -v dpkg-source >/dev/null || missing+=(dpkg-dev)
 find_wine() {
   local w
   for w in wine64 /usr/lib/wine/wine64 wine; do
@@ -40,136 +53,159 @@ find_wine() {
   done
   return 1
 }
-wine=$(find_wine || true)
-if [ -z "$wine" ]; then
-  echo "windows-check: installing Wine"
-  apt_install wine64 || echo "windows-check: Wine could not be installed"
-  wine=$(find_wine || true)
+find_wine >/dev/null || missing+=(wine64)
+if [ "${#missing[@]}" -gt 0 ]; then
+  echo "windows-check: installing ${missing[*]}"
+  $SUDO apt-get update
+  $SUDO apt-get install -y --no-install-recommends "${missing[@]}"
 fi
+wine=$(find_wine) || fail "Wine could not be installed; the Windows programs cannot run"
+# The Linux side (the console, the truth, the native host) and the headers staged for Windows.
+bash scripts/install-deps.sh
+step "tools: MinGW-w64 $(x86_64-w64-mingw32-g++-posix -dumpversion), $("$wine" --version)"
 
-launcher=()
-if command -v ccache >/dev/null; then launcher=(ccache); fi
-
-# The warning set of every target (cmake/PathfinderOptions.cmake), then warnings as errors.
-read -r -a warnings <<<"$(sed -n 's/^target_compile_options(pathfinder_warnings INTERFACE \(.*\))$/\1/p' \
-  cmake/PathfinderOptions.cmake)"
-if [ "${#warnings[@]}" -eq 0 ]; then
-  echo "windows-check: cannot read the warning set from cmake/PathfinderOptions.cmake" >&2
-  exit 1
+# ---- dependencies ----------------------------------------------------------------------------
+deps_log=$build/windows-deps.log
+if ! bash scripts/windows-deps.sh 2>&1 | tee "$deps_log"; then
+  fail "the Windows dependencies could not be built (see above)"
 fi
-version=$(sed -n 's/^project(Pathfinder VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
+prefix=$(sed -n 's/^prefix //p' "$deps_log" | tail -n1)
+[ -d "$prefix" ] || fail "scripts/windows-deps.sh named no prefix"
+step "dependencies: $(grep -q '^windows-deps: reused' "$deps_log" && echo reused || echo built) $prefix"
 
-includes=()
-for d in platform helmsman utils sdk device tracking quill sim console; do
-  includes+=(-I"$d/include")
+# ---- the Windows build -----------------------------------------------------------------------
+# Code built for Windows must not hold thread-local objects with destructors: MinGW-w64's
+# emulated thread-local storage (GCC 12) frees them before their destructors run.
+if grep -rn --include='*.cpp' --include='*.h' thread_local \
+  platform helmsman proto sdk quill utils tracking device; then
+  fail "thread_local in code built for Windows (see the README, Windows)"
+fi
+win=$build/windows
+cmake -G Ninja -S . -B "$win" -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/mingw-w64.cmake" \
+  -DPATHFINDER_WINDOWS_DEPS="$prefix" -DPATHFINDER_WERROR=ON -DPATHFINDER_BUILD_TESTS=OFF \
+  -DCMAKE_BUILD_TYPE=RelWithDebInfo >"$build/windows-configure.log" 2>&1 ||
+  fail "configuring for Windows: $build/windows-configure.log"
+cmake --build "$win" -j "$jobs" || fail "the Windows build"
+annex=$win/annex
+for f in "$annex/Pathfinder.dll" "$annex/Helmsman.dll" "$win/lib/libPathfinder.dll.a" \
+  "$win/lib/libHelmsman.dll.a" "$annex/host_check.exe" "$annex/windows_check.exe"; do
+  [ -f "$f" ] || fail "missing $f"
 done
-flags=(-std=c++17 -O2 "${warnings[@]}" -Werror "${includes[@]}"
-  -DPATHFINDER_VERSION_TEXT="\"$version\"" -DPATHFINDER_TRACK_VERSION="\"$version.0\"")
-
-# ---- what is compiled ------------------------------------------------------------------------
-# Whole folders: everything in them must build for Windows.
-platform_sources=(platform/src/platform_common.cpp platform/src/platform_win32.cpp)
-utils_sources=(utils/src/*.cpp)
-helmsman_sources=(helmsman/src/*.cpp)
-# Sources of other folders whose headers need no protobuf, PCL, OpenCV or Embree.
-other_sources=(
-  device/src/Mappings.cpp device/src/ModuleState.cpp device/src/TypeTransfer.cpp
-  sdk/src/Log.cpp console/src/Fields.cpp
-)
-# Eigen is header-only, so the host's headers serve the Windows target as well.
-eigen_sources=(quill/src/Geometry.cpp quill/src/HashGrid.cpp quill/src/MarkerLibrary.cpp)
-eigen_dir=/usr/include/eigen3
-if [ -d "$eigen_dir/Eigen" ]; then
-  mkdir -p "$build/eigen"
-  ln -sfn "$eigen_dir/Eigen" "$build/eigen/Eigen"
-  flags+=(-isystem "$build/eigen")
-  other_sources+=("${eigen_sources[@]}")
-else
-  echo "windows-check: $eigen_dir missing, quill sources not compiled"
-fi
-test_source=tests/windows/windows_check.cpp
-
-# ---- compile, two at a time ------------------------------------------------------------------
-object_of() { echo "$build/obj/${1%.cpp}.o"; }
-compile() {
-  local src=$1 obj
-  obj=$(object_of "$src")
-  mkdir -p "$(dirname "$obj")"
-  rm -f "$obj.failed"
-  if ! "${launcher[@]}" "$cxx" "${flags[@]}" -Iplatform/src -Idevice/src -Iquill/src \
-    -c "$src" -o "$obj" >"$obj.log" 2>&1; then
-    touch "$obj.failed"
-  fi
+echo "windows-check: built for Windows (warnings as errors):"
+(cd "$win" && ls -l annex/*.dll annex/*.exe lib/*.dll.a | awk '{ printf "  %10d  %s\n", $5, $9 }')
+# The host interface as the DLLs export it.
+exports() {
+  x86_64-w64-mingw32-objdump -p "$1" | sed -n '/\[Ordinal\/Name Pointer\] Table/,/^$/p' |
+    awk 'NF { print $NF }' | c++filt
 }
-all_sources=("${platform_sources[@]}" "${utils_sources[@]}" "${helmsman_sources[@]}"
-  "${other_sources[@]}" "$test_source")
-start=$(date +%s)
-for src in "${all_sources[@]}"; do
-  compile "$src" &
-  while [ "$(jobs -rp | wc -l)" -ge 2 ]; do wait -n || true; done
+exports "$annex/Pathfinder.dll" >"$build/Pathfinder.exports"
+exports "$annex/Helmsman.dll" >"$build/Helmsman.exports"
+for symbol in "device::CPathfinder::CPathfinder()" "device::CPathfinder::~CPathfinder()" \
+  "vtable for device::CPathfinder" "device::CPathfinder::init()" "device::CPathfinder::clear()" \
+  "device::CPathfinder::controlLaserOn()" "device::CPathfinder::getTransferMatrix()" \
+  "device::CPathfinder::setMarkpoint(device::tagMarkpointList const&, bool)" \
+  "device::writeCascadeFile(std::__cxx11::basic_string<wchar_t, std::char_traits<wchar_t>, std::allocator<wchar_t> > const&, std::vector<device::TransformTrackingMatrix, std::allocator<device::TransformTrackingMatrix> > const&)"; do
+  grep -qxF "$symbol" "$build/Pathfinder.exports" || fail "Pathfinder.dll does not export $symbol"
 done
-wait
-failed=0
-for src in "${all_sources[@]}"; do
-  obj=$(object_of "$src")
-  if [ -e "$obj.failed" ]; then
-    echo "FAILED  compile $src"
-    sed 's/^/    /' "$obj.log"
-    failed=1
-  else
-    echo "ok      compile $src"
-  fi
+for symbol in "device::CDeviceBase::CDeviceBase(device::emDeviceNewType)" \
+  "device::CDeviceBase::setHandlers(device::tagDeviceHandlers const&)"; do
+  grep -qxF "$symbol" "$build/Helmsman.exports" || fail "Helmsman.dll does not export $symbol"
 done
-if [ "$failed" -ne 0 ]; then
-  echo "windows-check: compilation failed" >&2
-  exit 1
-fi
-echo "windows-check: ${#all_sources[@]} sources compiled for x86_64-w64-mingw32 in" \
-  "$(($(date +%s) - start)) s (-std=c++17 ${warnings[*]} -Werror)"
-# The rest needs protobuf, PCL, OpenCV or Embree for Windows, or is the POSIX layer.
-not_compiled=()
-for src in */src/*.cpp; do
-  case " ${all_sources[*]} " in
-    *" $src "*) ;;
-    *) not_compiled+=("$src") ;;
-  esac
-done
-echo "windows-check: not compiled (${#not_compiled[@]}, see README.md): ${not_compiled[*]}"
+echo "windows-check: Pathfinder.dll exports $(wc -l <"$build/Pathfinder.exports") symbols" \
+  "($(grep -c '^device::CPathfinder::' "$build/Pathfinder.exports") of device::CPathfinder)," \
+  "Helmsman.dll $(wc -l <"$build/Helmsman.exports") (lists in $build/*.exports)"
+step "Windows build: Pathfinder.dll, Helmsman.dll, import libraries, host_check.exe, windows_check.exe"
 
-# ---- link --------------------------------------------------------------------------------------
-objects() {
-  local src
-  for src in "$@"; do object_of "$src"; done
+# ---- the Linux side ------------------------------------------------------------------------
+lin=$build/linux
+cmake -G Ninja -S . -B "$lin" -DPATHFINDER_WERROR=ON -DPATHFINDER_BUILD_TESTS=OFF \
+  -DPATHFINDER_WINDOWS_HOST_CHECK=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+  >"$build/linux-configure.log" 2>&1 ||
+  fail "configuring the Linux side: $build/linux-configure.log"
+cmake --build "$lin" -j "$jobs" --target lumora_console host_check || fail "the Linux build"
+console=$lin/annex/Lumora/lumora_console
+native_host=$lin/tests/windows/host_check
+step "Linux build: lumora_console and the native host_check"
+
+# ---- under Wine ------------------------------------------------------------------------------
+export WINEPREFIX=$build/wineprefix WINEDEBUG=-all
+run=$build/run
+rm -rf "$run"
+mkdir -p "$run"
+console_pid=""
+cleanup() {
+  if [ -n "$console_pid" ]; then kill "$console_pid" 2>/dev/null || true; fi
+  "$(dirname "$wine")/wineserver" -k 2>/dev/null || wineserver -k 2>/dev/null || true
 }
-mapfile -t platform_objects < <(objects "${platform_sources[@]}")
-mapfile -t utils_objects < <(objects "${utils_sources[@]}")
-mapfile -t helmsman_objects < <(objects "${helmsman_sources[@]}")
-link_libs=(-static -lws2_32 -lshell32)
-"$cxx" -shared -o "$build/Helmsman.dll" "${helmsman_objects[@]}" "${platform_objects[@]}" \
-  "${link_libs[@]}"
-echo "ok      link Helmsman.dll (helmsman + platform)"
-exe="$build/windows_check.exe"
-"$cxx" -o "$exe" "$(object_of "$test_source")" "${utils_objects[@]}" "${platform_objects[@]}" \
-  "${link_libs[@]}"
-echo "ok      link windows_check.exe (platform + configuration editor + $test_source)"
+trap cleanup EXIT
+# Runs a Windows program in $run; its text-mode lines lose their CR, Wine's own notes are dropped.
+wine_run() {
+  local status=0
+  (cd "$run" && timeout 600 "$wine" "$@") 2>&1 | tr -d '\r' | grep -v '^wine: \|^wineserver: ' ||
+    status=${PIPESTATUS[0]}
+  return "$status"
+}
+# Starts the native console on a free loopback port with `$@`; sets console_pid and endpoint.
+start_console() {
+  local log=$1
+  shift
+  "$console" --endpoint 127.0.0.1:0 --no-stdin "$@" >"$log" 2>&1 &
+  console_pid=$!
+  for _ in $(seq 100); do
+    if grep -q "listening on" "$log" || ! kill -0 "$console_pid" 2>/dev/null; then break; fi
+    sleep 0.1
+  done
+  endpoint=$(sed -n 's/.*listening on //p' "$log" | head -n1)
+  [ -n "$endpoint" ] || fail "the console did not start: $(cat "$log")"
+}
+stop_console() {
+  kill "$console_pid" 2>/dev/null || true
+  wait "$console_pid" 2>/dev/null || true
+  console_pid=""
+}
 
-# ---- run ---------------------------------------------------------------------------------------
-if [ -z "$wine" ]; then
-  echo "windows-check: Wine is not available here: compiled and linked only, not run"
-  exit 0
-fi
-export WINEPREFIX="$build/wineprefix" WINEDEBUG=-all
-rm -rf "$build/windows_check_work"
-echo "windows-check: running windows_check.exe with $wine (prefix $WINEPREFIX)"
-status=0
-# The program writes text-mode (CR LF) lines.
-(cd "$build" && timeout 600 "$wine" "$exe") 2>&1 | tr -d '\r' >"$build/windows_check.out" ||
-  status=$?
-# Wine's own start-up notes (first use of the prefix) are not the program's output.
-grep -v '^wine: \|^wineserver: ' "$build/windows_check.out" || true
-"$(dirname "$wine")/wineserver" -k 2>/dev/null || wineserver -k 2>/dev/null || true
-if [ "$status" -ne 0 ] || ! grep -q ' checks, 0 failed$' "$build/windows_check.out"; then
-  echo "windows-check: windows_check.exe failed (exit $status)" >&2
-  exit 1
-fi
-echo "windows-check: all passed (compile, link and run under Wine)"
+echo "windows-check: windows_check.exe (platform layer, configuration editor)"
+rm -rf "$annex/windows_check_work" # its files from an earlier run would fail the exclusive ones
+wine_run "$annex/windows_check.exe" | tee "$run/windows_check.out" | sed 's/^/  /' || true
+grep -q ' checks, 0 failed$' "$run/windows_check.out" || fail "windows_check.exe"
+step "Wine: $(tail -n1 "$run/windows_check.out") of the platform layer and configuration editor"
+
+scene=(--seed 11 --points 2000)
+"$console" --export-truth "$run/truth" "${scene[@]}" >"$run/truth.log" 2>&1 ||
+  fail "the console exported no truth: $(cat "$run/truth.log")"
+start_console "$run/live-console.log" --record "$run/live.lrec" "${scene[@]}"
+echo "windows-check: host_check.exe against the Linux console at $endpoint (live)"
+LUMORA_ENDPOINT=$endpoint wine_run "$annex/host_check.exe" scan live.bin --truth truth \
+  --frames "$frames" | tee "$run/live.out" | sed 's/^/  /' || fail "the live scan under Wine"
+stop_console
+echo "windows-check: its cloud against the truth (native)"
+"$native_host" compare "$run/live.bin" "$run/truth" | tee "$run/compare.out" | sed 's/^/  /' ||
+  fail "the Windows host's cloud is not within 3 sigma of the truth"
+step "Wine: live scan, $(grep -h 'frames (' "$run/live.out"); $(cat "$run/compare.out")"
+
+# The recording of that session, replayed once to each host at its recorded pace.
+replay() {
+  start_console "$run/replay-$1.log" --replay "$run/live.lrec" --replay-exit
+  shift
+  echo "windows-check: $* (replay at $endpoint)"
+  LUMORA_ENDPOINT=$endpoint "$@" | tee -a "$run/replay.out" | sed 's/^/  /'
+  local status=${PIPESTATUS[0]}
+  wait "$console_pid" 2>/dev/null || true
+  console_pid=""
+  return "$status"
+}
+replay linux "$native_host" scan "$run/replay-linux.bin" --replay "$run/live.bin.cascade" ||
+  fail "the Linux host on the replay"
+replay windows wine_run "$annex/host_check.exe" scan replay-windows.bin \
+  --replay live.bin.cascade || fail "the Windows host on the replay"
+cmp "$run/replay-linux.bin" "$run/replay-windows.bin" ||
+  fail "the replayed clouds of the Linux and the Windows host differ"
+# The replay gives the frames of the live scan and the imported matrices are the measured ones.
+cmp "$run/live.bin" "$run/replay-windows.bin" ||
+  fail "the replayed cloud differs from the live one"
+step "Wine: replay, the Linux and Windows clouds identical to each other and to the live one ($(stat -c %s "$run/replay-linux.bin") bytes, sha256 $(sha256sum "$run/replay-linux.bin" | cut -c1-16))"
+
+echo
+echo "windows-check: all passed"
+printf '%s\n' "${summary[@]}"
+awk -v a="$t_all" -v b="$(date +%s.%N)" 'BEGIN { printf "%7.1f s  in all\n", b - a }'

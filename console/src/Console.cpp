@@ -1,7 +1,4 @@
 // The console's event loop, the link to the SDK and the handling of its commands.
-#include <poll.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -346,30 +343,29 @@ int Console::pollTimeoutMs() const {
 
 int Console::run() {
     while (!m_quit.load()) {
-        pollfd fds[3];
+        platform::SocketWait waits[3];
         int n = 0;
         // Standard input is looked at before the client: a control line written before the
         // SDK sends a command is in the pipe when that command arrives, so it is executed
         // first (a test can script an answer and then send the command without racing).
         const int stdinIndex = m_options.readStdin && m_stdinOpen ? n : -1;
         if (stdinIndex >= 0) {
-            fds[n++] = {STDIN_FILENO, POLLIN, 0};
+            waits[n++].standardInput = true;
         }
         // A silent console reads nothing: neither its client nor new connections.
         const bool quiet = silent();
         const int listenIndex = m_listener != net::kInvalidSocket && !quiet ? n : -1;
         if (listenIndex >= 0) {
-            fds[n++] = {m_listener, POLLIN, 0};
+            waits[n++].socket = m_listener;
         }
         const int clientIndex = m_client != net::kInvalidSocket && !quiet ? n : -1;
         if (clientIndex >= 0) {
-            fds[n++] = {m_client, POLLIN, 0};
+            waits[n++].socket = m_client;
         }
-        const int rc = ::poll(fds, static_cast<nfds_t>(n), pollTimeoutMs());
-        if (rc > 0) {
-            if (stdinIndex >= 0 && (fds[stdinIndex].revents & (POLLIN | POLLHUP))) {
+        if (platform::waitSockets(waits, static_cast<size_t>(n), pollTimeoutMs()) > 0) {
+            if (stdinIndex >= 0 && waits[stdinIndex].ready) {
                 char buf[4096];
-                const ssize_t k = ::read(STDIN_FILENO, buf, sizeof(buf));
+                const long k = platform::readStandardInput(buf, sizeof(buf));
                 if (k <= 0) {
                     m_stdinOpen = false;
                 } else {
@@ -385,12 +381,10 @@ int Console::run() {
                     }
                 }
             }
-            if (listenIndex >= 0 && m_listener != net::kInvalidSocket &&
-                (fds[listenIndex].revents & POLLIN)) {
+            if (listenIndex >= 0 && m_listener != net::kInvalidSocket && waits[listenIndex].ready) {
                 acceptClient();
             }
-            if (clientIndex >= 0 && m_client != net::kInvalidSocket &&
-                (fds[clientIndex].revents & (POLLIN | POLLHUP | POLLERR))) {
+            if (clientIndex >= 0 && m_client != net::kInvalidSocket && waits[clientIndex].ready) {
                 readClient();
             }
         }
@@ -641,8 +635,10 @@ void Console::logCommand(const std::string& text) {
 void Console::sendScanFrame() {
     // Back-pressure: a device drops frames its link cannot take; frame ids stay consecutive
     // over the frames actually sent.
-    pollfd p{m_client, POLLOUT, 0};
-    if (::poll(&p, 1, 0) != 1 || !(p.revents & POLLOUT)) {
+    platform::SocketWait writable;
+    writable.socket = m_client;
+    writable.write = true;
+    if (platform::waitSockets(&writable, 1, 0) != 1) {
         return;
     }
     auto frame = std::make_shared<tagScanData>();

@@ -3,10 +3,9 @@
 // console is silent and records what crossed the link. The grammar is in console/README.md.
 #include "Faults.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
 
 #include "Internal.h"
@@ -397,7 +396,7 @@ void Console::runFaultTimers() {
             record(rec::Disconnected);  // the link ends here, as a replay should show
         }
         say("crashing");
-        ::_exit(kCrashExitCode);
+        std::_Exit(kCrashExitCode);
     }
     if (m_faults->silentUntilMs >= 0 && now >= m_faults->silentUntilMs) {
         m_faults->silentUntilMs = -1;

@@ -1,10 +1,6 @@
 // The replay: plays a recording's sent frames to the client, connection by connection.
 #include "console/Replay.h"
 
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -132,7 +128,7 @@ void Replayer::closeClient(const char* why, bool graceful) {
     if (graceful) {
         // Everything sent is delivered before the end: shut the sending side, then read until
         // the client closes too (unread input would make the close reset the connection).
-        ::shutdown(m_client, SHUT_WR);
+        platform::shutdownSocket(m_client, true);
         const int64_t until = nowUs() + int64_t{kCloseWaitMs} * 1000;
         char buf[4096];
         while (nowUs() < until &&
@@ -190,7 +186,7 @@ void Replayer::readClient() {
 
 void Replayer::readStdin() {
     char buf[4096];
-    const ssize_t k = ::read(STDIN_FILENO, buf, sizeof(buf));
+    const long k = platform::readStandardInput(buf, sizeof(buf));
     if (k <= 0) {
         m_stdinOpen = false;
         return;
@@ -282,17 +278,17 @@ void Replayer::finishIfAtEnd() {
 
 int Replayer::run() {
     while (!m_quit.load()) {
-        pollfd fds[3];
+        platform::SocketWait waits[3];
         int n = 0;
         const int stdinIndex = m_options.readStdin && m_stdinOpen ? n : -1;
         if (stdinIndex >= 0) {
-            fds[n++] = {STDIN_FILENO, POLLIN, 0};
+            waits[n++].standardInput = true;
         }
         const int listenIndex = n;
-        fds[n++] = {m_listener, POLLIN, 0};
+        waits[n++].socket = m_listener;
         const int clientIndex = m_client != net::kInvalidSocket ? n : -1;
         if (clientIndex >= 0) {
-            fds[n++] = {m_client, POLLIN, 0};
+            waits[n++].socket = m_client;
         }
         int timeoutMs = 200;
         const int64_t due = dueUs();
@@ -300,15 +296,14 @@ int Replayer::run() {
             timeoutMs =
                 static_cast<int>(std::clamp<int64_t>((due - nowUs() + 999) / 1000, 0, timeoutMs));
         }
-        if (::poll(fds, static_cast<nfds_t>(n), timeoutMs) > 0) {
-            if (stdinIndex >= 0 && (fds[stdinIndex].revents & (POLLIN | POLLHUP))) {
+        if (platform::waitSockets(waits, static_cast<size_t>(n), timeoutMs) > 0) {
+            if (stdinIndex >= 0 && waits[stdinIndex].ready) {
                 readStdin();
             }
-            if (fds[listenIndex].revents & POLLIN) {
+            if (waits[listenIndex].ready) {
                 accept();
             }
-            if (clientIndex >= 0 && m_client != net::kInvalidSocket &&
-                (fds[clientIndex].revents & (POLLIN | POLLHUP | POLLERR))) {
+            if (clientIndex >= 0 && m_client != net::kInvalidSocket && waits[clientIndex].ready) {
                 readClient();
             }
         }

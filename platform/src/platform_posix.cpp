@@ -6,6 +6,8 @@
 #include <iconv.h>
 #include <link.h>
 #include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
@@ -13,6 +15,7 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/types.h>
+#include <sys/uio.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -940,6 +943,219 @@ bool endpointAnswers(const std::string& host, uint16_t port, int timeoutMs) {
     }
     ::freeaddrinfo(found);
     return answered;
+}
+
+// ---------------------------------------------------------------------------------------------
+// TCP sockets
+// ---------------------------------------------------------------------------------------------
+
+namespace {
+
+bool resolveIpv4(const std::string& host, uint16_t port, sockaddr_in& addr) {
+    std::memset(&addr, 0, sizeof(addr));
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(port);
+    if (::inet_pton(AF_INET, host.c_str(), &addr.sin_addr) == 1) {
+        return true;
+    }
+    addrinfo hints{};
+    hints.ai_family = AF_INET;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* res = nullptr;
+    if (::getaddrinfo(host.c_str(), nullptr, &hints, &res) != 0 || res == nullptr) {
+        return false;
+    }
+    addr.sin_addr = reinterpret_cast<sockaddr_in*>(res->ai_addr)->sin_addr;
+    ::freeaddrinfo(res);
+    return true;
+}
+
+void setNoDelay(int fd) {
+    int one = 1;
+    ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
+}
+
+int fdOf(Socket s) {
+    return static_cast<int>(s);
+}
+
+bool setTimeout(Socket s, int option, int timeoutMs) {
+    timeval tv{};
+    tv.tv_sec = timeoutMs / 1000;
+    tv.tv_usec = (timeoutMs % 1000) * 1000;
+    return ::setsockopt(fdOf(s), SOL_SOCKET, option, &tv, sizeof(tv)) == 0;
+}
+
+}  // namespace
+
+Socket tcpConnect(const std::string& host, uint16_t port, int timeoutMs) {
+    sockaddr_in addr;
+    if (!resolveIpv4(host, port, addr)) {
+        return kInvalidSocket;
+    }
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        return kInvalidSocket;
+    }
+    const int flags = ::fcntl(fd, F_GETFL, 0);
+    ::fcntl(fd, F_SETFL, flags | O_NONBLOCK);
+    int rc = ::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
+    if (rc != 0 && errno == EINPROGRESS) {
+        pollfd p{fd, POLLOUT, 0};
+        rc = ::poll(&p, 1, timeoutMs);
+        if (rc == 1) {
+            int err = 0;
+            socklen_t len = sizeof(err);
+            ::getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len);
+            rc = err == 0 ? 0 : -1;
+        } else {
+            rc = -1;
+        }
+    }
+    if (rc != 0) {
+        ::close(fd);
+        return kInvalidSocket;
+    }
+    ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK);
+    setNoDelay(fd);
+    return fd;
+}
+
+Socket tcpListen(const std::string& host, uint16_t port, int backlog, uint16_t* boundPort) {
+    sockaddr_in addr;
+    if (!resolveIpv4(host, port, addr)) {
+        return kInvalidSocket;
+    }
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        return kInvalidSocket;
+    }
+    int one = 1;
+    ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
+    if (::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 ||
+        ::listen(fd, backlog) != 0) {
+        ::close(fd);
+        return kInvalidSocket;
+    }
+    if (boundPort != nullptr) {
+        sockaddr_in actual{};
+        socklen_t len = sizeof(actual);
+        ::getsockname(fd, reinterpret_cast<sockaddr*>(&actual), &len);
+        *boundPort = ntohs(actual.sin_port);
+    }
+    return fd;
+}
+
+Socket tcpAccept(Socket listener) {
+    const int fd = ::accept4(fdOf(listener), nullptr, nullptr, SOCK_CLOEXEC);
+    if (fd < 0) {
+        return kInvalidSocket;
+    }
+    setNoDelay(fd);
+    return fd;
+}
+
+void closeSocket(Socket& s) {
+    if (s != kInvalidSocket) {
+        ::close(fdOf(s));
+        s = kInvalidSocket;
+    }
+}
+
+void shutdownSocket(Socket s, bool sendOnly) {
+    if (s != kInvalidSocket) {
+        ::shutdown(fdOf(s), sendOnly ? SHUT_WR : SHUT_RDWR);
+    }
+}
+
+bool sendAll(Socket s, const char* a, size_t na, const char* b, size_t nb) {
+    if (s == kInvalidSocket) {
+        return false;
+    }
+    iovec iov[2];
+    iov[0].iov_base = const_cast<char*>(a);
+    iov[0].iov_len = na;
+    iov[1].iov_base = const_cast<char*>(b);
+    iov[1].iov_len = nb;
+    int first = 0;
+    const int count = nb > 0 ? 2 : 1;
+    while (first < count) {
+        msghdr msg{};
+        msg.msg_iov = iov + first;
+        msg.msg_iovlen = static_cast<size_t>(count - first);
+        const ssize_t n = ::sendmsg(fdOf(s), &msg, MSG_NOSIGNAL);
+        if (n < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return false;
+        }
+        size_t done = static_cast<size_t>(n);
+        while (first < count && done >= iov[first].iov_len) {
+            done -= iov[first].iov_len;
+            ++first;
+        }
+        if (first < count) {
+            iov[first].iov_base = static_cast<char*>(iov[first].iov_base) + done;
+            iov[first].iov_len -= done;
+        }
+    }
+    return true;
+}
+
+long recvSome(Socket s, char* buf, size_t capacity) {
+    for (;;) {
+        const ssize_t n = ::recv(fdOf(s), buf, capacity, 0);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+            return -2;
+        }
+        return n < 0 ? -1 : static_cast<long>(n);
+    }
+}
+
+bool setSendTimeout(Socket s, int timeoutMs) {
+    return setTimeout(s, SO_SNDTIMEO, timeoutMs);
+}
+
+bool setRecvTimeout(Socket s, int timeoutMs) {
+    return setTimeout(s, SO_RCVTIMEO, timeoutMs);
+}
+
+bool setBufferSizes(Socket s, int bytes) {
+    return ::setsockopt(fdOf(s), SOL_SOCKET, SO_SNDBUF, &bytes, sizeof(bytes)) == 0 &&
+           ::setsockopt(fdOf(s), SOL_SOCKET, SO_RCVBUF, &bytes, sizeof(bytes)) == 0;
+}
+
+int waitSockets(SocketWait* items, size_t count, int timeoutMs) {
+    constexpr size_t kMost = 16;
+    if (count > kMost) {
+        return -1;
+    }
+    pollfd fds[kMost];
+    for (size_t i = 0; i < count; ++i) {
+        items[i].ready = false;
+        fds[i] = {items[i].standardInput ? STDIN_FILENO : fdOf(items[i].socket),
+                  static_cast<short>(items[i].write ? POLLOUT : POLLIN), 0};
+    }
+    // A signal ends the wait (-1), so that a caller whose handler asked it to stop sees that.
+    const int rc = ::poll(fds, static_cast<nfds_t>(count), timeoutMs);
+    if (rc <= 0) {
+        return rc < 0 ? -1 : 0;
+    }
+    int ready = 0;
+    for (size_t i = 0; i < count; ++i) {
+        const short wanted = items[i].write ? POLLOUT : (POLLIN | POLLHUP | POLLERR);
+        items[i].ready = (fds[i].revents & wanted) != 0;
+        ready += items[i].ready ? 1 : 0;
+    }
+    return ready;
+}
+
+long readStandardInput(char* buf, size_t capacity) {
+    return static_cast<long>(::read(STDIN_FILENO, buf, capacity));
 }
 
 }  // namespace platform

@@ -29,7 +29,10 @@
 #include <algorithm>
 #include <chrono>
 #include <climits>
+#include <condition_variable>
+#include <cstring>
 #include <ctime>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -711,6 +714,291 @@ bool endpointAnswers(const std::string& host, uint16_t port, int timeoutMs) {
     }
     freeaddrinfo(found);
     return answered;
+}
+
+// ---------------------------------------------------------------------------------------------
+// TCP sockets
+// ---------------------------------------------------------------------------------------------
+
+namespace {
+
+SOCKET nativeOf(Socket s) {
+    return static_cast<SOCKET>(s);
+}
+
+bool resolveIpv4(const std::string& host, uint16_t port, sockaddr_in& addr) {
+    ZeroMemory(&addr, sizeof(addr));
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(port);
+    if (inet_pton(AF_INET, host.c_str(), &addr.sin_addr) == 1) {
+        return true;
+    }
+    addrinfo hints{};
+    hints.ai_family = AF_INET;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* res = nullptr;
+    if (getaddrinfo(host.c_str(), nullptr, &hints, &res) != 0 || res == nullptr) {
+        return false;
+    }
+    addr.sin_addr = reinterpret_cast<sockaddr_in*>(res->ai_addr)->sin_addr;
+    freeaddrinfo(res);
+    return true;
+}
+
+// A socket that the programs this process starts do not inherit (POSIX: close-on-exec).
+Socket adopt(SOCKET s) {
+    if (s == INVALID_SOCKET) {
+        return kInvalidSocket;
+    }
+    SetHandleInformation(reinterpret_cast<HANDLE>(s), HANDLE_FLAG_INHERIT, 0);
+    return static_cast<Socket>(s);
+}
+
+void setNoDelay(SOCKET s) {
+    BOOL one = TRUE;
+    setsockopt(s, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&one), sizeof(one));
+}
+
+bool setTimeout(Socket s, int option, int timeoutMs) {
+    const DWORD ms = static_cast<DWORD>(std::max(0, timeoutMs));
+    return setsockopt(nativeOf(s), SOL_SOCKET, option, reinterpret_cast<const char*>(&ms),
+                      sizeof(ms)) == 0;
+}
+
+// Standard input cannot be waited for together with sockets (select takes sockets only), so a
+// thread of its own reads it, started on first use, and the waits look at what it has read.
+struct StandardInput {
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::string data;
+    bool ended = false;
+
+    StandardInput() {
+        std::thread([this] {
+            char buf[4096];
+            for (;;) {
+                DWORD n = 0;
+                const BOOL ok =
+                    ReadFile(GetStdHandle(STD_INPUT_HANDLE), buf, sizeof(buf), &n, nullptr);
+                std::lock_guard<std::mutex> lock(mutex);
+                if (!ok || n == 0) {
+                    ended = true;
+                } else {
+                    data.append(buf, n);
+                }
+                changed.notify_all();
+                if (ended) {
+                    return;
+                }
+            }
+        }).detach();
+    }
+    bool ready() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return ended || !data.empty();
+    }
+};
+
+// Never destroyed: its thread may still wait in ReadFile when the process ends.
+StandardInput& standardInput() {
+    static StandardInput* input = new StandardInput;
+    return *input;
+}
+
+}  // namespace
+
+Socket tcpConnect(const std::string& host, uint16_t port, int timeoutMs) {
+    sockaddr_in addr;
+    if (!socketStartup() || !resolveIpv4(host, port, addr)) {
+        return kInvalidSocket;
+    }
+    Socket handle = adopt(socket(AF_INET, SOCK_STREAM, IPPROTO_TCP));
+    if (handle == kInvalidSocket) {
+        return kInvalidSocket;
+    }
+    const SOCKET s = nativeOf(handle);
+    u_long nonBlocking = 1;
+    ioctlsocket(s, FIONBIO, &nonBlocking);
+    int rc = connect(s, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
+    if (rc != 0 && WSAGetLastError() == WSAEWOULDBLOCK) {
+        fd_set writable, failed;
+        FD_ZERO(&writable);
+        FD_ZERO(&failed);
+        FD_SET(s, &writable);
+        FD_SET(s, &failed);
+        const int ms = std::max(0, timeoutMs);
+        timeval wait{ms / 1000, (ms % 1000) * 1000};
+        rc = select(0, nullptr, &writable, &failed, &wait) == 1 && FD_ISSET(s, &writable) ? 0 : -1;
+    }
+    if (rc != 0) {
+        closeSocket(handle);
+        return kInvalidSocket;
+    }
+    nonBlocking = 0;
+    ioctlsocket(s, FIONBIO, &nonBlocking);
+    setNoDelay(s);
+    return handle;
+}
+
+Socket tcpListen(const std::string& host, uint16_t port, int backlog, uint16_t* boundPort) {
+    sockaddr_in addr;
+    if (!socketStartup() || !resolveIpv4(host, port, addr)) {
+        return kInvalidSocket;
+    }
+    Socket handle = adopt(socket(AF_INET, SOCK_STREAM, IPPROTO_TCP));
+    if (handle == kInvalidSocket) {
+        return kInvalidSocket;
+    }
+    const SOCKET s = nativeOf(handle);
+    // Windows lets a port in TIME_WAIT be bound again without SO_REUSEADDR, which there would
+    // let a second server take a port in use; exclusive use keeps the POSIX meaning.
+    BOOL one = TRUE;
+    setsockopt(s, SOL_SOCKET, SO_EXCLUSIVEADDRUSE, reinterpret_cast<const char*>(&one),
+               sizeof(one));
+    if (bind(s, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 || listen(s, backlog) != 0) {
+        closeSocket(handle);
+        return kInvalidSocket;
+    }
+    if (boundPort != nullptr) {
+        sockaddr_in actual{};
+        int len = sizeof(actual);
+        getsockname(s, reinterpret_cast<sockaddr*>(&actual), &len);
+        *boundPort = ntohs(actual.sin_port);
+    }
+    return handle;
+}
+
+Socket tcpAccept(Socket listener) {
+    const Socket handle = adopt(accept(nativeOf(listener), nullptr, nullptr));
+    if (handle != kInvalidSocket) {
+        setNoDelay(nativeOf(handle));
+    }
+    return handle;
+}
+
+void closeSocket(Socket& s) {
+    if (s != kInvalidSocket) {
+        closesocket(nativeOf(s));
+        s = kInvalidSocket;
+    }
+}
+
+void shutdownSocket(Socket s, bool sendOnly) {
+    if (s != kInvalidSocket) {
+        shutdown(nativeOf(s), sendOnly ? SD_SEND : SD_BOTH);
+    }
+}
+
+bool sendAll(Socket s, const char* a, size_t na, const char* b, size_t nb) {
+    if (s == kInvalidSocket) {
+        return false;
+    }
+    const std::pair<const char*, size_t> parts[2] = {{a, na}, {b, nb}};
+    for (const auto& part : parts) {
+        for (size_t done = 0; done < part.second;) {
+            const int chunk = static_cast<int>(std::min<size_t>(part.second - done, INT_MAX));
+            const int n = send(nativeOf(s), part.first + done, chunk, 0);
+            if (n == SOCKET_ERROR) {
+                return false;
+            }
+            done += static_cast<size_t>(n);
+        }
+    }
+    return true;
+}
+
+long recvSome(Socket s, char* buf, size_t capacity) {
+    const int n = recv(nativeOf(s), buf, static_cast<int>(std::min<size_t>(capacity, INT_MAX)), 0);
+    if (n != SOCKET_ERROR) {
+        return n;
+    }
+    const int error = WSAGetLastError();
+    return error == WSAETIMEDOUT || error == WSAEWOULDBLOCK ? -2 : -1;
+}
+
+bool setSendTimeout(Socket s, int timeoutMs) {
+    return setTimeout(s, SO_SNDTIMEO, timeoutMs);
+}
+
+bool setRecvTimeout(Socket s, int timeoutMs) {
+    return setTimeout(s, SO_RCVTIMEO, timeoutMs);
+}
+
+bool setBufferSizes(Socket s, int bytes) {
+    const char* value = reinterpret_cast<const char*>(&bytes);
+    return setsockopt(nativeOf(s), SOL_SOCKET, SO_SNDBUF, value, sizeof(bytes)) == 0 &&
+           setsockopt(nativeOf(s), SOL_SOCKET, SO_RCVBUF, value, sizeof(bytes)) == 0;
+}
+
+int waitSockets(SocketWait* items, size_t count, int timeoutMs) {
+    if (count > 16) {
+        return -1;
+    }
+    bool input = false, sockets = false;
+    for (size_t i = 0; i < count; ++i) {
+        items[i].ready = false;
+        (items[i].standardInput ? input : sockets) = true;
+    }
+    const auto deadline =
+        std::chrono::steady_clock::now() + std::chrono::milliseconds(std::max(0, timeoutMs));
+    for (;;) {
+        int ready = 0;
+        if (input && standardInput().ready()) {
+            for (size_t i = 0; i < count; ++i) {
+                if (items[i].standardInput) {
+                    items[i].ready = true;
+                    ++ready;
+                }
+            }
+        }
+        // With standard input in the wait, the sockets are looked at in slices of 10 ms.
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        const long slice =
+            ready > 0 ? 0
+                      : static_cast<long>(std::max<int64_t>(
+                            0, input ? std::min<int64_t>(left.count(), 10) : left.count()));
+        if (sockets) {
+            fd_set readable, writable, failed;
+            FD_ZERO(&readable);
+            FD_ZERO(&writable);
+            FD_ZERO(&failed);
+            for (size_t i = 0; i < count; ++i) {
+                if (!items[i].standardInput) {
+                    FD_SET(nativeOf(items[i].socket), items[i].write ? &writable : &readable);
+                    FD_SET(nativeOf(items[i].socket), &failed);
+                }
+            }
+            timeval wait{slice / 1000, (slice % 1000) * 1000};
+            if (select(0, &readable, &writable, &failed, &wait) == SOCKET_ERROR) {
+                return -1;
+            }
+            for (size_t i = 0; i < count; ++i) {
+                const SOCKET s = nativeOf(items[i].socket);
+                if (!items[i].standardInput &&
+                    (items[i].write ? FD_ISSET(s, &writable)
+                                    : FD_ISSET(s, &readable) || FD_ISSET(s, &failed))) {
+                    items[i].ready = true;
+                    ++ready;
+                }
+            }
+        } else if (slice > 0) {
+            Sleep(static_cast<DWORD>(slice));
+        }
+        if (ready > 0 || std::chrono::steady_clock::now() >= deadline) {
+            return ready;
+        }
+    }
+}
+
+long readStandardInput(char* buf, size_t capacity) {
+    StandardInput& in = standardInput();
+    std::unique_lock<std::mutex> lock(in.mutex);
+    in.changed.wait(lock, [&] { return in.ended || !in.data.empty(); });
+    const size_t n = std::min(capacity, in.data.size());
+    std::memcpy(buf, in.data.data(), n);
+    in.data.erase(0, n);
+    return static_cast<long>(n);
 }
 
 }  // namespace platform

@@ -625,31 +625,63 @@ namespace {
 // per second. Fresh buffers of that size come from the operating system page by page on every
 // frame, which costs more than the copies themselves; so the receive path reuses its buffers:
 //
-// - ScanBodyScratch: one wire body per thread, reused by pack and unpack (a body that grew
-//   beyond kKeepBytes is released afterwards);
+// - ScanBodyScratch: a wire body and a byte buffer, reused by pack and unpack from a small pool
+//   (at most kPoolScratches are kept; one that grew beyond kKeepBytes is released). Not one per
+//   thread: MinGW-w64's emulated thread-local storage (GCC 12) frees a thread's variables
+//   before their destructors run at thread end, which crashes the SDK's receiving thread on
+//   Windows when it stops;
 // - FramePool: released frames keep the capacity of their laser vectors for the next frame
 //   (at most kPoolFrames are kept).
 constexpr size_t kKeepBytes = size_t{16} << 20;
 constexpr size_t kPoolFrames = 8;
+constexpr size_t kPoolScratches = 4;
 
 class ScanBodyScratch {
 public:
     ScanBodyScratch() {
-        if (!t_body) {
-            t_body = std::make_unique<sdk_link::ScanFrameBody>();
+        {
+            std::lock_guard<std::mutex> lock(pool().mutex);
+            if (!pool().free.empty()) {
+                m_parts = std::move(pool().free.back());
+                pool().free.pop_back();
+            }
+        }
+        if (!m_parts.body) {
+            m_parts.body = std::make_unique<sdk_link::ScanFrameBody>();
         }
     }
     ~ScanBodyScratch() {
-        if (t_body->laser_points_size() * sizeof(float) > kKeepBytes) {
-            t_body.reset();
+        if (m_parts.body->laser_points_size() * sizeof(float) > kKeepBytes ||
+            m_parts.rest.capacity() > kKeepBytes) {
+            return;
+        }
+        std::lock_guard<std::mutex> lock(pool().mutex);
+        if (pool().free.size() < kPoolScratches) {
+            pool().free.push_back(std::move(m_parts));
         }
     }
-    sdk_link::ScanFrameBody& body() { return *t_body; }
+    ScanBodyScratch(const ScanBodyScratch&) = delete;
+    ScanBodyScratch& operator=(const ScanBodyScratch&) = delete;
+    sdk_link::ScanFrameBody& body() { return *m_parts.body; }
+    std::string& rest() { return m_parts.rest; }
 
 private:
-    static thread_local std::unique_ptr<sdk_link::ScanFrameBody> t_body;
+    struct Parts {
+        std::unique_ptr<sdk_link::ScanFrameBody> body;
+        std::string rest;
+    };
+    struct Pool {
+        std::mutex mutex;
+        std::vector<Parts> free;
+    };
+    // Never destroyed: a thread may still pack or unpack while the process ends.
+    static Pool& pool() {
+        static Pool* const instance = new Pool;
+        return *instance;
+    }
+
+    Parts m_parts;
 };
-thread_local std::unique_ptr<sdk_link::ScanFrameBody> ScanBodyScratch::t_body;
 
 class FramePool : public std::enable_shared_from_this<FramePool> {
 public:
@@ -852,8 +884,6 @@ bool splitScanBody(const char* data, size_t size, tagScanData& frame, std::strin
     return true;
 }
 
-thread_local std::string t_restScratch;
-
 }  // namespace
 
 int CMessage_ScanData::pack(std::vector<char>* out) {
@@ -967,12 +997,10 @@ int CMessage_ScanData::unpack(const char* data, const int& size) {
         tagScanData& f = *frame;
         const bool direct = hostIsLittleEndian();
         if (direct) {
-            if (!splitScanBody(data, static_cast<size_t>(size), f, t_restScratch) ||
-                !parseBody(t_restScratch.data(), static_cast<int>(t_restScratch.size()), b)) {
+            std::string& rest = scratch.rest();
+            if (!splitScanBody(data, static_cast<size_t>(size), f, rest) ||
+                !parseBody(rest.data(), static_cast<int>(rest.size()), b)) {
                 return -1;
-            }
-            if (t_restScratch.capacity() > kKeepBytes) {
-                std::string().swap(t_restScratch);
             }
         } else if (!parseBody(data, size, b)) {
             return -1;

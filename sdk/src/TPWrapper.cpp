@@ -1,8 +1,6 @@
 // CTPWrapper: the link to the devices and its receiving thread.
 #include "sdk/TPWrapper.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -337,7 +335,8 @@ void CTPWrapper::Link::saveFrame(const wire::Frame& frame, int frameID) {
         return;
     }
     char name[96];
-    std::snprintf(name, sizeof(name), "scan_%ld_%08llu_%d.lfr", static_cast<long>(::getpid()),
+    std::snprintf(name, sizeof(name), "scan_%ld_%08llu_%d.lfr",
+                  static_cast<long>(platform::currentProcessId()),
                   static_cast<unsigned long long>(++g_savedSequence), frameID);
     const std::string path = platform::joinPath(folder, name);
     std::FILE* f = std::fopen(path.c_str(), "wb");

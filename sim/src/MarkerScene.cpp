@@ -10,6 +10,9 @@ namespace sim {
 
 namespace {
 
+// M_PI is POSIX, not C++: strict C++17 on Windows does not define it. The same double.
+constexpr double kPi = 3.14159265358979323846;
+
 std::uint64_t splitmix(std::uint64_t& x) {
     std::uint64_t z = (x += 0x9E3779B97F4A7C15ULL);
     z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ULL;
@@ -139,7 +142,7 @@ Eigen::Matrix3d randomRotation(Rng& rng) {
 }
 
 Eigen::Matrix3d randomSmallRotation(Rng& rng, double angleDeg) {
-    return Eigen::AngleAxisd(angleDeg * M_PI / 180.0, rng.unitVector()).toRotationMatrix();
+    return Eigen::AngleAxisd(angleDeg * kPi / 180.0, rng.unitVector()).toRotationMatrix();
 }
 
 RigidMotion randomMotion(Rng& rng, double maxTranslation) {
@@ -153,7 +156,7 @@ RigidMotion randomMotion(Rng& rng, double maxTranslation) {
 
 double rotationAngleDeg(const Eigen::Matrix3d& a, const Eigen::Matrix3d& b) {
     const double c = std::clamp(((a.transpose() * b).trace() - 1.0) * 0.5, -1.0, 1.0);
-    return std::acos(c) * 180.0 / M_PI;
+    return std::acos(c) * 180.0 / kPi;
 }
 
 MarkerScene::MarkerScene(std::vector<Marker> markers) : markers_(std::move(markers)) {
@@ -338,7 +341,7 @@ Frame FrameGenerator::frameAt(const Eigen::Vector3d& centre, const RigidMotion& 
         const int i = rng_.uniformInt(0, static_cast<int>(visible.size()) - 1);
         visible.erase(visible.begin() + i);
     }
-    const double normalSigma = opt.normalNoiseDeg * M_PI / 180.0;
+    const double normalSigma = opt.normalNoiseDeg * kPi / 180.0;
     Eigen::Vector3d lo = centre, hi = centre;
     for (int idx : visible) {
         const Marker& m = scene_[idx];

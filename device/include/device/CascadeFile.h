@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "device/Export.h"
 #include "helmsman/DeviceTypes.h"
 
 namespace device {
@@ -22,12 +23,13 @@ constexpr size_t kCascadeHeaderBytes = 4;
 // is read only as far as the file goes: a record cut short keeps zeros in its identifier and
 // identity elements in its matrix, and no record is made for bytes that are not there. An
 // identifier without terminator takes all 20 bytes. Never allocates more than the file holds.
-size_t readCascadeRecords(std::FILE* file, std::vector<TransformTrackingMatrix>& out);
+PATHFINDER_API size_t readCascadeRecords(std::FILE* file,
+                                         std::vector<TransformTrackingMatrix>& out);
 
 // Writes `records` as a cascade file at `path` (replacing it). False, with no file written,
 // when an identifier has 20 bytes or more or contains a NUL, or when the file cannot be
 // written completely.
-bool writeCascadeFile(const std::wstring& path,
-                      const std::vector<TransformTrackingMatrix>& records);
+PATHFINDER_API bool writeCascadeFile(const std::wstring& path,
+                                     const std::vector<TransformTrackingMatrix>& records);
 
 }  // namespace device

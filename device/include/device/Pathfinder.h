@@ -27,6 +27,7 @@
 #include <string>
 #include <vector>
 
+#include "device/Export.h"
 #include "helmsman/DeviceBase.h"
 #include "helmsman/DeviceTypes.h"
 
@@ -54,45 +55,45 @@ namespace device {
 
 // Looks for running processes whose executable file name is `exeName` (a trailing ".exe" is
 // ignored on POSIX) and, with `terminate`, asks each to end. Nonzero when one was found.
-int FindProcessByName(const std::wstring& exeName, bool terminate);
+PATHFINDER_API int FindProcessByName(const std::wstring& exeName, bool terminate);
 
 // Fills `info` from the wire record of a device: serial (first 32 bytes of ID), kind (1 for a
 // scanner, else 0), model (TrackerType) and state (1 without error codes, 5 for a camera that
 // could not be opened, 6 for a USB link that could not be started, else 7; the last matching
 // code wins). Other fields of `info` are left as they are.
-void tpGetDeviceInfo(const lumora::DeviceInfo& wire, tagDeviceInfo& info);
+PATHFINDER_API void tpGetDeviceInfo(const lumora::DeviceInfo& wire, tagDeviceInfo& info);
 
 // Adds one heartbeat to a device's running thermal balance (single-precision running mean over
 // the last `record.capacity` samples of the main temperature). A heartbeat without any
 // temperature leaves the record as it is and writes one line.
-void AddTemperature(tagDeviceThermalBalance& record, SDK_NV::tagHeartData beat);
+PATHFINDER_API void AddTemperature(tagDeviceThermalBalance& record, SDK_NV::tagHeartData beat);
 
 // The process-wide thermal balance of every device seen, by device name (a copy).
-std::map<std::string, tagDeviceThermalBalance> getThermalRecords();
+PATHFINDER_API std::map<std::string, tagDeviceThermalBalance> getThermalRecords();
 // Forgets every thermal record (for hosts and tests that start over within one process).
-void resetThermalRecords();
+PATHFINDER_API void resetThermalRecords();
 
 // Folder of the module's own file, without trailing separator (cached on first use).
-std::wstring getAnnexPath();
+PATHFINDER_API std::wstring getAnnexPath();
 // The module's version "major.minor.patch.tweak" from the build (cached; valid for the life of
 // the module).
-const char* getTrackVersion();
+PATHFINDER_API const char* getTrackVersion();
 
 // One time-stamped line on standard output: "[Y-m-d H:M:S] <ms since 1970> <msg>", written
 // only while the console-log switch is on (off by default).
-void TWStdout(const std::string& msg);
-void setConsoleLog(bool on);
-bool getConsoleLog();
+PATHFINDER_API void TWStdout(const std::string& msg);
+PATHFINDER_API void setConsoleLog(bool on);
+PATHFINDER_API bool getConsoleLog();
 
 // The process-wide reference marker set: the last set setMarkpoint was told to make the
 // reference (a copy; empty before).
-tagRefMarkpointData getReferenceMarkpoints();
+PATHFINDER_API tagRefMarkpointData getReferenceMarkpoints();
 
 // ---------------------------------------------------------------------------------------------
 // The device object
 // ---------------------------------------------------------------------------------------------
 
-class CPathfinder : public CDeviceBase {
+class PATHFINDER_API CPathfinder : public CDeviceBase {
 public:
     CPathfinder();
     ~CPathfinder() override;

@@ -1,11 +1,12 @@
 // Maps the calibration and tracking error codes of the device SDK to host results.
 #pragma once
 
+#include "device/Export.h"
 #include "helmsman/DeviceTypes.h"
 
 namespace device {
 
-class TypeTransfer {
+class PATHFINDER_API TypeTransfer {
 public:
     // Every mapper answers RESULT_FAILED (1) for a code it does not know.
 

@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "helmsman/DeviceTypes.h"
+#include "helmsman/Export.h"
 
 namespace device {
 
@@ -47,7 +48,7 @@ struct tagDeviceHandlers {
     std::function<void()> onDeviceTriggerNoData;
 };
 
-class CDeviceBase {
+class HELMSMAN_API CDeviceBase {
 public:
     explicit CDeviceBase(emDeviceNewType type);
     virtual ~CDeviceBase();

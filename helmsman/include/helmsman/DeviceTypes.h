@@ -12,6 +12,8 @@
 #include <type_traits>
 #include <vector>
 
+#include "helmsman/Export.h"
+
 namespace device {
 
 // ---------------------------------------------------------------------------------------------
@@ -220,7 +222,7 @@ struct tagDeviceInfoSetting {
 
 // One physical device (tracker, scanner). Byte-compatible with the host's record: the fields
 // that the device module does not write keep their defaults.
-struct tagDeviceInfo {
+struct HELMSMAN_API tagDeviceInfo {
     char serial[32] = {};       // device id, 32 bytes, not terminated when it is 32 long
     char description[64] = {};  // host text
     int32_t index = 0;
@@ -252,7 +254,7 @@ struct tagDeviceInfo {
 };
 
 // The device list handed to the host: an owned array of `count` records.
-struct tagDeviceInfoList {
+struct HELMSMAN_API tagDeviceInfoList {
     tagDeviceInfo* infos = nullptr;
     int32_t count = 0;
 
@@ -403,7 +405,7 @@ struct tagDeviceCameraImage {
 };
 
 // Camera parameters of the scanner's stereo pair and its images.
-struct tagDeviceCamera {
+struct HELMSMAN_API tagDeviceCamera {
     double leftIntrinsic[3][3] = {};   // rows of the left camera matrix
     double rightIntrinsic[3][3] = {};  // rows of the right camera matrix
     double rotation[3][3] = {};        // rows of the rotation right-to-left
@@ -442,7 +444,7 @@ struct tagDeviceCameraLookMarkpoint {
 
 // The results of one scan frame of one device, handed to the host through
 // callDeviceData. Created per frame; all members start zeroed except poseMode.
-struct tagDeviceData {
+struct HELMSMAN_API tagDeviceData {
     // Pose mode: 2 object scanning, 3 hole scanning.
     static constexpr int32_t kDefaultPoseMode = 2;
 

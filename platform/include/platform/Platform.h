@@ -5,6 +5,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <ctime>
 #include <functional>
@@ -213,5 +214,52 @@ bool socketStartup();
 // True when something accepts a TCP connection at host:port (IPv4; a name is resolved) within
 // `timeoutMs` milliseconds (unscaled). Port 0 never answers. The connection is closed at once.
 bool endpointAnswers(const std::string& host, uint16_t port, int timeoutMs);
+
+// TCP over IPv4 with blocking sockets and explicit waits, for the SDK's link and the console.
+// `host` is a dotted address or a name; every wait is in real (unscaled) milliseconds. The
+// calls start the socket library themselves.
+
+// A socket: the descriptor on POSIX, the SOCKET on Windows.
+using Socket = std::intptr_t;
+constexpr Socket kInvalidSocket = -1;
+
+// Connects within `timeoutMs`; kInvalidSocket on failure. Nagle's delay is switched off.
+Socket tcpConnect(const std::string& host, uint16_t port, int timeoutMs);
+// Listens (address reuse on, so a restarted server gets its port back); `boundPort`, if given,
+// receives the port actually bound (useful with port 0).
+Socket tcpListen(const std::string& host, uint16_t port, int backlog, uint16_t* boundPort);
+// Accepts one client (Nagle's delay off); kInvalidSocket when none is pending or on error.
+Socket tcpAccept(Socket listener);
+
+// Closes `s` and sets it to kInvalidSocket.
+void closeSocket(Socket& s);
+// Ends both directions (a thread blocked on the socket wakes up), or only the sending one;
+// the socket stays open.
+void shutdownSocket(Socket s, bool sendOnly = false);
+
+// Writes a and then b completely (b may be empty). False on error or when the peer stalls
+// longer than the send timeout.
+bool sendAll(Socket s, const char* a, size_t na, const char* b = nullptr, size_t nb = 0);
+// > 0 bytes read, 0 orderly close, -1 error, -2 the receive timeout passed without data.
+long recvSome(Socket s, char* buf, size_t capacity);
+
+bool setSendTimeout(Socket s, int timeoutMs);
+bool setRecvTimeout(Socket s, int timeoutMs);
+bool setBufferSizes(Socket s, int bytes);
+
+// One thing to wait for: a socket to read from (data, a closed peer or an error count as
+// ready), a socket to write to, or standard input.
+struct SocketWait {
+    Socket socket = kInvalidSocket;
+    bool write = false;          // wait until `socket` takes data instead
+    bool standardInput = false;  // wait for standard input instead of `socket`
+    bool ready = false;          // set by waitSockets
+};
+// Waits until one of `items` (at most 16) is ready or `timeoutMs` passed (0: only looks; no
+// items: sleeps). The number of ready items, 0 on timeout, -1 on error or when a signal
+// interrupted the wait.
+int waitSockets(SocketWait* items, size_t count, int timeoutMs);
+// Reads what standard input has (at most `capacity` bytes): > 0 bytes, 0 at its end, -1 error.
+long readStandardInput(char* buf, size_t capacity);
 
 }  // namespace platform

@@ -1,17 +1,19 @@
-// Minimal TCP helpers of the link, shared by the SDK, the console, tests and benchmarks.
-// Blocking sockets with explicit waits; nothing here throws. POSIX implementation.
+// TCP helpers of the link, shared by the SDK, the console, tests and benchmarks: the platform
+// layer's sockets (platform/Platform.h) addressed by link endpoints. Blocking sockets with
+// explicit waits; nothing here throws.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 
+#include "platform/Platform.h"
 #include "sdk/Wire.h"
 
 namespace SDK_NV {
 namespace net {
 
-using socket_t = int;
-constexpr socket_t kInvalidSocket = -1;
+using socket_t = platform::Socket;
+constexpr socket_t kInvalidSocket = platform::kInvalidSocket;
 
 // Connects within `timeoutMs` (unscaled); kInvalidSocket on failure. TCP_NODELAY is set.
 socket_t connectTcp(const wire::Endpoint& endpoint, int timeoutMs);
