@@ -106,6 +106,7 @@ std::wstring CPathfinder::companionFolder() const {
 }
 
 std::vector<std::string> CPathfinder::workingDevices() const {
+    std::lock_guard<std::mutex> lock(m_mtxScanState);
     return m_vecWorkingDevices;
 }
 
@@ -205,7 +206,10 @@ emDeviceResult CPathfinder::emptyCache() {
     if (m_pScanWrapper != nullptr) {
         m_pScanWrapper->clearMarkpointData(SDK_NV::DEVICE_TRACKER);
     }
-    m_vecWorkingDevices.clear();
+    {
+        std::lock_guard<std::mutex> lock(m_mtxScanState);
+        m_vecWorkingDevices.clear();
+    }
     CPathfinder::emptyTransferMatrix();
     if (m_pMarkpoint != nullptr) {
         m_pMarkpoint->clearLibrary();
@@ -227,7 +231,7 @@ emDeviceResult CPathfinder::controlLaserOn() {
     // arrives at once is not overwritten by them.
     const emDeviceResult previous = m_nLastResult.exchange(RESULT_NO_ANSWER);
     m_bTriggerActive.store(true);
-    if (!m_pScanWrapper->setTrigger(true, m_vecWorkingDevices)) {
+    if (!m_pScanWrapper->setTrigger(true, workingDevices())) {
         m_bTriggerActive.store(false);
         m_nLastResult.store(previous);
         return RESULT_SEND_REFUSED;

@@ -1,0 +1,221 @@
+// Host handlers that call the module back, against a real lumora_console: the data handler calls
+// every operation that touches the scan state on every frame of a scan, a state handler and a
+// reply handler once each; nothing hangs, frames keep coming and each frame shows what the
+// previous frame's handler left.
+#include <gtest/gtest.h>
+
+#include <stdlib.h>
+
+#include <atomic>
+#include <cstdio>
+#include <filesystem>
+#include <mutex>
+
+#include "ConsoleProcess.h"
+#include "DeviceTestSupport.h"
+#include "device/CascadeFile.h"
+#include "platform/Platform.h"
+#include "sdk/Records.h"
+#include "sdk/Wire.h"
+
+namespace {
+
+using namespace device;
+using devtest::waitFor;
+
+// The two operations of the SDK side that a host reaches as well.
+class ReentryDevice : public devtest::TestDevice {
+public:
+    using CPathfinder::ScanInThreePointTrack;
+    using CPathfinder::SendMatrix;
+    using devtest::TestDevice::TestDevice;
+};
+
+// Translations far outside the scene (mm): a pose re-expressed with one of them shows which.
+constexpr double kFar = 1e5;
+enum class Seen { Raw, Cascade, Super };
+
+Seen seenIn(const tagDeviceData& d) {
+    return d.translation[0] < -kFar / 2   ? Seen::Cascade
+           : d.translation[2] < -kFar / 2 ? Seen::Super
+                                          : Seen::Raw;
+}
+
+std::vector<double> translation(double x, double y, double z) {
+    return {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, x, y, z, 1};
+}
+
+class Reentry : public ::testing::Test {
+protected:
+    void SetUp() override {
+        annex = devtest::makeTempAnnex();
+        cascade = annex + "/cascade.bin";
+        std::vector<TransformTrackingMatrix> records(2);
+        for (size_t i = 0; i < 2; ++i) {
+            records[i].id = "TRK000" + std::to_string(i + 1);
+            const std::vector<double> m = translation(kFar, 0, 0);
+            std::copy(m.begin(), m.end(), records[i].matrix);
+        }
+        ASSERT_TRUE(writeCascadeFile(platform::widePath(cascade), records));
+        console = std::make_unique<sdktest::ConsoleProcess>();
+        ASSERT_TRUE(console->start({"--heartbeat-ms", "0", "--setup", "heartbeat period 0", "--fps",
+                                    "50", "--points", "50", "--seed", "9", "--speed", "1000"}));
+        ::setenv(SDK_NV::wire::kEndpointEnv, console->endpoint().c_str(), 1);
+        device = std::make_unique<ReentryDevice>(std::make_shared<devtest::Recorder>());
+        ASSERT_EQ(device->init(), RESULT_SUCCESS);
+        ASSERT_EQ(device->setWorkingDevice({"SCN0001"}), RESULT_SUCCESS);
+    }
+    void TearDown() override {
+        active.store(false);  // handlers stop acting before the device goes
+        device.reset();
+        console.reset();
+        std::filesystem::remove_all(annex);
+    }
+
+    // Laser on until `n` frames have come (or the wait ends), then off. A handler stuck in the
+    // module would hold the receiving thread for good and the device's destructor with it: the
+    // process ends here instead of hanging.
+    void scan(int n) {
+        const int before = frames.load();
+        EXPECT_EQ(device->controlLaserOn(), RESULT_SUCCESS);
+        const bool came = waitFor([&] { return frames.load() >= before + n; }, 30000);
+        EXPECT_EQ(device->controlLaserOff(), RESULT_SUCCESS);
+        if (!came) {
+            ADD_FAILURE() << "frames stopped after " << frames.load() - before;
+            std::fflush(stdout);
+            console.reset();  // its output would keep CTest waiting
+            std::_Exit(1);
+        }
+    }
+
+    // Every operation a handler may call, leaving the transfer table imported (`state`
+    // Cascade) or empty, and super conversion on with the far matrix (Super) or off. What
+    // failed goes into `failed`, by name.
+    void callEverything(ReentryDevice& d, Seen state) {
+        std::vector<std::string> wrong;
+        const auto check = [&wrong](bool ok, const char* what) {
+            if (!ok) {
+                wrong.push_back(what);
+            }
+        };
+        d.SendMatrix(false);
+        check(d.setFineHoleData({}) == RESULT_SUCCESS, "setFineHoleData");
+        check(d.setCuttingEdgeData({}) == RESULT_SUCCESS, "setCuttingEdgeData");
+        check(d.setMarkpointDiameter({6.0f, 6.0f}) == RESULT_SUCCESS, "setMarkpointDiameter");
+        const double radii[2] = {3.0, 3.0};
+        check(d.setMarkpointRadius(radii, 2) == RESULT_SUCCESS, "setMarkpointRadius");
+        const std::wstring file = platform::widePath(cascade);
+        if (state == Seen::Cascade) {
+            check(d.emptyCache() == RESULT_SUCCESS, "emptyCache");
+            check(d.emptyTransferMatrix() == RESULT_SUCCESS, "emptyTransferMatrix");
+            check(d.importCascadeFile(file) == RESULT_SUCCESS, "importCascadeFile");
+        } else {
+            check(d.importCascadeFile(file) == RESULT_SUCCESS, "importCascadeFile");
+            check(d.emptyCache() == RESULT_SUCCESS, "emptyCache");
+            check(d.emptyTransferMatrix() == RESULT_SUCCESS, "emptyTransferMatrix");
+        }
+        const bool super = state == Seen::Super;
+        check(d.setSuperConversionScanMatrix(super ? translation(0, 0, kFar)
+                                                   : translation(0, 0, 0)) == RESULT_SUCCESS,
+              "setSuperConversionScanMatrix");
+        d.startSuperConversionScanObject(super);
+        // This thread sees its own changes at once.
+        check(d.transferMatrices().size() == (state == Seen::Cascade ? 2u : 0u),
+              "transferMatrices");
+        SDK_NV::tagScanData f;
+        f.m_vecLaserPoints = {1, 2, 3};
+        d.ScanInThreePointTrack(f);
+        check(f.m_vecLaserPoints[2] == (super ? static_cast<float>(3 + kFar) : 3.0f),
+              "ScanInThreePointTrack");
+        std::lock_guard<std::mutex> lock(mutex);
+        failed.insert(failed.end(), wrong.begin(), wrong.end());
+    }
+
+    // What the handlers share with the test (here, so that it outlives a handler still
+    // running when a test ends); they act only while `active`.
+    std::atomic<bool> active{true};
+    std::atomic<int> frames{0};
+    std::atomic<int> calls{0};
+    std::atomic<int> withCascade{0};
+    std::atomic<bool> arrival{true};
+    std::mutex mutex;
+    std::vector<std::string> failed;
+    std::vector<Seen> seen, left;  // per frame: what it showed, what its handler left
+    std::vector<std::pair<int, int>> counts;
+    std::string annex;
+    std::string cascade;
+    std::unique_ptr<sdktest::ConsoleProcess> console;
+    std::unique_ptr<ReentryDevice> device;
+};
+
+TEST_F(Reentry, HandlersCallEveryOperationAndTheNextFrameShowsTheChange) {
+    ASSERT_EQ(device->setScanObject(SCAN_OBJECT_SURFACE, false), RESULT_SUCCESS);
+    ReentryDevice* dev = device.get();
+    device->setDeviceDataHandler(
+        [this, dev](const std::shared_ptr<tagDeviceData>& d, const char*, int) {
+            if (!active.load()) {
+                return;
+            }
+            const Seen state = static_cast<Seen>(frames.load() % 3);
+            callEverything(*dev, state);
+            std::lock_guard<std::mutex> lock(mutex);
+            seen.push_back(seenIn(*d));
+            left.push_back(state);
+            frames.fetch_add(1);
+        });
+    scan(30);
+    active.store(false);
+    std::lock_guard<std::mutex> lock(mutex);
+    EXPECT_EQ(failed, std::vector<std::string>{});
+    ASSERT_GE(seen.size(), 30u);
+    EXPECT_EQ(seen[0], Seen::Raw);
+    for (size_t k = 1; k < seen.size(); ++k) {
+        EXPECT_EQ(seen[k], left[k - 1]) << "frame " << k;
+    }
+}
+
+TEST_F(Reentry, AStateAndAReplyHandlerCallEveryOperationToo) {
+    ASSERT_EQ(device->setScanObject(SCAN_OBJECT_SURFACE, false), RESULT_SUCCESS);
+    ReentryDevice* dev = device.get();
+    // The arrival of TRK0009, once (its departure when the device closes is not acted on).
+    device->setDeviceStateHandler(
+        [this, dev](emDeviceState state, const tagDeviceInfo& info, const void*) {
+            if (active.load() && info.serialText() == "TRK0009" && state != STATE_DISCONNECTED &&
+                arrival.exchange(false)) {
+                callEverything(*dev, Seen::Cascade);
+                calls.fetch_add(1);
+            }
+        });
+    device->setDeviceReplyHandler(
+        [this, dev](const std::string&, emDeviceReply reply, const void* p) {
+            if (active.load() && reply == REPLY_WIFI_STATE && p != nullptr &&
+                std::string(static_cast<const char*>(p)) == "reentry") {
+                callEverything(*dev, Seen::Cascade);
+                calls.fetch_add(1);
+            }
+        });
+    ASSERT_TRUE(console->control("device TRK0009 on kind=tracker"));
+    ASSERT_TRUE(waitFor([&] { return calls.load() == 1; }));
+    ASSERT_TRUE(console->control("wifi reentry"));
+    ASSERT_TRUE(waitFor([&] { return calls.load() == 2; }));
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        EXPECT_EQ(failed, std::vector<std::string>{});
+    }
+    EXPECT_EQ(device->transferMatrices().size(), 2u);
+
+    // The cascade the reply handler imported poses the frames of the next scan (emptyCache
+    // forgot the working devices).
+    ASSERT_EQ(device->setWorkingDevice({"SCN0001"}), RESULT_SUCCESS);
+    device->setDeviceDataHandler([this](const std::shared_ptr<tagDeviceData>& d, const char*, int) {
+        if (active.load()) {
+            withCascade.fetch_add(seenIn(*d) == Seen::Cascade ? 1 : 0);
+            frames.fetch_add(1);
+        }
+    });
+    scan(3);
+    active.store(false);
+    EXPECT_EQ(withCascade.load(), frames.load());
+}
+
+}  // namespace
