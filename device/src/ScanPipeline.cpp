@@ -661,14 +661,18 @@ void CPathfinder::scanFrame(SDK_NV::tagScanData& frame, bool bFlag, bool takeLas
         if (dynamicMarker) {
             // A frame whose build fails delivers no markers (not the previous frame's).
             m_nMarkerCountAfter.store(0);
+            // The counts are the library's, before and after this frame's build step.
+            const auto libraryCount = [this] {
+                return m_pMarkpoint != nullptr ? m_pMarkpoint->libraryMarkerCount() : 0;
+            };
             std::lock_guard<std::mutex> markerLock(detail::moduleMutex());
             if (m_bTriggerActive.load()) {
                 m_refMarkpointResult.clear();
-                m_nMarkerCountBefore.store(static_cast<int32_t>(m_refMarkpointResult.size()));
+                m_nMarkerCountBefore.store(libraryCount());
                 const int n =
                     ReadltimeBuildModel(frame, m_refMarkpointResult, m_refMarkpointWork, true);
                 m_nBuildModelResult.store(n);
-                m_nMarkerCountAfter.store(static_cast<int32_t>(m_refMarkpointResult.size()));
+                m_nMarkerCountAfter.store(libraryCount());
             }
         } else {
             d.markerIds = std::move(ids);

@@ -1,7 +1,7 @@
 // Host handlers that call the module back, against a real lumora_console: the data handler calls
 // every operation that touches the scan state on every frame of a scan, a state handler and a
 // reply handler once each; nothing hangs, frames keep coming and each frame shows what the
-// previous frame's handler left.
+// previous frame's handler left. Also the dynamic build's marker counts.
 #include <gtest/gtest.h>
 
 #include <stdlib.h>
@@ -216,6 +216,32 @@ TEST_F(Reentry, AStateAndAReplyHandlerCallEveryOperationToo) {
     scan(3);
     active.store(false);
     EXPECT_EQ(withCascade.load(), frames.load());
+}
+
+// The counts of the dynamic build are the library's: before a frame's step as many markers as
+// after the previous frame's, and the library grows as the scanner moves.
+TEST_F(Reentry, DynamicBuildCountsTheLibraryBeforeAndAfterEachFrame) {
+    ASSERT_EQ(device->setWorkingDevice({"SCN0001", "TRK0001"}), RESULT_SUCCESS);
+    ASSERT_EQ(device->setDynamicTracking(SCAN_OBJECT_MARKPOINT), RESULT_SUCCESS);
+    ReentryDevice* dev = device.get();
+    device->setDeviceDataHandler(
+        [this, dev](const std::shared_ptr<tagDeviceData>&, const char*, int) {
+            if (active.load()) {
+                std::lock_guard<std::mutex> lock(mutex);
+                counts.emplace_back(dev->markerCountBefore(), dev->markerCountAfter());
+                frames.fetch_add(1);
+            }
+        });
+    scan(40);
+    active.store(false);
+    std::lock_guard<std::mutex> lock(mutex);
+    ASSERT_GE(counts.size(), 40u);
+    EXPECT_EQ(counts[0].first, 0);
+    EXPECT_GT(counts[0].second, 0);
+    for (size_t k = 1; k < counts.size(); ++k) {
+        EXPECT_EQ(counts[k].first, counts[k - 1].second) << "frame " << k;
+    }
+    EXPECT_GT(counts.back().second, counts[0].second);
 }
 
 }  // namespace

@@ -192,7 +192,8 @@ public:
     // The transfer-matrix table as cascade records, ordered by tracker identifier (what
     // writeCascadeFile saves).
     std::vector<TransformTrackingMatrix> transferMatrices() const;
-    // Build-model counters of the last frame (marker counts before/after, last result).
+    // Build-model counters of the last frame: the marker library's point count before and
+    // after its real-time build step, and the step's result.
     int markerCountBefore() const { return m_nMarkerCountBefore.load(); }
     int markerCountAfter() const { return m_nMarkerCountAfter.load(); }
     int buildModelResult() const { return m_nBuildModelResult.load(); }
