@@ -228,8 +228,11 @@ emDeviceResult CPathfinder::controlLaserOn() {
         return RESULT_SEND_REFUSED;
     }
     // The pending verdict and the busy flag go in before the command, so that an answer that
-    // arrives at once is not overwritten by them.
+    // arrives at once is not overwritten by them. Only the trigger's own answer (response code
+    // 1) is its verdict: answers to the commands sent just before it (the scan object's, say)
+    // may still be on their way, and their state 0 says nothing about the trigger.
     const emDeviceResult previous = m_nLastResult.exchange(RESULT_NO_ANSWER);
+    m_nTriggerVerdict.store(RESULT_NO_ANSWER);
     m_bTriggerActive.store(true);
     if (!m_pScanWrapper->setTrigger(true, workingDevices())) {
         m_bTriggerActive.store(false);
@@ -239,13 +242,15 @@ emDeviceResult CPathfinder::controlLaserOn() {
     detail::writeLine("[" + platform::formatTimestamp(platform::localNow()) + "] Trigger");
 
     for (int i = 0; i < kTriggerPolls; ++i) {
-        const emDeviceResult r = m_nLastResult.load();
+        const emDeviceResult r = m_nTriggerVerdict.load();
         if (r == RESULT_SUCCESS || r == RESULT_TRIGGER_TIMEOUT) {
             break;
         }
         platform::sleepMs(kTriggerPollMs);
     }
-    return m_nLastResult.load();
+    const emDeviceResult verdict = m_nTriggerVerdict.load();
+    m_nLastResult.store(verdict);
+    return verdict;
 }
 
 emDeviceResult CPathfinder::controlLaserOff() {

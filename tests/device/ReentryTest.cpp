@@ -1,7 +1,8 @@
 // Host handlers that call the module back, against a real lumora_console: the data handler calls
 // every operation that touches the scan state on every frame of a scan, a state handler and a
 // reply handler once each; nothing hangs, frames keep coming and each frame shows what the
-// previous frame's handler left. Also the dynamic build's marker counts.
+// previous frame's handler left. Also the dynamic build's marker counts and the trigger's
+// verdict among the answers of other commands.
 #include <gtest/gtest.h>
 
 #include <stdlib.h>
@@ -242,6 +243,16 @@ TEST_F(Reentry, DynamicBuildCountsTheLibraryBeforeAndAfterEachFrame) {
         EXPECT_EQ(counts[k].first, counts[k - 1].second) << "frame " << k;
     }
     EXPECT_GT(counts.back().second, counts[0].second);
+}
+
+// Answers of commands sent before the trigger may still come while the trigger waits for its
+// verdict: a state 0 among them does not make a rejected trigger a success.
+TEST_F(Reentry, TheTriggersVerdictIsItsOwnAnswer) {
+    ASSERT_TRUE(console->control("answer setTrigger 3"));
+    ASSERT_TRUE(console->control("answer setCustomDepth 0 delay=1000"));
+    ASSERT_EQ(device->setCustomDepth("late", 0, 0), RESULT_SUCCESS);
+    EXPECT_EQ(device->controlLaserOn(), RESULT_TRIGGER_REJECTED);
+    EXPECT_EQ(device->lastCommandResult(), RESULT_TRIGGER_REJECTED);
 }
 
 }  // namespace

@@ -290,6 +290,9 @@ private:
     SDK_NV::CTPScanWrapper* m_pScanWrapper = nullptr;  // owned
     CTPScan_Markpoint* m_pMarkpoint = nullptr;         // owned
     std::atomic<emDeviceResult> m_nLastResult{RESULT_SUCCESS};
+    // The answer to the last trigger-on (response code 1) alone, which controlLaserOn waits
+    // for: answers to other commands that arrive meanwhile are no verdict on the trigger.
+    std::atomic<emDeviceResult> m_nTriggerVerdict{RESULT_NO_ANSWER};
     // Guards the working devices and the scan state below (transfer-matrix table, current
     // tracker and its matrices, super conversion matrix, diameter table). Held only for short
     // reads and updates, never while a host callback or an SDK command runs: a host handler
