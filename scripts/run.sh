@@ -1,12 +1,13 @@
 #!/usr/bin/env bash
 # Main job: set up, build the host tool, scan the simulated part and say where the results are.
+# Release, like scripts/test.sh, which shares the build folder.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
 build=${BUILD_DIR:-build}
 jobs=$(nproc 2>/dev/null || echo 2)
 out=${OUT_DIR:-out/scan-$(date +%Y%m%d-%H%M%S)}
-cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
+cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release
 # The tool brings the device module and the console with it.
 cmake --build "$build" -j"$jobs" --target pathfinder_cli
 status=0

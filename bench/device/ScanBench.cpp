@@ -1,8 +1,10 @@
 // Speed of the scan pipeline, each figure a ratio against a baseline in the same run:
 //   - CallBack_ScanData on a 20,000-point frame against copying the frame's bytes into a new
 //     record (goal: at most 2 times the copy);
-//   - TransformScanData_Laser on 1 million points against a plain copy of the same array
-//     (goal: at least 0.8 times the copy's throughput).
+//   - TransformScanData_Laser on 1 million points against a plain copy of the same array, on
+//     each instruction-set path (goal: at least 0.8 times the copy's throughput with AVX2 and
+//     AVX-512; the others are reported), and TransformScanData_MarkPoint likewise against a
+//     copy of its doubles. A path the processor lacks is skipped.
 // Run on one core: taskset -c 0 build/bench/device/device_scan_bench
 #include <benchmark/benchmark.h>
 
@@ -10,8 +12,10 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <type_traits>
 #include <vector>
 
+#include "ScanSimd.h"
 #include "device/Pathfinder.h"
 #include "sdk/Records.h"
 
@@ -21,12 +25,16 @@ struct CPathfinderScanAccess {
     static void laser(std::vector<float>& p, const double* M, bool col) {
         CPathfinder::TransformScanData_Laser(p, M, col);
     }
+    static void marks(std::vector<double>& p, const double* M, bool col) {
+        CPathfinder::TransformScanData_MarkPoint(p, M, col);
+    }
 };
 }  // namespace device
 
 namespace {
 
 using A = device::CPathfinderScanAccess;
+using device::detail::SimdPath;
 const double kM[16] = {0.36, 0.48, -0.8, 0, -0.8, 0.6,   0,     0,
                        0.48, 0.64, 0.6,  0, 12.5, -7.25, 301.1, 1};
 
@@ -85,27 +93,39 @@ void BM_CallBackScanData(benchmark::State& state) {
     }
 }
 
+// A plain copy of 1 million points' coordinates (floats for the laser, doubles for markers).
+template <class T>
 void BM_PointCopyBaseline(benchmark::State& state) {
-    std::vector<float> src(3000000, 1.5f);
-    std::vector<float> dst(src.size());
+    std::vector<T> src(3000000, T(1.5));
+    std::vector<T> dst(src.size());
     for (auto _ : state) {
         std::copy(src.begin(), src.end(), dst.begin());
         benchmark::DoNotOptimize(dst.data());
         benchmark::ClobberMemory();
     }
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) *
-                            static_cast<int64_t>(src.size() * sizeof(float)));
+                            static_cast<int64_t>(src.size() * sizeof(T)));
 }
 
-void BM_TransformLaser(benchmark::State& state) {
-    std::vector<float> pts(3000000, 1.5f);
+// One transform of 1 million points, in place, on `path`.
+template <class T>
+void transformPoints(benchmark::State& state, SimdPath path, bool column) {
+    if (device::detail::useSimdPath(path) != path) {
+        state.SkipWithError("the processor cannot run this path");
+        return;
+    }
+    std::vector<T> pts(3000000, T(1.5));
     for (auto _ : state) {
-        A::laser(pts, kM, state.range(0) != 0);
+        if constexpr (std::is_same_v<T, float>) {
+            A::laser(pts, kM, column);
+        } else {
+            A::marks(pts, kM, column);
+        }
         benchmark::DoNotOptimize(pts.data());
         benchmark::ClobberMemory();
     }
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) *
-                            static_cast<int64_t>(pts.size() * sizeof(float)));
+                            static_cast<int64_t>(pts.size() * sizeof(T)));
 }
 
 // Collects the mean time per iteration of every run to print the ratios at the end.
@@ -124,10 +144,27 @@ public:
 
 BENCHMARK(BM_FrameCopyBaseline)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_CallBackScanData)->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_PointCopyBaseline)->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_TransformLaser)->Arg(1)->Arg(0)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_PointCopyBaseline<float>)->Name("BM_PointCopyBaseline")->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_PointCopyBaseline<double>)
+    ->Name("BM_MarkerCopyBaseline")
+    ->Unit(benchmark::kMicrosecond);
 
 int main(int argc, char** argv) {
+    // BM_TransformLaser/<path>/<reading> and BM_TransformMarkers/<path>/column.
+    const SimdPath paths[] = {SimdPath::Scalar, SimdPath::Sse2, SimdPath::Avx2, SimdPath::Avx512};
+    for (const SimdPath path : paths) {
+        const std::string name = device::detail::simdPathName(path);
+        for (const bool column : {true, false}) {
+            benchmark::RegisterBenchmark(
+                ("BM_TransformLaser/" + name + (column ? "/column" : "/row")).c_str(),
+                [path, column](benchmark::State& st) { transformPoints<float>(st, path, column); })
+                ->Unit(benchmark::kMicrosecond);
+        }
+        benchmark::RegisterBenchmark(
+            ("BM_TransformMarkers/" + name + "/column").c_str(),
+            [path](benchmark::State& st) { transformPoints<double>(st, path, true); })
+            ->Unit(benchmark::kMicrosecond);
+    }
     benchmark::Initialize(&argc, argv);
     RatioReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
@@ -138,9 +175,19 @@ int main(int argc, char** argv) {
     };
     std::printf("CallBack_ScanData / frame copy (time, goal <= 2): %.3f\n",
                 ratio("BM_CallBackScanData", "BM_FrameCopyBaseline"));
-    std::printf("laser transform throughput / copy, column (goal >= 0.8): %.3f\n",
-                1.0 / ratio("BM_TransformLaser/1", "BM_PointCopyBaseline"));
-    std::printf("laser transform throughput / copy, row (goal >= 0.8): %.3f\n",
-                1.0 / ratio("BM_TransformLaser/0", "BM_PointCopyBaseline"));
+    for (const SimdPath path : paths) {
+        const std::string name = device::detail::simdPathName(path);
+        const char* goal = path >= SimdPath::Avx2 ? " (goal >= 0.8)" : "";
+        for (const char* reading : {"column", "row"}) {
+            const double r = ratio(("BM_TransformLaser/" + name + "/" + reading).c_str(),
+                                   "BM_PointCopyBaseline");
+            std::printf("laser transform throughput / copy, %s, %s%s: %.3f\n", name.c_str(),
+                        reading, goal, r > 0 ? 1.0 / r : -1.0);
+        }
+        const double r =
+            ratio(("BM_TransformMarkers/" + name + "/column").c_str(), "BM_MarkerCopyBaseline");
+        std::printf("marker transform throughput / copy, %s, column: %.3f\n", name.c_str(),
+                    r > 0 ? 1.0 / r : -1.0);
+    }
     return 0;
 }

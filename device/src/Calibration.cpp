@@ -145,7 +145,7 @@ emDeviceResult CPathfinder::setStartCalibration() {
             break;
     }
     platform::sleepMs(kCalibSettleMs);
-    sdk.setTrigger(true, m_vecWorkingDevices);
+    sdk.setTrigger(true, workingDevices());
     platform::sleepMs(kCalibSettleMs);
     detail::moduleFlags().calibState.store(-1);
     if (isSaveImages()) {
@@ -185,7 +185,10 @@ emDeviceResult CPathfinder::setStopCalibration() {
         std::lock_guard<std::mutex> lock(detail::moduleMutex());
         m_bTriggerActive.store(false);
     }
-    m_vecWorkingDevices.clear();
+    {
+        std::lock_guard<std::mutex> lock(m_mtxScanState);
+        m_vecWorkingDevices.clear();
+    }
     m_nCalibraMode.store(CALIBRA_MODE_NONE);
     return RESULT_SUCCESS;
 }

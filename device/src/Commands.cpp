@@ -110,6 +110,7 @@ emDeviceResult CPathfinder::setWorkingDevice(const std::vector<std::string>& dev
     if (m_bTriggerActive.load()) {
         return RESULT_BUSY_SCANNING;
     }
+    std::lock_guard<std::mutex> lock(m_mtxScanState);
     m_vecWorkingDevices = deviceIds;
     return RESULT_SUCCESS;
 }

@@ -106,6 +106,7 @@ std::wstring CPathfinder::companionFolder() const {
 }
 
 std::vector<std::string> CPathfinder::workingDevices() const {
+    std::lock_guard<std::mutex> lock(m_mtxScanState);
     return m_vecWorkingDevices;
 }
 
@@ -205,7 +206,10 @@ emDeviceResult CPathfinder::emptyCache() {
     if (m_pScanWrapper != nullptr) {
         m_pScanWrapper->clearMarkpointData(SDK_NV::DEVICE_TRACKER);
     }
-    m_vecWorkingDevices.clear();
+    {
+        std::lock_guard<std::mutex> lock(m_mtxScanState);
+        m_vecWorkingDevices.clear();
+    }
     CPathfinder::emptyTransferMatrix();
     if (m_pMarkpoint != nullptr) {
         m_pMarkpoint->clearLibrary();
@@ -224,10 +228,13 @@ emDeviceResult CPathfinder::controlLaserOn() {
         return RESULT_SEND_REFUSED;
     }
     // The pending verdict and the busy flag go in before the command, so that an answer that
-    // arrives at once is not overwritten by them.
+    // arrives at once is not overwritten by them. Only the trigger's own answer (response code
+    // 1) is its verdict: answers to the commands sent just before it (the scan object's, say)
+    // may still be on their way, and their state 0 says nothing about the trigger.
     const emDeviceResult previous = m_nLastResult.exchange(RESULT_NO_ANSWER);
+    m_nTriggerVerdict.store(RESULT_NO_ANSWER);
     m_bTriggerActive.store(true);
-    if (!m_pScanWrapper->setTrigger(true, m_vecWorkingDevices)) {
+    if (!m_pScanWrapper->setTrigger(true, workingDevices())) {
         m_bTriggerActive.store(false);
         m_nLastResult.store(previous);
         return RESULT_SEND_REFUSED;
@@ -235,13 +242,15 @@ emDeviceResult CPathfinder::controlLaserOn() {
     detail::writeLine("[" + platform::formatTimestamp(platform::localNow()) + "] Trigger");
 
     for (int i = 0; i < kTriggerPolls; ++i) {
-        const emDeviceResult r = m_nLastResult.load();
+        const emDeviceResult r = m_nTriggerVerdict.load();
         if (r == RESULT_SUCCESS || r == RESULT_TRIGGER_TIMEOUT) {
             break;
         }
         platform::sleepMs(kTriggerPollMs);
     }
-    return m_nLastResult.load();
+    const emDeviceResult verdict = m_nTriggerVerdict.load();
+    m_nLastResult.store(verdict);
+    return verdict;
 }
 
 emDeviceResult CPathfinder::controlLaserOff() {

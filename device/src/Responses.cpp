@@ -73,20 +73,27 @@ void CPathfinder::CallBack_Response(SDK_NV::tagWorkRespons& response) {
     // States compare as unsigned: -1 and -2 lie above every listed state.
     const auto state = static_cast<uint32_t>(response.state);
     const bool calibrating = m_nCalibraMode.load() > 1;
+    // The last command result; the trigger's own answer (code 1) is also its verdict.
+    const auto result = [this, code](emDeviceResult r) {
+        if (code == 1) {
+            m_nTriggerVerdict.store(r);
+        }
+        m_nLastResult.store(r);
+    };
     switch (state) {
         case 0:
             if (code == 146) {
                 m_bPripladBusy.store(false);
             }
-            m_nLastResult.store(RESULT_SUCCESS);
+            result(RESULT_SUCCESS);
             return;
         case 3:
         case 4:
-            m_nLastResult.store(RESULT_TRIGGER_REJECTED);
+            result(RESULT_TRIGGER_REJECTED);
             return;
         case 5:
             detail::writeLine("[pathfinder] trigger device timeout");
-            m_nLastResult.store(RESULT_TRIGGER_TIMEOUT);
+            result(RESULT_TRIGGER_TIMEOUT);
             return;
         case 11:
         case 12:
@@ -96,7 +103,7 @@ void CPathfinder::CallBack_Response(SDK_NV::tagWorkRespons& response) {
                 const emDeviceState hostState = state == 11   ? STATE_CALIB_POSE_DONE
                                                 : state == 12 ? STATE_CALIB_STEP_DONE
                                                               : STATE_CALIB_COMPLETE;
-                m_nLastResult.store(RESULT_SUCCESS);
+                result(RESULT_SUCCESS);
                 callDeviceState(hostState, tagDeviceInfo(), nullptr);
             }
             return;

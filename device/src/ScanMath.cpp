@@ -7,15 +7,19 @@
 // Layout of a 4x4 matrix M (16 doubles): block B(r,c) = M[4r+c], translation T = M[12..14].
 // A stored transfer matrix is read on column vectors (p -> B.p + T), a reverse matrix and a
 // pose on row vectors (x -> x.B + T).
+#include <algorithm>
+#include <atomic>
 #include <cstring>
+#include <string>
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
 #endif
 #if defined(__x86_64__) && defined(__GNUC__)
-// GCC 12's AVX-512 intrinsics start some results from a deliberately undefined register, which
-// its own flow analysis then reports as maybe uninitialised (at the header's lines, so the
-// diagnostic is switched off for the header).
+// The AVX2 and AVX-512 kernels, compiled for their instruction sets function by function and
+// run where the processor has them. GCC 12's AVX-512 intrinsics start some results from a
+// deliberately undefined register, which its own flow analysis then reports as maybe
+// uninitialised (at the header's lines, so the diagnostic is switched off for the header).
 #if defined(__clang__)
 #include <immintrin.h>
 #else
@@ -24,15 +28,21 @@
 #include <immintrin.h>
 #pragma GCC diagnostic pop
 #endif
-#define PATHFINDER_LASER_AVX512 1
+#define PATHFINDER_SCAN_X86 1
 #endif
 
+#include "ModuleState.h"
+#include "ScanSimd.h"
 #include "device/Pathfinder.h"
+#include "platform/Platform.h"
 #include "sdk/Records.h"
 
 namespace device {
 
 namespace {
+
+// Forces a path of the laser and marker transforms (ScanSimd.h).
+constexpr const char* kSimdEnv = "PATHFINDER_SIMD";
 
 // Double -> float -> double. The narrowing is part of the result; the unit tests check its
 // bit patterns in the release build, where the loops are vectorised.
@@ -174,7 +184,7 @@ size_t transformLaserSse2(float* p, size_t n, const LaserCoefficients& c) {
 }
 #endif
 
-#if defined(PATHFINDER_LASER_AVX512)
+#if defined(PATHFINDER_SCAN_X86)
 // Eight points (24 floats) per step with AVX-512, where the processor has it: the points are
 // split into x, y and z lanes while still floats, widened, transformed with eight points side by
 // side and interleaved again. Every output is ((x mx + y my) + z mz) + t: the first sum is
@@ -239,24 +249,138 @@ __attribute__((target("avx512f"))) size_t transformLaserAvx512(float* p, size_t 
     return 8 * blocks;
 }
 
-bool haveAvx512() {
-    static const bool have = __builtin_cpu_supports("avx512f") != 0;
-    return have;
+#endif
+
+#if defined(PATHFINDER_SCAN_X86)
+// Four points (12 floats) per step with AVX2, four doubles per vector. The floats are widened
+// as they are loaded, in memory order (x0 y0 z0 x1 | y1 z1 x2 y2 | z2 x3 y3 z3), turned into x,
+// y and z of the four points by blends, a shuffle within the vectors' halves and one across
+// them, transformed, and put back in memory order the same way before they are narrowed and
+// stored (the narrowing and widening are free of shuffles there). The arithmetic is the AVX-512
+// kernel's, four points per vector: separate products and sums, the same roundings.
+__attribute__((target("avx2"))) size_t transformLaserAvx2(float* p, size_t n,
+                                                          const LaserCoefficients& c) {
+    __m256d mx[3], my[3], mz[3], t[3];
+    for (int r = 0; r < 3; ++r) {
+        mx[r] = _mm256_set1_pd(c.yFirst[r] ? c.b[r] : c.a[r]);
+        my[r] = _mm256_set1_pd(c.yFirst[r] ? c.a[r] : c.b[r]);
+        mz[r] = _mm256_set1_pd(c.cz[r]);
+        t[r] = _mm256_set1_pd(c.t[r]);
+    }
+    const size_t blocks = n / 4;
+    for (size_t b = 0; b < blocks; ++b) {
+        float* q = p + 12 * b;
+        const __m256d a = _mm256_cvtps_pd(_mm_loadu_ps(q));      // x0 y0 | z0 x1
+        const __m256d m = _mm256_cvtps_pd(_mm_loadu_ps(q + 4));  // y1 z1 | x2 y2
+        const __m256d e = _mm256_cvtps_pd(_mm_loadu_ps(q + 8));  // z2 x3 | y3 z3
+        const __m256d xy = _mm256_blend_pd(a, m, 0xc);           // x0 y0 | x2 y2
+        const __m256d zx = _mm256_permute2f128_pd(a, e, 0x21);   // z0 x1 | z2 x3
+        const __m256d yz = _mm256_blend_pd(m, e, 0xc);           // y1 z1 | y3 z3
+        const __m256d x = _mm256_blend_pd(xy, zx, 0xa);
+        const __m256d y = _mm256_shuffle_pd(xy, yz, 0x5);
+        const __m256d z = _mm256_blend_pd(zx, yz, 0xa);
+        __m256d out[3];
+        for (int r = 0; r < 3; ++r) {
+            const __m256d s = _mm256_add_pd(_mm256_mul_pd(x, mx[r]), _mm256_mul_pd(y, my[r]));
+            out[r] = _mm256_add_pd(_mm256_add_pd(s, _mm256_mul_pd(z, mz[r])), t[r]);
+        }
+        const __m256d oxy = _mm256_unpacklo_pd(out[0], out[1]);      // x0 y0 | x2 y2
+        const __m256d ozx = _mm256_shuffle_pd(out[2], out[0], 0xa);  // z0 x1 | z2 x3
+        const __m256d oyz = _mm256_unpackhi_pd(out[1], out[2]);      // y1 z1 | y3 z3
+        _mm_storeu_ps(q, _mm256_cvtpd_ps(_mm256_permute2f128_pd(oxy, ozx, 0x20)));
+        _mm_storeu_ps(q + 4, _mm256_cvtpd_ps(_mm256_blend_pd(oyz, oxy, 0xc)));
+        _mm_storeu_ps(q + 8, _mm256_cvtpd_ps(_mm256_permute2f128_pd(ozx, oyz, 0x31)));
+    }
+    return 4 * blocks;
 }
 #endif
 
-}  // namespace
+bool processorHas(detail::SimdPath path) {
+    switch (path) {
+        case detail::SimdPath::Scalar:
+            return true;
+        case detail::SimdPath::Sse2:
+#if defined(__SSE2__)
+            return true;
+#else
+            return false;
+#endif
+        case detail::SimdPath::Avx2:
+#if defined(PATHFINDER_SCAN_X86)
+            return __builtin_cpu_supports("avx2") != 0;
+#else
+            return false;
+#endif
+        case detail::SimdPath::Avx512:
+#if defined(PATHFINDER_SCAN_X86)
+            return __builtin_cpu_supports("avx512f") != 0;
+#else
+            return false;
+#endif
+    }
+    return false;
+}
 
-// The laser transform works in place: each point reads its own three values before it writes
-// them, so the result equals that of a separate result vector, without its allocation. Where the
-// processor has AVX-512 eight points go through at a time, then with SSE2 (every x86-64) four,
-// then the rest one by one, all with the same roundings.
-void CPathfinder::TransformScanData_Laser(std::vector<float>& pts, const double* const M,
-                                          bool bColumn) {
-    const int32_t n = static_cast<int32_t>(pts.size()) / 3;
-    const size_t count = static_cast<size_t>(n > 0 ? n : 0);
-    const size_t used = 3 * count;
-    float* p = pts.data();
+// `wanted`, or the widest path below it that the processor has.
+detail::SimdPath runnable(detail::SimdPath wanted) {
+    int k = static_cast<int>(wanted);
+    while (k > 0 && !processorHas(static_cast<detail::SimdPath>(k))) {
+        --k;
+    }
+    return static_cast<detail::SimdPath>(k);
+}
+
+detail::SimdPath pathFromEnvironment() {
+    const detail::SimdPath best = detail::bestSimdPath();
+    std::string wanted;
+    if (!platform::getEnvironment(kSimdEnv, wanted) || wanted.empty()) {
+        return best;
+    }
+    for (int k = 0; k <= static_cast<int>(detail::SimdPath::Avx512); ++k) {
+        const auto path = static_cast<detail::SimdPath>(k);
+        if (wanted == detail::simdPathName(path)) {
+            const detail::SimdPath taken = runnable(path);
+            if (taken != path) {
+                detail::logLine(std::string(kSimdEnv) + "=" + wanted +
+                                ": the processor cannot run it; the transforms use " +
+                                detail::simdPathName(taken));
+            }
+            return taken;
+        }
+    }
+    detail::logLine(std::string(kSimdEnv) + "=" + wanted +
+                    " names no path (scalar, sse2, avx2, avx512); the transforms use " +
+                    detail::simdPathName(best));
+    return best;
+}
+
+// Set by useSimdPath; -1 until then.
+std::atomic<int> g_forcedPath{-1};
+
+// The points of one list through the chosen path: the widest kernel, then four at a time with
+// SSE2, then one by one.
+void transformLaserPoints(float* p, size_t count, const LaserCoefficients& c,
+                          detail::SimdPath path) {
+    size_t done = 0;
+#if defined(PATHFINDER_SCAN_X86)
+    if (path == detail::SimdPath::Avx512) {
+        done = transformLaserAvx512(p, count, c);
+    } else if (path == detail::SimdPath::Avx2) {
+        done = transformLaserAvx2(p, count, c);
+    }
+#endif
+#if defined(__SSE2__)
+    if (path != detail::SimdPath::Scalar) {
+        done += transformLaserSse2(p + 3 * done, count - done, c);
+    }
+#endif
+    for (size_t i = done; i < count; ++i) {
+        transformLaserPoint(p + 3 * i, c);
+    }
+}
+
+// The coefficients of M in the order of the laser and marker formulas.
+LaserCoefficients coefficientsOf(const double* M, bool bColumn) {
     LaserCoefficients c{};
     for (int r = 0; r < 3; ++r) {
         // Column reading: row r of the block, y's term first; row reading: column r, y's term
@@ -269,47 +393,111 @@ void CPathfinder::TransformScanData_Laser(std::vector<float>& pts, const double*
         c.cz[r] = bColumn ? M[4 * r + 2] : M[8 + r];
         c.t[r] = M[12 + r];
     }
-    size_t done = 0;
-#if defined(PATHFINDER_LASER_AVX512)
-    if (haveAvx512()) {
-        done = transformLaserAvx512(p, count, c);
+    return c;
+}
+
+}  // namespace
+
+namespace detail {
+
+const char* simdPathName(SimdPath path) {
+    switch (path) {
+        case SimdPath::Scalar:
+            return "scalar";
+        case SimdPath::Sse2:
+            return "sse2";
+        case SimdPath::Avx2:
+            return "avx2";
+        case SimdPath::Avx512:
+            return "avx512";
     }
-#endif
-#if defined(__SSE2__)
-    done += transformLaserSse2(p + 3 * done, count - done, c);
-#endif
-    for (size_t i = done; i < count; ++i) {
-        transformLaserPoint(p + 3 * i, c);
+    return "scalar";
+}
+
+SimdPath bestSimdPath() {
+    static const SimdPath best = runnable(SimdPath::Avx512);
+    return best;
+}
+
+SimdPath simdPath() {
+    const int forced = g_forcedPath.load(std::memory_order_relaxed);
+    if (forced >= 0) {
+        return static_cast<SimdPath>(forced);
     }
+    static const SimdPath chosen = pathFromEnvironment();
+    return chosen;
+}
+
+SimdPath useSimdPath(SimdPath path) {
+    const SimdPath taken = runnable(path);
+    g_forcedPath.store(static_cast<int>(taken), std::memory_order_relaxed);
+    return taken;
+}
+
+}  // namespace detail
+
+// The laser transform works in place: each point reads its own three values before it writes
+// them, so the result equals that of a separate result vector, without its allocation. The
+// points go through the path detail::simdPath() chose (ScanSimd.h), all paths with the same
+// roundings.
+void CPathfinder::TransformScanData_Laser(std::vector<float>& pts, const double* const M,
+                                          bool bColumn) {
+    const int32_t n = static_cast<int32_t>(pts.size()) / 3;
+    const size_t count = static_cast<size_t>(n > 0 ? n : 0);
+    const size_t used = 3 * count;
+    transformLaserPoints(pts.data(), count, coefficientsOf(M, bColumn), detail::simdPath());
     for (size_t i = used; i < pts.size(); ++i) {
         pts[i] = 0.0f;
     }
 }
 
+// The marker transform is the laser transform of the coordinates rounded to float, its results
+// widened again: the same formulas, in the same order, on the same float inputs. So every path
+// but the scalar one narrows a block of points into a float buffer, runs the laser kernels on
+// it and widens the results back; the scalar path is the routine written out on doubles.
 void CPathfinder::TransformScanData_MarkPoint(std::vector<double>& pts, const double* const M,
                                               bool bColumn) {
     const int32_t n = static_cast<int32_t>(pts.size()) / 3;
-    const size_t used = 3 * static_cast<size_t>(n > 0 ? n : 0);
+    const size_t count = static_cast<size_t>(n > 0 ? n : 0);
+    const size_t used = 3 * count;
     double* p = pts.data();
-    const double m0 = M[0], m1 = M[1], m2 = M[2], m4 = M[4], m5 = M[5], m6 = M[6];
-    const double m8 = M[8], m9 = M[9], m10 = M[10], m12 = M[12], m13 = M[13], m14 = M[14];
-    for (size_t i = 0; i < used; i += 3) {
-        const double x = roundToFloat(p[i]);
-        const double y = roundToFloat(p[i + 1]);
-        const double z = roundToFloat(p[i + 2]);
-        double xr, yr, zr;
-        if (bColumn) {
-            xr = y * m1 + x * m0 + z * m2 + m12;
-            yr = y * m5 + x * m4 + z * m6 + m13;
-            zr = y * m9 + x * m8 + z * m10 + m14;
-        } else {
-            xr = y * m4 + x * m0 + z * m8 + m12;
-            yr = x * m1 + y * m5 + z * m9 + m13;
-            zr = x * m2 + y * m6 + z * m10 + m14;
+    const detail::SimdPath path = detail::simdPath();
+    if (path != detail::SimdPath::Scalar) {
+        const LaserCoefficients c = coefficientsOf(M, bColumn);
+        constexpr size_t kBlock = 256;  // points per pass through the float buffer
+        alignas(64) float buffer[3 * kBlock];
+        for (size_t first = 0; first < count; first += kBlock) {
+            const size_t m = std::min(kBlock, count - first);
+            double* q = p + 3 * first;
+            for (size_t i = 0; i < 3 * m; ++i) {
+                buffer[i] = static_cast<float>(q[i]);
+            }
+            transformLaserPoints(buffer, m, c, path);
+            for (size_t i = 0; i < 3 * m; ++i) {
+                q[i] = static_cast<double>(buffer[i]);
+            }
         }
-        p[i] = roundToFloat(xr);
-        p[i + 1] = roundToFloat(yr);
-        p[i + 2] = roundToFloat(zr);
+    } else {
+        const double m0 = M[0], m1 = M[1], m2 = M[2], m4 = M[4], m5 = M[5], m6 = M[6];
+        const double m8 = M[8], m9 = M[9], m10 = M[10], m12 = M[12], m13 = M[13], m14 = M[14];
+        for (size_t i = 0; i < used; i += 3) {
+            const double x = roundToFloat(p[i]);
+            const double y = roundToFloat(p[i + 1]);
+            const double z = roundToFloat(p[i + 2]);
+            double xr, yr, zr;
+            if (bColumn) {
+                xr = y * m1 + x * m0 + z * m2 + m12;
+                yr = y * m5 + x * m4 + z * m6 + m13;
+                zr = y * m9 + x * m8 + z * m10 + m14;
+            } else {
+                xr = y * m4 + x * m0 + z * m8 + m12;
+                yr = x * m1 + y * m5 + z * m9 + m13;
+                zr = x * m2 + y * m6 + z * m10 + m14;
+            }
+            p[i] = roundToFloat(xr);
+            p[i + 1] = roundToFloat(yr);
+            p[i + 2] = roundToFloat(zr);
+        }
     }
     for (size_t i = used; i < pts.size(); ++i) {
         pts[i] = 0.0;

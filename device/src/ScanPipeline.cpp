@@ -36,9 +36,10 @@ std::atomic<uint64_t> g_transferFramesSwallowed{0};
 
 constexpr double kIdentity16[16] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
 
-// Held for the whole of every scan frame, and by host operations while they change what the
-// frame handler reads (transfer-matrix table, current tracker, super conversion matrix,
-// diameter table).
+// Held while a scan frame is turned into its record (the process-wide matrix copies below and
+// the dynamic build's sets are the frame's alone), released before the record is delivered.
+// What host operations change (table, super conversion, diameters) has a lock of its own on
+// each device object (m_mtxScanState).
 std::mutex& frameMutex() {
     static std::mutex m;
     return m;
@@ -96,7 +97,8 @@ std::shared_ptr<tagDeviceData> newDeviceData(const std::shared_ptr<LaserSpares>*
     });
 }
 
-// Every cascade record read by this process, in read order; never cleared.
+// Every cascade record read by this process, in read order; never cleared. Its lock is held
+// for a whole import (read and apply), so imports apply in the order they read.
 std::mutex& cascadeMutex() {
     static std::mutex m;
     return m;
@@ -122,7 +124,7 @@ ReferenceArrays& referenceArrays() {
 std::atomic<bool> g_bConsoleLog{false};
 
 // Copies of the current transfer matrix for object and hole scanning, refreshed when the
-// frame's tracker changes (under the frame mutex).
+// frame's tracker changes (under the frame mutex and the object's state lock).
 double g_dStaticTransfer[16] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
 double g_dHoleTransfer[16] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
 
@@ -361,17 +363,13 @@ emDeviceResult CPathfinder::importCascadeFile(const std::wstring& path) {
     if (f == nullptr) {
         return RESULT_CASCADE_FILE_OPEN_FAILED;
     }
-    std::vector<TransformTrackingMatrix> all;
-    {
-        std::lock_guard<std::mutex> lock(cascadeMutex());
-        readCascadeRecords(f, cascadeRecords());
-        all = cascadeRecords();
-    }
+    std::lock_guard<std::mutex> records(cascadeMutex());
+    readCascadeRecords(f, cascadeRecords());
     std::fclose(f);
     // Every record read so far, older imports first, in read order: a later record of the
     // same tracker wins.
-    std::lock_guard<std::mutex> lock(frameMutex());
-    for (const TransformTrackingMatrix& r : all) {
+    std::lock_guard<std::mutex> state(m_mtxScanState);
+    for (const TransformTrackingMatrix& r : cascadeRecords()) {
         Scan_TransferMatrix_Update(r.id, r.matrix);
     }
     m_strCurTrackerId.clear();  // the next frame fetches its tracker's matrix again
@@ -415,7 +413,7 @@ void CPathfinder::releaseTransferTable() {
 }
 
 std::vector<TransformTrackingMatrix> CPathfinder::transferMatrices() const {
-    std::lock_guard<std::mutex> lock(frameMutex());
+    std::lock_guard<std::mutex> lock(m_mtxScanState);
     std::vector<TransformTrackingMatrix> out;
     out.reserve(m_mapTransferMatrix.size());
     for (const auto& entry : m_mapTransferMatrix) {
@@ -428,7 +426,7 @@ std::vector<TransformTrackingMatrix> CPathfinder::transferMatrices() const {
 }
 
 emDeviceResult CPathfinder::emptyTransferMatrix() {
-    std::lock_guard<std::mutex> lock(frameMutex());
+    std::lock_guard<std::mutex> lock(m_mtxScanState);
     releaseTransferTable();
     m_strCurTrackerId.clear();  // the next frame fetches its tracker's matrix again
     return RESULT_SUCCESS;
@@ -444,7 +442,7 @@ void CPathfinder::SendMatrix(bool bIdentity) {
         record.m_mapTransform[id] = twelveOf(kIdentity16);
     }
     {
-        std::lock_guard<std::mutex> lock(frameMutex());
+        std::lock_guard<std::mutex> lock(m_mtxScanState);
         if (!bIdentity && !m_mapTransferMatrix.empty()) {
             for (const std::string& id : trackers) {
                 double M[16] = {0};
@@ -468,7 +466,7 @@ emDeviceResult CPathfinder::getTransferMatrix() {
     m_pScanWrapper->setWorkBusiness(12);
 
     std::vector<std::string> trackers;
-    for (const std::string& id : m_vecWorkingDevices) {
+    for (const std::string& id : workingDevices()) {
         if (m_pScanWrapper->getTPDeviceManager()->getDeviceType(id) == SDK_NV::DEVICE_TRACKER) {
             trackers.push_back(id);
             std::cout << "Tracker ID:" << id << "\n";
@@ -480,7 +478,7 @@ emDeviceResult CPathfinder::getTransferMatrix() {
     m_nTransferResult.store(RESULT_NO_ANSWER);
     for (const std::string& id : trackers) {
         {
-            std::lock_guard<std::mutex> lock(frameMutex());
+            std::lock_guard<std::mutex> lock(m_mtxScanState);
             m_strCurTrackerId = id;
         }
         m_pScanWrapper->setTrigger(true, {id});
@@ -519,7 +517,7 @@ emDeviceResult CPathfinder::getTransferMatrix() {
     m_pScanWrapper->setWorkBusiness(business);
     m_nTransferHandshake.store(0);
     {
-        std::lock_guard<std::mutex> lock(frameMutex());
+        std::lock_guard<std::mutex> lock(m_mtxScanState);
         m_strCurTrackerId.clear();
     }
     if (!m_bTransferOk.load()) {
@@ -533,7 +531,7 @@ emDeviceResult CPathfinder::setSuperConversionScanMatrix(const std::vector<doubl
     if (&matrix == &m_vecSuperConversionMatrix) {
         return RESULT_SUCCESS;
     }
-    std::lock_guard<std::mutex> lock(frameMutex());
+    std::lock_guard<std::mutex> lock(m_mtxScanState);
     m_vecSuperConversionMatrix = matrix;
     return RESULT_SUCCESS;
 }
@@ -544,7 +542,7 @@ void CPathfinder::ScanInThreePointTrack(SDK_NV::tagScanData& frame) {
     }
     std::vector<double> super;
     {
-        std::lock_guard<std::mutex> lock(frameMutex());
+        std::lock_guard<std::mutex> lock(m_mtxScanState);
         super = m_vecSuperConversionMatrix;
     }
     if (super.empty()) {
@@ -573,6 +571,10 @@ void CPathfinder::CallBack_ScanData(void* pScanData, bool bFlag) {
     scanFrame(*static_cast<SDK_NV::tagScanData*>(pScanData), bFlag, false);
 }
 
+// The record is built under the frame mutex, and everything the host's operations change is
+// read in one hold of the object's state lock; both are released before the record goes to the
+// host, so that the host's handler may call any operation. A change made by the handler (or by
+// another thread while this frame is built) counts from the next frame on.
 void CPathfinder::scanFrame(SDK_NV::tagScanData& frame, bool bFlag, bool takeLaser) {
     std::unique_lock<std::mutex> frameLock(frameMutex());  // throws std::system_error
 
@@ -586,6 +588,7 @@ void CPathfinder::scanFrame(SDK_NV::tagScanData& frame, bool bFlag, bool takeLas
             if (r != 0) {
                 m_nLastTrackResult.store(r);
                 if (r > 0) {
+                    std::lock_guard<std::mutex> state(m_mtxScanState);
                     Scan_TransferMatrix_Update(m_strCurTrackerId, M);
                     m_nTransferStatus.store(0);
                 } else {
@@ -658,14 +661,18 @@ void CPathfinder::scanFrame(SDK_NV::tagScanData& frame, bool bFlag, bool takeLas
         if (dynamicMarker) {
             // A frame whose build fails delivers no markers (not the previous frame's).
             m_nMarkerCountAfter.store(0);
+            // The counts are the library's, before and after this frame's build step.
+            const auto libraryCount = [this] {
+                return m_pMarkpoint != nullptr ? m_pMarkpoint->libraryMarkerCount() : 0;
+            };
             std::lock_guard<std::mutex> markerLock(detail::moduleMutex());
             if (m_bTriggerActive.load()) {
                 m_refMarkpointResult.clear();
-                m_nMarkerCountBefore.store(static_cast<int32_t>(m_refMarkpointResult.size()));
+                m_nMarkerCountBefore.store(libraryCount());
                 const int n =
                     ReadltimeBuildModel(frame, m_refMarkpointResult, m_refMarkpointWork, true);
                 m_nBuildModelResult.store(n);
-                m_nMarkerCountAfter.store(static_cast<int32_t>(m_refMarkpointResult.size()));
+                m_nMarkerCountAfter.store(libraryCount());
             }
         } else {
             d.markerIds = std::move(ids);
@@ -703,6 +710,7 @@ void CPathfinder::scanFrame(SDK_NV::tagScanData& frame, bool bFlag, bool takeLas
     };
     const bool objectScan = m_bObjectScan.load();
     const bool holeObject = m_bHoleObject.load();
+    std::unique_lock<std::mutex> stateLock(m_mtxScanState);
     if (superConversion && !m_vecSuperConversionMatrix.empty()) {
         double M[16] = {0};
         std::copy(m_vecSuperConversionMatrix.begin(),
@@ -758,6 +766,8 @@ void CPathfinder::scanFrame(SDK_NV::tagScanData& frame, bool bFlag, bool takeLas
         std::memcpy(d.rotation, pose, 9 * sizeof(double));
         std::memcpy(d.translation, pose + 9, 3 * sizeof(double));
     }
+    stateLock.unlock();
+    frameLock.unlock();
 
     callDeviceData(record, nullptr, 0);
 }
@@ -897,7 +907,7 @@ emDeviceResult CPathfinder::setMarkpointRadius(const double* radii, int count) {
 // uses in dynamic tracking.
 emDeviceResult CPathfinder::setMarkpointDiameter(std::vector<float> diameters) {
     {
-        std::lock_guard<std::mutex> lock(frameMutex());
+        std::lock_guard<std::mutex> lock(m_mtxScanState);
         m_vecMarkerDiameter = diameters;
     }
     if (m_pScanWrapper != nullptr) {

@@ -69,11 +69,6 @@ namespace {
 using device::CPathfinderScanAccess;
 using A = device::CPathfinderScanAccess;
 
-uint32_t bitsOf(float v) {
-    uint32_t b;
-    std::memcpy(&b, &v, sizeof(b));
-    return b;
-}
 uint64_t bitsOf(double v) {
     uint64_t b;
     std::memcpy(&b, &v, sizeof(b));
@@ -163,68 +158,6 @@ TEST(ScanMatrix, TableGetGivesIdentityDiagonalForUnknownTrackersAndTheReverseOth
     EXPECT_EQ(dev.transferMatrices().size(), 1u);
     EXPECT_EQ(dev.emptyTransferMatrix(), device::RESULT_SUCCESS);
     EXPECT_TRUE(dev.transferMatrices().empty());
-}
-
-// The exact bit patterns of a transformed point list in both readings, computed independently
-// from the same orders; the list has a trailing value that becomes 0.
-TEST(ScanPoints, LaserAndMarkerListsMatchTheirBitPatternsInBothReadings) {
-    const std::vector<float> input = {1.1f,   2.2f,      3.3f,  -100.123f, 45.6f,
-                                      0.001f, 123456.7f, -0.5f, 7.77f,     9.9f};
-    const uint32_t column[9] = {0x4134fdf4, 0xc0d9eb85, 0x4398820c, 0xbfd41b3c, 0x42c86ab3,
-                                0x438d1cdf, 0x472da275, 0xc7c0ea75, 0x4768aca9};
-    const uint32_t row[9] = {0x414b851f, 0xc0528f5c, 0x4397199a, 0xc270185f, 0xc1df9653,
-                             0x43be9979, 0x472dad0b, 0x476778a4, 0xc7c04dcd};
-    for (bool col : {true, false}) {
-        std::vector<float> pts = input;
-        A::laser(pts, kM, col);
-        ASSERT_EQ(pts.size(), input.size());
-        for (int i = 0; i < 9; ++i) {
-            EXPECT_EQ(bitsOf(pts[static_cast<size_t>(i)]), col ? column[i] : row[i])
-                << (col ? "column " : "row ") << i;
-        }
-        EXPECT_EQ(pts[9], 0.0f);
-    }
-    // Long lists go through eight points at a time (AVX-512), then four (SSE2), then one: every
-    // point of thirteen copies of the list (39 points: 32 + 4 + 3), wherever it falls in a
-    // block, has the same bits.
-    for (bool col : {true, false}) {
-        std::vector<float> pts;
-        for (int copy = 0; copy < 13; ++copy) {
-            pts.insert(pts.end(), input.begin(), input.begin() + 9);
-        }
-        pts.push_back(input[9]);
-        A::laser(pts, kM, col);
-        for (size_t i = 0; i < 117; ++i) {
-            EXPECT_EQ(bitsOf(pts[i]), col ? column[i % 9] : row[i % 9])
-                << (col ? "column " : "row ") << i;
-        }
-        EXPECT_EQ(pts[117], 0.0f);
-    }
-    std::vector<float> empty;
-    A::laser(empty, kM, true);
-    EXPECT_TRUE(empty.empty());
-    std::vector<float> four = {1, 2, 3, 4};
-    A::laser(four, kI, false);
-    EXPECT_EQ(four, (std::vector<float>{1, 2, 3, 0}));
-
-    // Markers: inputs and results pass through float; the last 29 mantissa bits are zero.
-    const std::vector<double> marks = {0.1, 2.2, 3.3, -100.123, 45.6, 0.001};
-    const uint64_t mcol[6] = {0x4025e76c80000000u, 0xc0180a3d60000000u, 0x4073089380000000u,
-                              0xbffa836780000000u, 0x40590d5660000000u, 0x4071a39be0000000u};
-    const uint64_t mrow[6] = {0x4028b851e0000000u, 0xc00e28f5c0000000u, 0x4072f00000000000u,
-                              0xc04e030be0000000u, 0xc03bf2ca60000000u, 0x4077d32f20000000u};
-    for (bool col : {true, false}) {
-        std::vector<double> pts = marks;
-        A::marks(pts, kM, col);
-        for (int i = 0; i < 6; ++i) {
-            EXPECT_EQ(bitsOf(pts[static_cast<size_t>(i)]), col ? mcol[i] : mrow[i])
-                << (col ? "column " : "row ") << i;
-        }
-    }
-    std::vector<double> tenth = {0.1, 0.2, 0.3, 5.0};
-    A::marks(tenth, kI, true);
-    EXPECT_EQ(tenth, (std::vector<double>{static_cast<double>(0.1f), static_cast<double>(0.2f),
-                                          static_cast<double>(0.3f), 0.0}));
 }
 
 TEST(ScanPoints, RotationOnlyReadingsAreTransposesAndThreePointTrackKeepsDirectionsUntranslated) {

@@ -505,6 +505,12 @@ bool CTPScan_Markpoint::freeLibrary() {
     }
 }
 
+int CTPScan_Markpoint::libraryMarkerCount() {
+    std::lock_guard<std::mutex> lock(mutex);
+    Quill::MyMatchMarkClass_update* global = match ? match->get_mark_match(0) : nullptr;
+    return global != nullptr ? global->get_glo_mark_n() : 0;
+}
+
 bool CTPScan_Markpoint::getResultData(device::tagRefMarkpointData& out) {
     // A fixed library delivers nothing; the matcher itself is tested under the lock, since
     // another command thread may be replacing it.

@@ -15,7 +15,8 @@
 // in the frame the scan mode chose (the frame tracker's transfer matrix, the super conversion
 // matrix or the dynamic reference) and hands it to the host; while getTransferMatrix measures
 // a tracker, frames feed that measurement and are not delivered. Matrix layout and readings:
-// device/README.md ("Transfer matrices").
+// device/README.md ("Transfer matrices"). No lock of the module is held while a host callback
+// runs, so a handler may call the object's operations (device/README.md, "Host handlers").
 //
 // Failures are results (emDeviceResult); no exception leaves the object.
 #pragma once
@@ -192,7 +193,8 @@ public:
     // The transfer-matrix table as cascade records, ordered by tracker identifier (what
     // writeCascadeFile saves).
     std::vector<TransformTrackingMatrix> transferMatrices() const;
-    // Build-model counters of the last frame (marker counts before/after, last result).
+    // Build-model counters of the last frame: the marker library's point count before and
+    // after its real-time build step, and the step's result.
     int markerCountBefore() const { return m_nMarkerCountBefore.load(); }
     int markerCountAfter() const { return m_nMarkerCountAfter.load(); }
     int buildModelResult() const { return m_nBuildModelResult.load(); }
@@ -267,7 +269,7 @@ private:
                                        double* const pose, const bool& transform, const double* M,
                                        std::vector<tagScanHoleData>& out);
 
-    // --- transfer-matrix table (callers hold the frame mutex or run before any frame) ------
+    // --- transfer-matrix table (callers hold m_mtxScanState) ---------------------------------
     void Scan_TransferMatrix_Get(const std::string& id, double* const M, double* const Rev);
     void Scan_TransferMatrix_Update(const std::string& id, const double* const M);
     void releaseTransferTable();
@@ -289,7 +291,15 @@ private:
     SDK_NV::CTPScanWrapper* m_pScanWrapper = nullptr;  // owned
     CTPScan_Markpoint* m_pMarkpoint = nullptr;         // owned
     std::atomic<emDeviceResult> m_nLastResult{RESULT_SUCCESS};
-    std::vector<std::string> m_vecWorkingDevices;  // host thread only
+    // The answer to the last trigger-on (response code 1) alone, which controlLaserOn waits
+    // for: answers to other commands that arrive meanwhile are no verdict on the trigger.
+    std::atomic<emDeviceResult> m_nTriggerVerdict{RESULT_NO_ANSWER};
+    // Guards the working devices and the scan state below (transfer-matrix table, current
+    // tracker and its matrices, super conversion matrix, diameter table). Held only for short
+    // reads and updates, never while a host callback or an SDK command runs: a host handler
+    // may call every operation that takes it (device/README.md, "Host handlers").
+    mutable std::mutex m_mtxScanState;
+    std::vector<std::string> m_vecWorkingDevices;
     std::map<std::string, double*> m_mapTransferMatrix;
     int32_t m_nWorkBusiness = 2;
     std::atomic<bool> m_bTriggerActive{false};
@@ -320,9 +330,8 @@ private:
     std::atomic<bool> m_bTrackScanner{false};
     std::atomic<bool> m_bTrackMarkpoint{false};
 
-    // Scan pipeline. The table, the current tracker and its matrices, the super conversion
-    // matrix and the diameter table are guarded by the module's frame mutex (the frame
-    // handler holds it for a whole frame; host operations take it for their update).
+    // Scan pipeline, guarded by m_mtxScanState: a frame reads all of it in one hold of the
+    // lock, so it sees the state of one moment.
     std::string m_strCurTrackerId;
     double m_dCurTransferMatrix[16] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
     double m_dCurReverseMatrix[16] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};

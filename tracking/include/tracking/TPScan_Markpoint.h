@@ -15,10 +15,11 @@
 // Results are signed counts: 0 nothing to do yet, -1 failure (-2 for a failed splice
 // registration), a positive match count on success. No exception leaves this class.
 //
-// Threads: addOneFrameToLibrary, clearLibrary, freeLibrary and getResultData serialise their
-// use of the library matcher on one (non-recursive) mutex. importMarkpointToLibrary and
-// initLibrary take no lock and must not run while a frame is being added. SetTrackStatic uses
-// the optimiser without the lock and must not run at the same time as getResultData.
+// Threads: addOneFrameToLibrary, clearLibrary, freeLibrary, getResultData and
+// libraryMarkerCount serialise their use of the library matcher on one (non-recursive) mutex.
+// importMarkpointToLibrary and initLibrary take no lock and must not run while a frame is
+// being added. SetTrackStatic uses the optimiser without the lock and must not run at the same
+// time as getResultData.
 // SetTrackDynamic, MarkPointSplit and realtimeSpliceMarkpoint use matchers of their own.
 // The reference set is swapped whole under its own mutex, so importing a new one while a
 // frame is tracked on another thread is safe.
@@ -88,6 +89,8 @@ public:
     // Drops the library; every library operation fails until clearLibrary. Returns whether
     // the matcher released anything; false when there was no library.
     bool freeLibrary();
+    // Markers the library holds now (0 without a library).
+    int libraryMarkerCount();
     // The globally optimised library: positions, normals, values and, as labels, each
     // marker's index in the optimiser's list (with gaps where markers were left out).
     // False without a library, while the library is fixed, or when the optimisation fails.
