@@ -4,10 +4,12 @@
 #include <pcl/io/ply_io.h>
 #include <pcl/point_types.h>
 
+#include <mutex>
+#include <thread>
+
 #include "Geometry.h"
 #include "HostTestSupport.h"
 #include "host/Files.h"
-#include "host/Session.h"
 
 namespace host {
 namespace {
@@ -63,23 +65,36 @@ TEST_F(HostCli, EveryRefusalIsOneLineWithItsExitCodeBeforeAnythingStarts) {
 }
 
 TEST_F(HostCli, DevicesListsTheConsolesDevicesAndEndsOnlyItsOwnConsole) {
-    // A console the user already runs (here: a session's) is used and left running.
-    platform::setTimeScale(0.1);
-    SessionOptions options;
-    options.consoleArgs = {"--tracker-id", "TRK0077", "--heartbeat-ms", "100"};
-    Session theirs(options);
-    theirs.open();
-    const auto answers = [](const std::string& endpoint) {
-        const auto port = std::atoi(endpoint.c_str() + endpoint.rfind(':') + 1);
-        return platform::endpointAnswers("127.0.0.1", static_cast<uint16_t>(port), 300);
+    // A console the user already runs is used and left running.
+    platform::ChildProcess theirs;
+    std::mutex m;
+    std::string endpoint, error;
+    ASSERT_TRUE(theirs.start(
+        consoleProgram(),
+        {"--endpoint", "127.0.0.1:0", "--no-stdin", "--tracker-id", "TRK0077", "--heartbeat-ms",
+         "100"},
+        [&](const std::string& line) {
+            std::lock_guard<std::mutex> lock(m);
+            if (endpoint.empty() && line.find("listening on ") != std::string::npos) {
+                endpoint = line.substr(line.find("listening on ") + 13);
+            }
+        },
+        error))
+        << error;
+    const auto listening = [&] {
+        std::lock_guard<std::mutex> lock(m);
+        return endpoint;
     };
-    Outcome r = pathfinder({"devices", "--wait", "3"}, "LUMORA_ENDPOINT=" + theirs.endpoint());
+    for (int i = 0; i < 500 && listening().empty(); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    Outcome r = pathfinder({"devices", "--wait", "3"}, "LUMORA_ENDPOINT=" + listening());
     EXPECT_EQ(r.code, 0) << r.out;
-    EXPECT_TRUE(r.has("using the console that answers at " + theirs.endpoint())) << r.out;
+    EXPECT_TRUE(r.has("using the console that answers at " + listening())) << r.out;
     EXPECT_TRUE(r.has("TRK0077      tracker   0      ready")) << r.out;
     EXPECT_TRUE(r.has("SCN0001      scanner")) << r.out;
     EXPECT_TRUE(r.has("low-part firmware 1.4.2")) << r.out;
-    EXPECT_TRUE(answers(theirs.endpoint()));
+    EXPECT_TRUE(theirs.alive());
 
     // A console of its own: the scene options reach it, and it is gone afterwards.
     r = pathfinder({"devices", "--wait", "3", "--console-arg=--tracker-model=2",
@@ -88,10 +103,11 @@ TEST_F(HostCli, DevicesListsTheConsolesDevicesAndEndsOnlyItsOwnConsole) {
     EXPECT_TRUE(r.has("TRK0001      tracker   2      ready")) << r.out;
     EXPECT_TRUE(r.has("low-part firmware 2.0.7")) << r.out;
     EXPECT_TRUE(r.has("    31.")) << r.out;  // the simulated tracker's temperature, 31 C
-    const size_t at = r.out.find("endpoint ");
+    const size_t at = r.out.find("endpoint 127.0.0.1:");
     ASSERT_NE(at, std::string::npos) << r.out;
-    EXPECT_FALSE(answers(r.out.substr(at + 9, r.out.find(',', at) - at - 9))) << r.out;
-    EXPECT_TRUE(answers(theirs.endpoint()));
+    const auto port = static_cast<uint16_t>(std::atoi(r.out.c_str() + at + 19));
+    EXPECT_FALSE(platform::endpointAnswers("127.0.0.1", port, 300)) << r.out;
+    EXPECT_TRUE(theirs.alive());
 }
 
 TEST_F(HostCli, ARejectedTriggerIsADeviceErrorInOneLine) {

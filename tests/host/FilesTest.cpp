@@ -17,12 +17,7 @@
 namespace host {
 namespace {
 
-class HostFiles : public WithFolder {
-protected:
-    void writeBytes(const std::string& name, const std::string& bytes) const {
-        std::ofstream(path(name), std::ios::binary) << bytes;
-    }
-};
+class HostFiles : public WithFolder {};
 
 TEST_F(HostFiles, CascadeFilesRoundTripAndDamageIsRefusedWithTheFilesName) {
     std::vector<TransferMatrix> entries(2);
@@ -42,11 +37,8 @@ TEST_F(HostFiles, CascadeFilesRoundTripAndDamageIsRefusedWithTheFilesName) {
     entries[0].trackerId = std::string(21, 'x');
     EXPECT_THROW(writeCascadeFile(path("long.bin"), entries), Error);
 
-    std::string good;
-    {
-        std::ifstream in(path("c.bin"), std::ios::binary);
-        good.assign(std::istreambuf_iterator<char>(in), {});
-    }
+    std::ifstream in(path("c.bin"), std::ios::binary);
+    const std::string good((std::istreambuf_iterator<char>(in)), {});
     int32_t huge = 1 << 30;
     int32_t negative = -1;
     std::string nan = good;
@@ -64,7 +56,7 @@ TEST_F(HostFiles, CascadeFilesRoundTripAndDamageIsRefusedWithTheFilesName) {
         {"nan", nan},
         {"binaryid", binaryId}};
     for (const auto& b : bad) {
-        writeBytes(b.first, b.second);
+        std::ofstream(path(b.first), std::ios::binary) << b.second;
         try {
             readCascadeFile(path(b.first));
             ADD_FAILURE() << b.first << " was read";
@@ -110,7 +102,7 @@ TEST_F(HostFiles, WritersWriteBinaryPlyWithNormalsAndRefuseAFolderThatIsAFile) {
     EXPECT_EQ(xyz.size(), cloud.size());
     EXPECT_FALSE(PlyWriter(Cloud()).write(path("empty.ply"), error));
     // A folder that cannot be written: each writer says so with the file's name.
-    writeBytes("file", "x");
+    std::ofstream(path("file")) << "x";
     const std::string blocked = path("file") + "/inside";
     EXPECT_FALSE(PlyWriter(cloud).write(blocked, error));
     EXPECT_NE(error.find(blocked), std::string::npos) << error;

@@ -19,10 +19,6 @@ Eigen::Matrix3d turn(double angle, const Eigen::Vector3d& axis) {
     return Eigen::AngleAxisd(angle, axis.normalized()).toRotationMatrix();
 }
 
-std::array<double, 16> stored(const Eigen::Matrix3d& b, const Eigen::Vector3d& t) {
-    return sim::transferFromMotion(b, t);
-}
-
 TEST(HostGeometry, FramesAreAssembledByTheRowVectorPose) {
     // Row vector x·R: (1,0,0) -> (0,1,0), (0,1,0) -> (-1,0,0); the 4×4 matrix maps alike.
     Pose pose;
@@ -63,9 +59,10 @@ TEST(HostGeometry, DistanceStatisticsOfKnownValues) {
 }
 
 TEST(HostGeometry, TransferMatrixError) {
-    const std::array<double, 16> truth = stored(Eigen::Matrix3d::Identity(), {100, 200, 300});
+    const std::array<double, 16> truth =
+        sim::transferFromMotion(Eigen::Matrix3d::Identity(), {100, 200, 300});
     const Eigen::Matrix3d r = turn(0.5 * M_PI / 180.0, Eigen::Vector3d::UnitZ());
-    const std::array<double, 16> measured = stored(r, {103, 200, 296});
+    const std::array<double, 16> measured = sim::transferFromMotion(r, {103, 200, 296});
     const MatrixError e = transferMatrixError(measured, truth);
     EXPECT_NEAR(e.translationMm, 5.0, 1e-12);
     EXPECT_NEAR(e.rotationDeg, 0.5, 1e-9);
@@ -78,8 +75,10 @@ TEST(HostGeometry, MarkerModelsAreMatchedInTheirFrameAndWeightedByObservations) 
     for (int i = 0; i < 12; ++i) {
         truth.emplace_back(40.0 * (i % 4), 55.0 * (i / 4), 3.0 * (i % 3));
     }
-    const std::array<double, 16> m = stored(turn(0.4, {1, 2, 3}), {100, -2500, 40});
-    const std::array<double, 16> far = stored(Eigen::Matrix3d::Identity(), {900, 0, 0});
+    const std::array<double, 16> m =
+        sim::transferFromMotion(turn(0.4, {1, 2, 3}), {100, -2500, 40});
+    const std::array<double, 16> far =
+        sim::transferFromMotion(Eigen::Matrix3d::Identity(), {900, 0, 0});
     // The model lists the markers in reverse, in the tracker's frame, one of them 0.01 mm off.
     std::vector<Eigen::Vector3d> model;
     for (size_t i = truth.size(); i-- > 0;) {
@@ -123,7 +122,8 @@ TEST_F(HostTruth, PointsWithKnownNoiseGiveThatNoiseAsDistanceToTheTruth) {
     sim::Truth real;
     real.part = sim::defaultPart(&real.holes);
     real.markers.push_back({7, Eigen::Vector3d(10, 20, 0), Eigen::Vector3d::UnitZ(), 6.0});
-    real.transfer["TRK0001"] = stored(turn(0.3, Eigen::Vector3d::UnitZ()), {0, 0, 2500});
+    real.transfer["TRK0001"] =
+        sim::transferFromMotion(turn(0.3, Eigen::Vector3d::UnitZ()), {0, 0, 2500});
     std::string error;
     ASSERT_TRUE(sim::exportTruth(m_dir, real, R"({"noise": {"laserMm": 0.05}})", &error)) << error;
     std::optional<Truth> truth = loadTruthFolder(m_dir, error);

@@ -65,9 +65,9 @@ inline Outcome run(const std::string& program, const std::vector<std::string>& a
     return r;
 }
 
+// The document in `file`; a discarded value when there is none.
 inline nlohmann::json readJson(const std::string& file) {
-    std::ifstream in(file);
-    return in ? nlohmann::json::parse(in) : nlohmann::json::object();
+    return nlohmann::json::parse(std::ifstream(file), nullptr, false);
 }
 
 #ifdef PATHFINDER_CLI_PATH
