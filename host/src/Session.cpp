@@ -395,11 +395,14 @@ void Session::Impl::onData(const std::shared_ptr<device::tagDeviceData>& data) {
         std::lock_guard<std::mutex> lock(m_listenersMutex);
         listeners = m_listeners;
     }
-    for (const auto& listener : *listeners) {
-        try {
-            listener.second(data, pose);
-        } catch (...) {
-            m_listenerFailures.fetch_add(1);
+    if (!listeners->empty()) {
+        std::lock_guard<std::recursive_mutex> calling(m_callMutex);
+        for (const auto& listener : *listeners) {
+            try {
+                listener.second(data, pose);
+            } catch (...) {
+                m_listenerFailures.fetch_add(1);
+            }
         }
     }
 
@@ -457,12 +460,16 @@ int Session::Impl::addListener(FrameListener listener) {
 }
 
 void Session::Impl::removeListener(int id) {
-    std::lock_guard<std::mutex> lock(m_listenersMutex);
-    auto next = std::make_shared<std::vector<std::pair<int, FrameListener>>>(*m_listeners);
-    next->erase(
-        std::remove_if(next->begin(), next->end(), [id](const auto& l) { return l.first == id; }),
-        next->end());
-    m_listeners = std::move(next);
+    {
+        std::lock_guard<std::mutex> lock(m_listenersMutex);
+        auto next = std::make_shared<std::vector<std::pair<int, FrameListener>>>(*m_listeners);
+        next->erase(std::remove_if(next->begin(), next->end(),
+                                   [id](const auto& l) { return l.first == id; }),
+                    next->end());
+        m_listeners = std::move(next);
+    }
+    // A call in progress finishes before the removal returns.
+    std::lock_guard<std::recursive_mutex> waitForCalls(m_callMutex);
 }
 
 void Session::Impl::startCollecting() {

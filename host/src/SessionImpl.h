@@ -152,8 +152,11 @@ private:
     std::map<std::string, device::tagDeviceThermalBalance> m_thermal;
     std::deque<CalibEvent> m_calib;
 
-    // Frame listeners: replaced whole under the mutex, read by the module's thread.
+    // Frame listeners: replaced whole under the mutex, read by the module's thread, which
+    // holds the call mutex while it calls them (a removal waits for a call in progress; a
+    // listener may remove itself).
     mutable std::mutex m_listenersMutex;
+    std::recursive_mutex m_callMutex;
     std::shared_ptr<const std::vector<std::pair<int, FrameListener>>> m_listeners;
     int m_nextListener = 1;
     std::atomic<size_t> m_listenerFailures{0};

@@ -99,7 +99,8 @@ public:
     void startFrames(const std::string& object = "static");
     void stopFrames();
     // Every delivered frame goes to every listener, in the order of registration. Returns the
-    // listener's id for removeFrameListener (after which a call in progress may still finish).
+    // listener's id for removeFrameListener, which returns once a call in progress finished
+    // (so the listener's state may go right after it; a listener may remove itself).
     int addFrameListener(FrameListener listener);
     void removeFrameListener(int id);
     size_t listenerFailures() const;  // exceptions the listeners threw
