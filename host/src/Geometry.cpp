@@ -154,10 +154,6 @@ Eigen::Vector3d transferToTracker(const std::array<double, 16>& m, const Eigen::
     return blockOf(m) * p + translationOf(m);
 }
 
-Eigen::Vector3d transferToReference(const std::array<double, 16>& m, const Eigen::Vector3d& p) {
-    return blockOf(m).transpose() * (p - translationOf(m));
-}
-
 namespace {
 
 size_t nearestOf(const std::vector<Eigen::Vector3d>& set, const Eigen::Vector3d& p) {

@@ -57,8 +57,6 @@ MatrixError transferMatrixError(const std::array<double, 16>& measured,
 
 // Where a point of the reference frame W lands in the tracker: B·p + T.
 Eigen::Vector3d transferToTracker(const std::array<double, 16>& m, const Eigen::Vector3d& p);
-// The inverse: a tracker point back into W, B^T·(p - T) (B is a rotation).
-Eigen::Vector3d transferToReference(const std::array<double, 16>& m, const Eigen::Vector3d& p);
 
 // A marker model against the true markers when the two share no labels (a model's labels are
 // its own). A model is built in some frame of the scene: the true markers are tried in the
