@@ -1,16 +1,15 @@
-// pathfinder calibrate --mode M: a calibration run against the console, one line per step.
+// pathfinder calibrate --mode M: the session's calibration run, one line per step.
 #include <cstdio>
 #include <map>
 
 #include "Commands.h"
-#include "device/Pathfinder.h"
 
 namespace pfapp {
 
 namespace {
 
 struct CalibrateOptions {
-    SessionOptions session;
+    host::SessionOptions session;
     std::string mode = "scanner";
     int grabs = 12;
 };
@@ -32,9 +31,25 @@ const std::map<std::string, device::emDeviceCalibraMode>& modes() {
     return m;
 }
 
-void printEvent(const CalibEvent& e) {
-    const auto& v = e.values;
-    switch (e.kind) {
+void printStep(const host::CalibrationStep& s) {
+    const auto& v = s.values;
+    switch (s.kind) {
+        case host::CalibrationStep::Started:
+            std::printf("step: started\n");
+            return;
+        case host::CalibrationStep::Grab:
+            std::printf("step: grab %d (pose %d)\n", s.grab, s.pose);
+            return;
+        case host::CalibrationStep::Exhausted:
+            std::printf("  no more data: every location is grabbed\n");
+            return;
+        case host::CalibrationStep::Result:
+            std::printf("step: result %.4f after %d grabs\n", s.result, s.grab);
+            return;
+        case host::CalibrationStep::Event:
+            break;
+    }
+    switch (s.event) {
         case device::FAST_CALI_LOCATION:
             std::printf("  next location %g\n", v.empty() ? 0.0 : v[0]);
             break;
@@ -63,46 +78,11 @@ void printEvent(const CalibEvent& e) {
 
 int runCalibrate(const CalibrateOptions& o) {
     const auto mode = modes().at(o.mode);
-    HostSession session(o.session);
+    host::Session session(shownOnStdout(o.session));
     session.open();
-    device::CPathfinder& dev = session.device();
     std::printf("calibration mode %d (%s)\n", static_cast<int>(mode), o.mode.c_str());
-    HostSession::check(dev.setDeviceCalibraMode(mode), "choosing the calibration mode");
-    HostSession::check(dev.setStartCalibration(), "starting the calibration");
-    std::printf("step: started\n");
-    session.waitCalibEvent(1.0);
-    for (const CalibEvent& e : session.takeCalibEvents()) {
-        printEvent(e);
-    }
-    // The bar is turned through its poses; the scanner modes grab at every location.
-    const device::emDeviceCalibraPose poses[] = {
-        device::CALIBRA_POSE_LEVEL, device::CALIBRA_POSE_VERTICAL,
-        device::CALIBRA_POSE_FRONT_BACK_UP, device::CALIBRA_POSE_FRONT_BACK_DOWN};
-    int grabbed = 0;
-    bool finished = false;
-    for (int i = 0; i < o.grabs && !finished; ++i) {
-        const auto pose =
-            mode == device::CALIBRA_MODE_TRACKER_BAR ? poses[i % 4] : device::CALIBRA_POSE_LEVEL;
-        const int rc = dev.setGrabOneFrame(pose);
-        HostSession::check(rc, "grabbing frame " + std::to_string(i + 1));
-        ++grabbed;
-        std::printf("step: grab %d (pose %d)\n", grabbed, static_cast<int>(pose));
-        if (!session.waitCalibEvent(1.0)) {
-            std::printf("  no more data: every location is grabbed\n");
-            break;
-        }
-        for (const CalibEvent& e : session.takeCalibEvents()) {
-            printEvent(e);
-            finished = finished || e.kind == device::FAST_CALI_SCANNER_DATA ||
-                       e.kind == device::FAST_CALI_FINISHED ||
-                       e.kind == device::FAST_CALI_TRACKER_POSE_LONG;
-        }
-    }
-    float result = 0.0f;
-    const int rc = dev.getCalibraResult(&result);
-    std::printf("step: result %.4f after %d grabs\n", result, grabbed);
-    HostSession::check(rc, "reading the calibration result");
-    return kExitOk;
+    session.calibrate(mode, o.grabs, printStep);
+    return host::kExitOk;
 }
 
 }  // namespace

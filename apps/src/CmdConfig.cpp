@@ -1,11 +1,8 @@
 // pathfinder config FILE [KEY [VALUE]]: list the keys of a configuration file, print one
 // value, or change one, through the module's configuration editor (notes and layout kept).
 #include <cstdio>
-#include <fstream>
 
 #include "Commands.h"
-#include "platform/Platform.h"
-#include "utils/ConfigEditor.h"
 
 namespace pfapp {
 
@@ -20,50 +17,17 @@ struct ConfigOptions {
 };
 
 int runConfig(const ConfigOptions& o) {
-    if (!platform::fileExists(o.file) || !std::ifstream(o.file)) {
-        throw AppError(kExitInputFile, "cannot read " + o.file);
-    }
-    zq::utils::CConfigEditor editor;
-    if (!editor.load(platform::widePath(o.file), o.binary, true)) {
-        throw AppError(kExitInputFile, o.file + ": not a " +
-                                           std::string(o.binary ? "binary" : "text") +
-                                           " configuration file");
-    }
-    // Reading must leave the file untouched (the editor saves when it is destroyed).
-    struct Release {
-        zq::utils::CConfigEditor& e;
-        bool save = false;
-        ~Release() { e.close(save); }
-    } release{editor};
-
     if (o.key.empty()) {
-        std::vector<std::wstring> keys;
-        editor.getAllKeys(&keys);
-        for (const std::wstring& k : keys) {
-            std::wstring v;
-            editor.findKey(k, &v);
-            std::printf("%s = %s\n", editor.toString(k).c_str(), editor.toString(v).c_str());
+        for (const auto& entry : host::readConfigFile(o.file, o.binary)) {
+            std::printf("%s = %s\n", entry.first.c_str(), entry.second.c_str());
         }
-        return kExitOk;
+    } else if (!o.valueGiven) {
+        std::printf("%s\n", host::configValue(o.file, o.key, o.binary).c_str());
+    } else {
+        const std::string was = host::changeConfigValue(o.file, o.key, o.value, o.binary);
+        std::printf("%s = %s (was %s)\n", o.key.c_str(), o.value.c_str(), was.c_str());
     }
-    const std::wstring key = editor.toWString(o.key);
-    std::wstring current;
-    if (!editor.findKey(key, &current) || !editor.contains(key)) {
-        throw AppError(kExitUnknownKey, "unknown key " + o.key + " in " + o.file);
-    }
-    if (!o.valueGiven) {
-        std::printf("%s\n", editor.toString(current).c_str());
-        return kExitOk;
-    }
-    if (!editor.modify(o.key, o.value)) {
-        throw AppError(kExitFailure, "cannot change " + o.key);
-    }
-    if (!editor.save(true)) {
-        throw AppError(kExitOutput, "cannot write " + o.file);
-    }
-    std::printf("%s = %s (was %s)\n", o.key.c_str(), o.value.c_str(),
-                editor.toString(current).c_str());
-    return kExitOk;
+    return host::kExitOk;
 }
 
 }  // namespace

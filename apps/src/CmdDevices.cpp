@@ -1,18 +1,15 @@
-// pathfinder devices: the devices with state, kind, model, versions, last temperatures and
-// thermal balance.
-#include <chrono>
+// pathfinder devices: the session's devices with state, kind, model, versions, last
+// temperatures and thermal balance.
 #include <cstdio>
-#include <thread>
 
 #include "Commands.h"
-#include "device/Pathfinder.h"
 
 namespace pfapp {
 
 namespace {
 
 struct DevicesOptions {
-    SessionOptions session;
+    host::SessionOptions session;
     double wait = 2.5;
 };
 
@@ -49,26 +46,13 @@ const char* stateName(int state) {
 }
 
 int runDevices(const DevicesOptions& o) {
-    HostSession session(o.session);
-    session.open();
-    // Heartbeats bring the temperatures; give them a moment.
-    std::map<std::string, device::tagDeviceThermalBalance> thermal;
-    const auto until = std::chrono::steady_clock::now() + std::chrono::duration<double>(o.wait);
-    while (std::chrono::steady_clock::now() < until) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(250));
-        thermal = session.thermalRecords();
-        bool enough = !thermal.empty();
-        for (const auto& t : thermal) {
-            enough = enough && t.second.samples.size() >= 2;
-        }
-        if (enough) {
-            break;
-        }
-    }
-    const std::vector<device::tagDeviceInfo> list = session.devices();
-    const std::string lowpart = session.lowpartVersion();
-    std::printf("endpoint %s, module %s, low-part firmware %s\n", session.endpoint().c_str(),
-                device::getTrackVersion(), lowpart.empty() ? "(no answer)" : lowpart.c_str());
+    host::Session session(shownOnStdout(o.session));
+    const host::DeviceReport report = session.devices(o.wait);
+    const auto& list = report.devices;
+    const auto& thermal = report.thermal;
+    const std::string& lowpart = report.lowpartVersion;
+    std::printf("endpoint %s, module %s, low-part firmware %s\n", report.endpoint.c_str(),
+                report.moduleVersion.c_str(), lowpart.empty() ? "(no answer)" : lowpart.c_str());
     std::printf("%-12s %-9s %-6s %-13s %8s %8s %8s %9s\n", "device", "kind", "model", "state",
                 "temp C", "mean C", "samples", "balance%");
     for (const device::tagDeviceInfo& d : list) {
@@ -95,9 +79,9 @@ int runDevices(const DevicesOptions& o) {
         }
     }
     if (list.empty()) {
-        throw AppError(kExitNoData, "the console announced no devices");
+        throw host::Error(host::kExitNoData, "the console announced no devices");
     }
-    return kExitOk;
+    return host::kExitOk;
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
-// The subcommands of `pathfinder`, one file each. Every add*Command registers its subcommand
-// with its options and, when chosen, leaves the work in `run` for main() to call after the
-// command line has been parsed.
+// The subcommands of `pathfinder`, one file each, over the host library. Every add*Command
+// registers its subcommand with its options and, when chosen, leaves the work in `run` for
+// main() to call after the command line has been parsed.
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -8,7 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "HostSession.h"
+#include "host/Files.h"
+#include "host/Session.h"
 
 namespace pfapp {
 
@@ -18,14 +19,12 @@ struct CommandRun {
 
 // Options of every subcommand that talks to the device: --endpoint, --console, --no-start,
 // --console-arg.
-void addSessionOptions(CLI::App* sub, SessionOptions& options);
-
-// The output folder: created when missing and checked for writing; throws AppError
-// (kExitOutput) with one line when it cannot be written.
-void prepareOutputFolder(const std::string& dir);
-// Writes through `writer`, throwing AppError(kExitOutput) on failure.
-class Writer;
-void writeOrThrow(const Writer& writer, const std::string& path);
+void addSessionOptions(CLI::App* sub, host::SessionOptions& options);
+// The session's lines and progress go to standard output.
+host::SessionOptions shownOnStdout(host::SessionOptions options);
+// The scene options of the simulated system (--trackers, --seed) go before the user's console
+// arguments.
+void addSceneArgs(host::SessionOptions& options, int trackers, long seed);
 
 void addScanCommand(CLI::App& app, CommandRun& run);
 void addMarkersCommand(CLI::App& app, CommandRun& run);

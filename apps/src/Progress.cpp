@@ -2,6 +2,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <memory>
+
+#include "host/Session.h"
 
 namespace pfapp {
 
@@ -69,6 +72,21 @@ void Progress::draw(size_t done, bool final) {
         std::fprintf(m_out, "%s %s%s\n", m_label.c_str(), rest, final ? " (done)" : "");
     }
     std::fflush(m_out);
+}
+
+host::ProgressHandler progressDisplay() {
+    auto bar = std::make_shared<std::unique_ptr<Progress>>();
+    return [bar](const host::ProgressEvent& e) {
+        if (e.phase == host::ProgressEvent::Start) {
+            *bar = std::make_unique<Progress>(e.stage, "frames", e.total, e.seconds,
+                                              host::stdoutIsTerminal());
+        } else if (*bar && e.phase == host::ProgressEvent::Tick) {
+            (*bar)->update(e.done);
+        } else if (*bar) {
+            (*bar)->finish(e.done);
+            bar->reset();
+        }
+    };
 }
 
 }  // namespace pfapp

@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <string>
 
+#include "host/Records.h"
+
 namespace pfapp {
 
 class Progress {
@@ -31,5 +33,8 @@ private:
     std::chrono::steady_clock::time_point m_lastDraw;
     bool m_drawn = false;
 };
+
+// The session's progress as bars: one per stage, on standard output.
+host::ProgressHandler progressDisplay();
 
 }  // namespace pfapp

@@ -1,18 +1,15 @@
-// pathfinder: the host tool of the Pathfinder stack. It loads the device module as a measuring
-// application does and scans, builds marker models, measures chained trackers, shows devices,
-// calibrates and edits configuration files. Exit codes: ExitCodes.h (and README.md).
+// pathfinder: the host tool of the Pathfinder stack, a command line over the host library. It
+// scans, builds marker models, measures chained trackers, shows devices, calibrates, edits
+// configuration files and verifies the chain. Exit codes: host::ExitCode (and README.md).
 #include <cstdio>
 #include <exception>
-#include <filesystem>
-#include <fstream>
 
 #include "Commands.h"
-#include "ExitCodes.h"
-#include "Writers.h"
+#include "Progress.h"
 
 namespace pfapp {
 
-void addSessionOptions(CLI::App* sub, SessionOptions& options) {
+void addSessionOptions(CLI::App* sub, host::SessionOptions& options) {
     sub->add_option("--endpoint", options.endpoint,
                     "console endpoint HOST:PORT (default: $LUMORA_ENDPOINT, else a free port)");
     sub->add_option("--console", options.consoleProgram,
@@ -24,29 +21,24 @@ void addSessionOptions(CLI::App* sub, SessionOptions& options) {
         ->allow_extra_args(false);
 }
 
-void prepareOutputFolder(const std::string& dir) {
-    namespace fs = std::filesystem;
-    std::error_code ec;
-    fs::create_directories(dir, ec);
-    if (!fs::is_directory(dir)) {
-        throw AppError(kExitOutput, "output folder not writable: " + dir +
-                                        (ec ? " (" + ec.message() + ")" : std::string()));
-    }
-    const fs::path probe = fs::path(dir) / ".pathfinder-write-test";
-    {
-        std::ofstream out(probe);
-        if (!out || !(out << "x") || !out.flush()) {
-            throw AppError(kExitOutput, "output folder not writable: " + dir);
-        }
-    }
-    fs::remove(probe, ec);
+host::SessionOptions shownOnStdout(host::SessionOptions options) {
+    options.onMessage = [](const std::string& line) {
+        std::printf("%s\n", line.c_str());
+        std::fflush(stdout);
+    };
+    options.onProgress = progressDisplay();
+    return options;
 }
 
-void writeOrThrow(const Writer& writer, const std::string& path) {
-    std::string error;
-    if (!writer.write(path, error)) {
-        throw AppError(kExitOutput, error);
+void addSceneArgs(host::SessionOptions& options, int trackers, long seed) {
+    std::vector<std::string> scene;
+    if (trackers > 0) {
+        scene.insert(scene.end(), {"--trackers", std::to_string(trackers)});
     }
+    if (seed >= 0) {
+        scene.insert(scene.end(), {"--seed", std::to_string(seed)});
+    }
+    options.consoleArgs.insert(options.consoleArgs.begin(), scene.begin(), scene.end());
 }
 
 }  // namespace pfapp
@@ -81,21 +73,21 @@ int main(int argc, char** argv) {
         return app.exit(e);
     } catch (const CLI::ParseError& e) {
         app.exit(e);
-        return kExitUsage;
+        return host::kExitUsage;
     }
     if (!run.run) {
         std::fprintf(stderr, "pathfinder: nothing to do\n");
-        return kExitUsage;
+        return host::kExitUsage;
     }
     try {
         return run.run();
-    } catch (const AppError& e) {
+    } catch (const host::Error& e) {
         std::fflush(stdout);
         std::fprintf(stderr, "pathfinder: %s\n", e.what());
         return e.code();
     } catch (const std::exception& e) {
         std::fflush(stdout);
         std::fprintf(stderr, "pathfinder: %s\n", e.what());
-        return kExitFailure;
+        return host::kExitFailure;
     }
 }

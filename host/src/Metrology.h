@@ -1,6 +1,5 @@
-// Form fits and acceptance characteristics of the verification: least-squares sphere and plane
-// with a bounded share of rejected points, and the characteristics computed from them. No
-// device; tests call it directly.
+// Form fits of the verification: least-squares sphere and plane with a bounded share of
+// rejected points, and the range expected of Gaussian residuals. No device; tests call it.
 #pragma once
 
 #include <Eigen/Core>
@@ -8,7 +7,9 @@
 #include <string>
 #include <vector>
 
-namespace pfapp {
+#include "host/Records.h"
+
+namespace host {
 
 // The share of the points a fit may reject as outliers (the largest absolute residuals of a
 // first fit, then the fit is repeated on the rest): 0.3 %.
@@ -51,14 +52,4 @@ double normalQuantile(double p);
 // `rejectFraction` largest are removed: 2 z(1 - f/2) sigma.
 double expectedRange(double sigma, double rejectFraction = kRejectFraction);
 
-// One characteristic against its limit: |value| <= limit passes.
-struct Characteristic {
-    std::string name;
-    std::string what;
-    double value = 0.0;  // mm; NaN when it could not be measured
-    double limit = 0.0;  // mm
-    bool measured = false;
-    bool pass() const;
-};
-
-}  // namespace pfapp
+}  // namespace host

@@ -8,7 +8,7 @@
 
 #include "sim/Truth.h"
 
-namespace pfapp {
+namespace host {
 
 namespace fs = std::filesystem;
 
@@ -25,7 +25,7 @@ std::optional<Truth> loadTruthFolder(const std::string& dir, std::string& error)
         truth.markerDiameters[m.id] = m.diameter;
     }
     for (const auto& t : real->transfer) {
-        truth.matrices.push_back(CascadeEntry{t.first, t.second});
+        truth.matrices.push_back(TransferMatrix{t.first, t.second});
     }
     if (!real->part.triangles.empty()) {
         // The distance object keeps the mesh it was built on alive.
@@ -47,4 +47,4 @@ std::optional<Truth> loadTruthFolder(const std::string& dir, std::string& error)
     return truth;
 }
 
-}  // namespace pfapp
+}  // namespace host

@@ -13,7 +13,7 @@
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
-namespace pfapp {
+namespace host {
 
 namespace {
 
@@ -36,24 +36,26 @@ bool PlyWriter::write(const std::string& path, std::string& error) const {
     int rc = 0;
     if (m_cloud.hasNormals()) {
         pcl::PointCloud<pcl::PointNormal> out;
-        out.resize(m_cloud.points.size());
-        for (size_t i = 0; i < m_cloud.points.size(); ++i) {
+        out.resize(m_cloud.size());
+        for (size_t i = 0; i < m_cloud.size(); ++i) {
             pcl::PointNormal& p = out[i];
-            p.x = m_cloud.points[i].x();
-            p.y = m_cloud.points[i].y();
-            p.z = m_cloud.points[i].z();
-            p.normal_x = m_cloud.normals[i].x();
-            p.normal_y = m_cloud.normals[i].y();
-            p.normal_z = m_cloud.normals[i].z();
+            const float* xyz = &m_cloud.points[3 * i];
+            const float* n = &m_cloud.normals[3 * i];
+            p.x = xyz[0];
+            p.y = xyz[1];
+            p.z = xyz[2];
+            p.normal_x = n[0];
+            p.normal_y = n[1];
+            p.normal_z = n[2];
             p.curvature = 0.0f;
         }
         rc = out.empty() ? -1 : pcl::io::savePLYFileBinary(path, out);
     } else {
         pcl::PointCloud<pcl::PointXYZ> out;
-        out.resize(m_cloud.points.size());
-        for (size_t i = 0; i < m_cloud.points.size(); ++i) {
-            out[i] =
-                pcl::PointXYZ(m_cloud.points[i].x(), m_cloud.points[i].y(), m_cloud.points[i].z());
+        out.resize(m_cloud.size());
+        for (size_t i = 0; i < m_cloud.size(); ++i) {
+            const float* xyz = &m_cloud.points[3 * i];
+            out[i] = pcl::PointXYZ(xyz[0], xyz[1], xyz[2]);
         }
         rc = out.empty() ? -1 : pcl::io::savePLYFileBinary(path, out);
     }
@@ -72,16 +74,16 @@ bool PngWriter::write(const std::string& path, std::string& error) const {
     const int bar = 110;  // room for the colour scale on the right
     const int width = std::max(200, m_width);
     cv::Mat image(200, width + bar, CV_8UC3, cv::Scalar(32, 32, 32));
-    const bool byDistance = !m_distances.empty() && m_distances.size() == m_cloud.points.size();
+    const bool byDistance = !m_distances.empty() && m_distances.size() == m_cloud.size();
 
     double lo = 0.0;
     double hi = 1.0;
     if (!m_cloud.points.empty()) {
-        Eigen::Vector3f mn = m_cloud.points.front();
+        Eigen::Vector3f mn = pointOf(m_cloud, 0);
         Eigen::Vector3f mx = mn;
-        for (const Eigen::Vector3f& p : m_cloud.points) {
-            mn = mn.cwiseMin(p);
-            mx = mx.cwiseMax(p);
+        for (size_t i = 0; i < m_cloud.size(); ++i) {
+            mn = mn.cwiseMin(pointOf(m_cloud, i));
+            mx = mx.cwiseMax(pointOf(m_cloud, i));
         }
         const float spanX = std::max(1e-3f, mx.x() - mn.x());
         const float spanY = std::max(1e-3f, mx.y() - mn.y());
@@ -93,9 +95,9 @@ bool PngWriter::write(const std::string& path, std::string& error) const {
 
         // The value that colours a point: its distance to the truth, or its height.
         std::vector<double> values;
-        values.reserve(m_cloud.points.size());
-        for (size_t i = 0; i < m_cloud.points.size(); ++i) {
-            values.push_back(byDistance ? std::abs(m_distances[i]) : m_cloud.points[i].z());
+        values.reserve(m_cloud.size());
+        for (size_t i = 0; i < m_cloud.size(); ++i) {
+            values.push_back(byDistance ? std::abs(m_distances[i]) : pointOf(m_cloud, i).z());
         }
         if (byDistance) {
             lo = 0.0;
@@ -115,8 +117,8 @@ bool PngWriter::write(const std::string& path, std::string& error) const {
         // Top view with a depth buffer: the highest point of each pixel wins. Each point is
         // drawn as a square about as wide as the mean spacing of the points, so that a scan
         // reads as a surface and not as separate laser lines.
-        const double spacing = std::sqrt(static_cast<double>(spanX) * spanY /
-                                         static_cast<double>(m_cloud.points.size()));
+        const double spacing =
+            std::sqrt(static_cast<double>(spanX) * spanY / static_cast<double>(m_cloud.size()));
         const int splat =
             std::max(0, std::min(8, static_cast<int>(std::ceil(0.5 * spacing * scale)) - 0));
         cv::Mat depth(height, width, CV_32F, cv::Scalar(-1e30f));
@@ -124,13 +126,13 @@ bool PngWriter::write(const std::string& path, std::string& error) const {
         cv::Mat shade(height, width, CV_32F, cv::Scalar(0.0f));
         cv::Mat hit(height, width, CV_8U, cv::Scalar(0));
         const Eigen::Vector3f light = Eigen::Vector3f(-0.4f, -0.4f, 1.0f).normalized();
-        for (size_t i = 0; i < m_cloud.points.size(); ++i) {
-            const Eigen::Vector3f& p = m_cloud.points[i];
+        for (size_t i = 0; i < m_cloud.size(); ++i) {
+            const Eigen::Vector3f p = pointOf(m_cloud, i);
             const int u0 = static_cast<int>(margin + (p.x() - mn.x()) * scale);
             const int v0 = static_cast<int>(height - 1 - (margin + (p.y() - mn.y()) * scale));
             float s = 1.0f;
             if (m_cloud.hasNormals()) {
-                Eigen::Vector3f n = m_cloud.normals[i];
+                Eigen::Vector3f n(&m_cloud.normals[3 * i]);
                 if (n.z() < 0) {
                     n = -n;  // seen from above
                 }
@@ -151,8 +153,8 @@ bool PngWriter::write(const std::string& path, std::string& error) const {
         // 1 mm of the highest): the highest point alone would pick the largest noise.
         cv::Mat sum(height, width, CV_64F, cv::Scalar(0.0));
         cv::Mat count(height, width, CV_32S, cv::Scalar(0));
-        for (size_t i = 0; i < m_cloud.points.size(); ++i) {
-            const Eigen::Vector3f& p = m_cloud.points[i];
+        for (size_t i = 0; i < m_cloud.size(); ++i) {
+            const Eigen::Vector3f p = pointOf(m_cloud, i);
             const int u = static_cast<int>(margin + (p.x() - mn.x()) * scale);
             const int v = static_cast<int>(height - 1 - (margin + (p.y() - mn.y()) * scale));
             if (u < 0 || v < 0 || u >= width || v >= height ||
@@ -304,4 +306,4 @@ bool TextWriter::write(const std::string& path, std::string& error) const {
     return true;
 }
 
-}  // namespace pfapp
+}  // namespace host

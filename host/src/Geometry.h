@@ -1,6 +1,5 @@
-// Geometry of the host tool that needs no device: applying delivered poses, distance
-// statistics against the truth, best rigid fits of markers and the error of a transfer matrix.
-// Tests call it directly.
+// Geometry that needs no device: applying delivered poses, distance statistics against the
+// truth, best rigid fits of markers and the error of a transfer matrix. Tests call it directly.
 #pragma once
 
 #include <Eigen/Core>
@@ -12,41 +11,23 @@
 #include <utility>
 #include <vector>
 
-namespace pfapp {
+#include "host/Records.h"
 
-// A pose as the module delivers it: a scanner point x (row vector) maps to x·R + t; R by rows.
-struct RowPose {
-    std::array<double, 9> rotation{1, 0, 0, 0, 1, 0, 0, 0, 1};
-    std::array<double, 3> translation{0, 0, 0};
+namespace host {
 
-    Eigen::Vector3d applyPoint(const Eigen::Vector3d& x) const;
-    Eigen::Vector3d applyDirection(const Eigen::Vector3d& x) const;
-};
-
-// The assembled cloud: points in millimetres, normals (unit) when the scanner gave directions.
-struct Cloud {
-    std::vector<Eigen::Vector3f> points;
-    std::vector<Eigen::Vector3f> normals;  // empty, or one per point
-
-    bool hasNormals() const { return !normals.empty() && normals.size() == points.size(); }
-};
+// Point i of a cloud.
+inline Eigen::Map<const Eigen::Vector3f> pointOf(const Cloud& cloud, size_t i) {
+    return Eigen::Map<const Eigen::Vector3f>(&cloud.points[3 * i]);
+}
 
 // Appends a frame's laser points (x, y, z per point, scanner frame) mapped by `pose`. The
 // directions are used when there is one per point; when a frame brings none, the cloud stops
 // carrying normals. Non-finite points are skipped. Returns the number of points added.
-size_t appendFrame(Cloud& cloud, const RowPose& pose, const std::vector<float>& points,
+size_t appendFrame(Cloud& cloud, const Pose& pose, const std::vector<float>& points,
                    const std::vector<float>& directions);
 
-struct DistanceStats {
-    size_t count = 0;
-    double rms = 0.0;
-    double max = 0.0;
-    double p95 = 0.0;
-    double mean = 0.0;
-};
-
-// Statistics of absolute distances (empty input gives count 0 and zeros).
-DistanceStats distanceStats(std::vector<double> distances);
+// Figures of absolute distances (non-finite ones left out; none gives count 0 and zeros).
+DistanceFigures distanceStats(std::vector<double> distances);
 
 // Distance of every cloud point to a surface (a callable answering one point).
 std::vector<double> distancesTo(const Cloud& cloud,
@@ -76,8 +57,6 @@ MatrixError transferMatrixError(const std::array<double, 16>& measured,
 
 // Where a point of the reference frame W lands in the tracker: B·p + T.
 Eigen::Vector3d transferToTracker(const std::array<double, 16>& m, const Eigen::Vector3d& p);
-// The inverse: a tracker point back into W, B^T·(p - T) (B is a rotation).
-Eigen::Vector3d transferToReference(const std::array<double, 16>& m, const Eigen::Vector3d& p);
 
 // A marker model against the true markers when the two share no labels (a model's labels are
 // its own). A model is built in some frame of the scene: the true markers are tried in the
@@ -108,4 +87,4 @@ std::vector<size_t> countObservations(const std::vector<Eigen::Vector3d>& model,
 double observationWeightedRms(const std::vector<double>& residuals,
                               const std::vector<size_t>& observations);
 
-}  // namespace pfapp
+}  // namespace host

@@ -5,7 +5,7 @@
 #include <cmath>
 #include <numeric>
 
-namespace pfapp {
+namespace host {
 
 namespace {
 
@@ -173,8 +173,4 @@ double expectedRange(double sigma, double rejectFraction) {
     return 2.0 * normalQuantile(1.0 - 0.5 * std::max(rejectFraction, 1e-9)) * sigma;
 }
 
-bool Characteristic::pass() const {
-    return measured && std::isfinite(value) && std::fabs(value) <= limit;
-}
-
-}  // namespace pfapp
+}  // namespace host

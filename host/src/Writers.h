@@ -1,4 +1,4 @@
-// Output files of the host tool: one writer per format behind one small interface.
+// Output files of the host library: one writer per format behind one small interface.
 //
 //   PlyWriter   the cloud as binary little-endian PLY (PCL I/O): x y z in millimetres, with
 //               normal_x normal_y normal_z (and PCL's curvature, 0) when the cloud has normals
@@ -14,7 +14,7 @@
 
 #include "Geometry.h"
 
-namespace pfapp {
+namespace host {
 
 class Writer {
 public:
@@ -72,4 +72,4 @@ private:
     std::vector<std::string> m_lines;
 };
 
-}  // namespace pfapp
+}  // namespace host

@@ -1,6 +1,6 @@
 #include "Endpoint.h"
 
-namespace pfapp {
+namespace host {
 
 bool splitEndpoint(const std::string& text, std::string& host, uint16_t& port) {
     const size_t colon = text.rfind(':');
@@ -18,4 +18,4 @@ bool splitEndpoint(const std::string& text, std::string& host, uint16_t& port) {
     return true;
 }
 
-}  // namespace pfapp
+}  // namespace host

@@ -9,9 +9,9 @@
 #include <string>
 #include <vector>
 
-#include "CascadeFile.h"
+#include "host/Records.h"
 
-namespace pfapp {
+namespace host {
 
 struct Truth {
     std::string folder;
@@ -21,7 +21,7 @@ struct Truth {
     std::map<int32_t, Eigen::Vector3d> markers;  // reference markers by id (W)
     std::map<int32_t, Eigen::Vector3d> markerNormals;
     std::map<int32_t, double> markerDiameters;
-    std::vector<CascadeEntry> matrices;
+    std::vector<TransferMatrix> matrices;
     double noiseSigmaMm = 0.0;   // the laser noise of the scene (0: unknown)
     double markerNoiseMm = 0.0;  // the noise of a marker centre, per coordinate (0: unknown)
 };
@@ -31,4 +31,4 @@ struct Truth {
 // or unreadable. The distance to the part uses the simulator's MeshDistance.
 std::optional<Truth> loadTruthFolder(const std::string& dir, std::string& error);
 
-}  // namespace pfapp
+}  // namespace host

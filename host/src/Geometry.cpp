@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <cmath>
 
-namespace pfapp {
+namespace host {
 
 namespace {
 
@@ -30,17 +30,7 @@ Eigen::Vector3d translationOf(const std::array<double, 16>& m) {
 
 }  // namespace
 
-Eigen::Vector3d RowPose::applyPoint(const Eigen::Vector3d& x) const {
-    // Row vector times R: component j is sum_i x_i R(i, j).
-    return rowMajor(rotation).transpose() * x +
-           Eigen::Vector3d(translation[0], translation[1], translation[2]);
-}
-
-Eigen::Vector3d RowPose::applyDirection(const Eigen::Vector3d& x) const {
-    return rowMajor(rotation).transpose() * x;
-}
-
-size_t appendFrame(Cloud& cloud, const RowPose& pose, const std::vector<float>& points,
+size_t appendFrame(Cloud& cloud, const Pose& pose, const std::vector<float>& points,
                    const std::vector<float>& directions) {
     const size_t n = points.size() / 3;
     const bool withNormals =
@@ -48,6 +38,7 @@ size_t appendFrame(Cloud& cloud, const RowPose& pose, const std::vector<float>& 
     if (!withNormals) {
         cloud.normals.clear();
     }
+    // Row vector times R: component j is sum_i x_i R(i, j).
     const Eigen::Matrix3d rt = rowMajor(pose.rotation).transpose();
     const Eigen::Vector3d t(pose.translation[0], pose.translation[1], pose.translation[2]);
     size_t added = 0;
@@ -56,22 +47,24 @@ size_t appendFrame(Cloud& cloud, const RowPose& pose, const std::vector<float>& 
         if (!x.allFinite()) {
             continue;
         }
-        cloud.points.push_back((rt * x + t).cast<float>());
+        const Eigen::Vector3f p = (rt * x + t).cast<float>();
+        cloud.points.insert(cloud.points.end(), {p.x(), p.y(), p.z()});
         if (withNormals) {
             Eigen::Vector3d d(directions[3 * i], directions[3 * i + 1], directions[3 * i + 2]);
             d = rt * d;
             const double len = d.norm();
-            cloud.normals.push_back(
+            const Eigen::Vector3f u =
                 (len > 0 && std::isfinite(len) ? Eigen::Vector3d(d / len) : Eigen::Vector3d::Zero())
-                    .cast<float>());
+                    .cast<float>();
+            cloud.normals.insert(cloud.normals.end(), {u.x(), u.y(), u.z()});
         }
         ++added;
     }
     return added;
 }
 
-DistanceStats distanceStats(std::vector<double> distances) {
-    DistanceStats s;
+DistanceFigures distanceStats(std::vector<double> distances) {
+    DistanceFigures s;
     distances.erase(std::remove_if(distances.begin(), distances.end(),
                                    [](double d) { return !std::isfinite(d); }),
                     distances.end());
@@ -101,9 +94,9 @@ DistanceStats distanceStats(std::vector<double> distances) {
 std::vector<double> distancesTo(const Cloud& cloud,
                                 const std::function<double(const Eigen::Vector3d&)>& distance) {
     std::vector<double> out;
-    out.reserve(cloud.points.size());
-    for (const Eigen::Vector3f& p : cloud.points) {
-        out.push_back(distance(p.cast<double>()));
+    out.reserve(cloud.size());
+    for (size_t i = 0; i < cloud.size(); ++i) {
+        out.push_back(distance(pointOf(cloud, i).cast<double>()));
     }
     return out;
 }
@@ -159,10 +152,6 @@ MatrixError transferMatrixError(const std::array<double, 16>& measured,
 
 Eigen::Vector3d transferToTracker(const std::array<double, 16>& m, const Eigen::Vector3d& p) {
     return blockOf(m) * p + translationOf(m);
-}
-
-Eigen::Vector3d transferToReference(const std::array<double, 16>& m, const Eigen::Vector3d& p) {
-    return blockOf(m).transpose() * (p - translationOf(m));
 }
 
 namespace {
@@ -252,4 +241,4 @@ double observationWeightedRms(const std::vector<double>& residuals,
     return std::sqrt(sum / static_cast<double>(n));
 }
 
-}  // namespace pfapp
+}  // namespace host
