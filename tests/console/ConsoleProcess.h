@@ -22,10 +22,14 @@ namespace sdktest {
 
 class ConsoleProcess {
 public:
+    // Ends the console as a host would, with SIGTERM, so that it leaves through main (and a
+    // coverage build writes its counters); SIGKILL when it has not ended within two seconds.
     ~ConsoleProcess() {
         if (m_pid > 0) {
-            ::kill(m_pid, SIGKILL);
-            ::waitpid(m_pid, nullptr, 0);
+            ::kill(m_pid, SIGTERM);
+            if (waitExit(std::chrono::seconds(2)) == -1 && m_pid > 0) {
+                kill();
+            }
         }
         if (m_stdin >= 0) {
             ::close(m_stdin);
