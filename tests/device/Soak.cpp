@@ -23,8 +23,7 @@
 #include <thread>
 #include <vector>
 
-#include "ConsoleProcess.h"
-#include "ResidentMemory.h"
+#include "DeviceTestSupport.h"
 #include "device/Pathfinder.h"
 #include "platform/Platform.h"
 #include "sdk/Messages.h"
