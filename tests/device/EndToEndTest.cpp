@@ -7,7 +7,6 @@
 #include <cmath>
 #include <unordered_map>
 
-
 #include "DeviceTestSupport.h"
 #include "platform/Platform.h"
 #include "sim/Truth.h"
