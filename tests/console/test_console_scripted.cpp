@@ -1,6 +1,7 @@
 // The console's control lines and answers seen through the SDK: a real console on a private
 // port, driven through its standard input, and what the SDK delivers. (What the device module
-// makes of the console's messages is tested in tests/device against the same console.)
+// makes of the console's messages, scripted answers included, is tested in tests/device against
+// the same console.)
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -15,13 +16,6 @@ using namespace sdktest;
 namespace {
 
 using Match = std::function<bool(const CMessage_Base&)>;
-
-Match isCalib(int step) {
-    return [step](const CMessage_Base& m) {
-        return m.getType() == MSG_CALIBDATA &&
-               static_cast<const CMessage_CalibData&>(m).getTrackerGrabIndex() == step;
-    };
-}
 
 // R is a rotation: orthonormal rows, determinant 1.
 void expectRotation(const double R[9]) {
@@ -221,68 +215,6 @@ TEST_F(Scripted, AControlLineWrittenBeforeACommandGovernsItsAnswer) {
         ASSERT_GE(at, 0);
         ASSERT_EQ(work(message(at)).state, state) << "round " << i;
     }
-}
-
-// Scripted answers: silent for the given times, delayed behind later answers, or carrying the
-// scripted data. A reset of the camera, answered in order, marks where everything before it has
-// been answered.
-TEST_F(Scripted, ScriptedAnswersAreSilentDelayedOrCarryTheirData) {
-    connect();
-    const auto answers = [&](const std::function<void()>& send) {
-        const size_t from = recorder.size();
-        send();
-        wrapper.setResetCamera();
-        const int mark = expectMessage(from, isResponse(12));
-        return std::make_pair(from, static_cast<size_t>(std::max(mark, 0)));
-    };
-    ASSERT_TRUE(console.control("answer setImageMode none 1"));
-    ASSERT_TRUE(console.control("answer getCalibraResult none"));
-    auto [from, to] = answers([&] {
-        wrapper.setImageMode(IMAGE_MODE_TRACK_PREVIEW);
-        wrapper.getCalibraResult();
-    });
-    EXPECT_TRUE(between(from, to, isResponse(173)).empty());
-    EXPECT_TRUE(between(from, to, isReceipt(RECEIPT_CALIB_RESULT)).empty());
-    // The image mode was silenced once only; the result stays silent until `default`.
-    std::tie(from, to) = answers([&] {
-        wrapper.setImageMode(IMAGE_MODE_TRACK_PREVIEW);
-        wrapper.getCalibraResult();
-    });
-    EXPECT_EQ(between(from, to, isResponse(173)).size(), 1u);
-    EXPECT_TRUE(between(from, to, isReceipt(RECEIPT_CALIB_RESULT)).empty());
-    ASSERT_TRUE(console.control("answer getCalibraResult default"));
-
-    // A delayed answer comes after the answers to later commands.
-    ASSERT_TRUE(console.control("answer setResetCamera 6 1 delay=200"));
-    from = recorder.size();
-    wrapper.setResetCamera();
-    wrapper.setSoundControl(true);
-    const int late = expectMessage(from, isResponse(12));
-    ASSERT_GE(late, 0);
-    EXPECT_EQ(work(message(late)).state, 6);
-    EXPECT_EQ(between(from, static_cast<size_t>(late), isResponse(13)).size(), 1u);
-
-    // Queries are answered with the scripted data (once, then the standard data again).
-    ASSERT_TRUE(console.control("answer getCalibraResult value=-0.5 1"));
-    ASSERT_TRUE(console.control("answer getCalibBoardSize rows=7 cols=5 board=7,5,15,15,2"));
-    std::tie(from, to) = answers([&] {
-        wrapper.getCalibraResult();
-        wrapper.getCalibraResult();
-        wrapper.getCalibBoardSize();
-    });
-    const auto results = between(from, to, isReceipt(RECEIPT_CALIB_RESULT));
-    ASSERT_EQ(results.size(), 2u);
-    EXPECT_EQ(as<CMessage_Receipt>(results[0]).getCalibraResult(), -0.5);
-    EXPECT_EQ(as<CMessage_Receipt>(results[1]).getCalibraResult(), 0.021);
-    const auto lattice = between(from, to, isCalib(CALIB_STEP_BOARD_LATTICE));
-    const auto board = between(from, to, isCalib(CALIB_STEP_SCANNER_BOARD));
-    ASSERT_EQ(lattice.size() + board.size(), 2u);
-    int rows = 0, cols = 0;
-    as<CMessage_CalibData>(lattice[0]).getBoardLattice(rows, cols);
-    EXPECT_EQ(std::make_pair(rows, cols), std::make_pair(7, 5));
-    std::vector<double> values;
-    as<CMessage_CalibData>(board[0]).getScannerBoard(&values);
-    EXPECT_EQ(values, (std::vector<double>{7, 5, 15, 15, 2}));
 }
 
 TEST_F(Scripted, TheCommandLogNamesEveryCommandWithItsArguments) {

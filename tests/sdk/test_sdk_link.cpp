@@ -16,7 +16,9 @@ protected:
     void SetUp() override {
         platform::setTimeScale(0.01);
         ASSERT_TRUE(peer.valid());
-        wrapper.setEndpoint(peer.endpoint());
+        EXPECT_FALSE(wrapper.setEndpoint("bad endpoint"));
+        ASSERT_TRUE(wrapper.setEndpoint(peer.endpoint()));
+        EXPECT_EQ(wrapper.getEndpoint(), peer.endpoint());
         wrapper.setCallBackMessage(recorder.callback());
         ASSERT_TRUE(wrapper.connectToLowPart());
         ASSERT_TRUE(peer.accept());
@@ -41,17 +43,8 @@ TEST_F(Link, BadFramesAreDroppedAndCountedWhileGoodOnesArrive) {
     CMessage_Receipt first = response(101, 0);
     ASSERT_TRUE(peer.sendMessage(first));
 
-    // Oversized: a declared length above the limit, followed by that many bytes.
-    const uint32_t n = static_cast<uint32_t>(wire::kMaxFrameBytes + 1);
-    ASSERT_TRUE(peer.sendRaw(frameHeader(wire::kFrameMagic, n, 0)));
-    const std::string chunk(1 << 20, '\0');
-    for (uint64_t left = n; left > 0;) {
-        const size_t k = static_cast<size_t>(std::min<uint64_t>(left, chunk.size()));
-        ASSERT_TRUE(peer.sendRaw(chunk.substr(0, k)));
-        left -= k;
-    }
-    // Malformed: a body that does not parse, then an envelope that does not parse.
-    ASSERT_TRUE(peer.sendBody(MSG_RECEIPT, std::string("\x0a\xff\xff\xff", 4)));
+    // Malformed: an envelope that does not parse. (Oversized frames and bodies that do not
+    // parse come from the console's faults, tests/device/FaultTest.cpp.)
     ASSERT_TRUE(peer.sendRaw(frameHeader(wire::kFrameMagic, 3, 3) + "\x08\xff\xff"));
     // Unknown types: one no class has, the SDK's own connection type and a command.
     ASSERT_TRUE(peer.sendBody(42, ""));
@@ -73,8 +66,7 @@ TEST_F(Link, BadFramesAreDroppedAndCountedWhileGoodOnesArrive) {
 
     ASSERT_GE(recorder.waitIndex(0, isResponse(102), 20s), 0);
     const LinkCounters c = wrapper.getLinkCounters();
-    EXPECT_EQ(c.droppedOversized, 1u);
-    EXPECT_EQ(c.droppedMalformed, 3u);
+    EXPECT_EQ(c.droppedMalformed, 2u);
     EXPECT_EQ(c.droppedUnknownType, 3u);
     EXPECT_EQ(c.streamErrors, 0u);
     EXPECT_EQ(c.connects, 1u);  // the link stayed up
@@ -194,22 +186,9 @@ TEST_F(Link, DeviceListFollowsDeviceMessagesAndTheLink) {
     ASSERT_TRUE(eventually([&] { return dm->getDeviceList().empty(); }));
 }
 
-TEST_F(Link, CloseStopsTheLinkUntilReopened) {
-    wrapper.setCloseWrapper(true);
-    ASSERT_GE(recorder.waitIndex(1, isConnect(false)), 0);
-    EXPECT_FALSE(wrapper.isConnected());
-    EXPECT_FALSE(wrapper.connectToLowPart());
-    EXPECT_FALSE(wrapper.setTrigger(false, {}));
-    EXPECT_GE(wrapper.getLinkCounters().sendFailures, 1u);
-    EXPECT_TRUE(peer.waitClosed());
-
-    wrapper.setCloseWrapper(false);
-    ASSERT_TRUE(wrapper.connectToLowPart());
-    ASSERT_TRUE(peer.accept());
-    ASSERT_GE(recorder.waitIndex(2, isConnect(true)), 0);
-}
-
-TEST_F(Link, CloseFromTheCallbackDoesNotDeadlock) {
+// A close from the callback does not deadlock; while closed, commands are refused and counted;
+// the link opens again when asked.
+TEST_F(Link, CloseFromTheCallbackDoesNotDeadlockAndTheLinkReopens) {
     std::atomic<bool> closed{false};
     wrapper.setCallBackMessage([&](CMessage_Base* m) {
         if (isResponse(9)(*m)) {
@@ -222,35 +201,12 @@ TEST_F(Link, CloseFromTheCallbackDoesNotDeadlock) {
     EXPECT_TRUE(peer.waitClosed());
     EXPECT_TRUE(closed.load());
     EXPECT_FALSE(wrapper.isConnected());
-}
-
-TEST(LinkWithoutPeer, CommandsFailAndTheLinkKeepsTryingUntilADeviceListens) {
-    platform::setTimeScale(0.01);
-    uint16_t port = 0;
-    {
-        TestPeer probe;  // find a free port, then free it again
-        port = static_cast<uint16_t>(std::stoi(probe.endpoint().substr(10)));
-    }
-    CTPScanWrapper wrapper;
-    Recorder recorder;
+    EXPECT_FALSE(wrapper.connectToLowPart());
+    EXPECT_FALSE(wrapper.setTrigger(false, {}));
+    EXPECT_GE(wrapper.getLinkCounters().sendFailures, 1u);
     wrapper.setCallBackMessage(recorder.callback());
-    EXPECT_FALSE(wrapper.setEndpoint("bad endpoint"));
-    ASSERT_TRUE(wrapper.setEndpoint("127.0.0.1:" + std::to_string(port)));
-    EXPECT_EQ(wrapper.getEndpoint(), "127.0.0.1:" + std::to_string(port));
-    EXPECT_FALSE(wrapper.setTrigger(true, {}));
-    EXPECT_EQ(wrapper.getLowpartVersion(), "");
+    wrapper.setCloseWrapper(false);
     ASSERT_TRUE(wrapper.connectToLowPart());
-    ASSERT_TRUE(wrapper.connectToLowPart());  // already running: harmless
-
-    // Nobody listens for a while: no connection message, no crash.
-    std::this_thread::sleep_for(100ms);
-    EXPECT_EQ(recorder.size(), 0u);
-    EXPECT_FALSE(wrapper.isConnected());
-
-    TestPeer late(port);
-    ASSERT_TRUE(late.valid());
-    ASSERT_TRUE(late.accept());
-    EXPECT_GE(recorder.waitIndex(0, isConnect(true)), 0);
-    EXPECT_EQ(wrapper.getLinkCounters().connects, 1u);
-    wrapper.setCloseWrapper(true);
+    ASSERT_TRUE(peer.accept());
+    EXPECT_TRUE(eventually([&] { return wrapper.isConnected(); }));
 }
