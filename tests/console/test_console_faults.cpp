@@ -182,6 +182,10 @@ TEST_F(ConsoleFaults, AReplayDeliversTheRecordedMessagesByteForByteInOrder) {
     const fs::path dir = tempFolder();
     const fs::path file = dir / "session.lrec";
     connect({"--record", file.string()});
+    tagTransformMatrix tm;  // a serialized argument, as the console received it
+    tm.m_mapTransform["TRK0001"] = {1, 0, 0, 0, 1, 0, 0, 0, 1, 10, 20, 30};
+    tm.m_mapTransform["TRK0002"] = {0, 1, 0, 1, 0, 0, 0, 0, -1, 4, 5, 6};
+    ASSERT_TRUE(wrapper.setTransforRT(tm));
     ASSERT_TRUE(wrapper.setStartScan(SCAN_LASER));
     ASSERT_TRUE(wrapper.setTrigger(true, {}));
     ASSERT_TRUE(recorder.waitFor([](const auto& v) { return countType(v, MSG_SCANDATA) >= 10; }));
@@ -209,6 +213,13 @@ TEST_F(ConsoleFaults, AReplayDeliversTheRecordedMessagesByteForByteInOrder) {
             sdk_link::Command c;
             ASSERT_TRUE(c.ParseFromString(bodyOf(r.bytes)));
             commands.push_back(c.name());
+            sdk_link::TransformMatrix m;
+            for (int i = 0; c.name() == "setTransforRT" && i < 2; ++i) {
+                ASSERT_TRUE(m.ParseFromString(c.args(0).raw()) && m.transforms_size() == 2);
+                const auto& t = m.transforms(i);
+                EXPECT_EQ(std::vector<double>(t.values().begin(), t.values().end()),
+                          tm.m_mapTransform[t.tracker_id()]);
+            }
         } else if (r.kind == console::rec::Sent) {
             sent.push_back(r.bytes);
             padded += (r.flags & console::rec::kFlagPadded) != 0;
@@ -227,8 +238,8 @@ TEST_F(ConsoleFaults, AReplayDeliversTheRecordedMessagesByteForByteInOrder) {
         }
     }
     EXPECT_EQ(connections, 1);
-    EXPECT_EQ(commands, (std::vector<std::string>{"setHeartBeatInterval", "setStartScan",
-                                                  "setTrigger", "setTrigger"}));
+    EXPECT_EQ(commands, (std::vector<std::string>{"setHeartBeatInterval", "setTransforRT",
+                                                  "setStartScan", "setTrigger", "setTrigger"}));
     EXPECT_EQ(padded, 1);
     ASSERT_EQ(sent.size(), first.size() - 2 + 2);
     ASSERT_EQ(delivered.size(), sent.size() - 2);

@@ -90,25 +90,6 @@ TEST_F(Link, LostFrameBoundaryResetsTheConnection) {
     EXPECT_GE(recorder.waitIndex(3, isResponse(7)), 0);
 }
 
-// The consoles' command logs show commands by name and simple arguments; what a serialized
-// argument holds only the device side sees.
-TEST_F(Link, TransferMatricesTravelWithTheirTrackersAndValues) {
-    tagTransformMatrix tm;
-    tm.m_mapTransform["TRK0001"] = {1, 0, 0, 0, 1, 0, 0, 0, 1, 10, 20, 30};
-    tm.m_mapTransform["TRK0002"] = {0, 1, 0, 1, 0, 0, 0, 0, -1, 4, 5, 6};
-    ASSERT_TRUE(wrapper.setTransforRT(tm));
-    const sdk_link::Command* c = peer.waitCommand("setTransforRT");
-    ASSERT_NE(c, nullptr);
-    sdk_link::TransformMatrix m;
-    ASSERT_TRUE(m.ParseFromString(c->args(0).raw()));
-    ASSERT_EQ(m.transforms_size(), 2);
-    for (int i = 0; i < 2; ++i) {
-        const auto& t = m.transforms(i);
-        EXPECT_EQ(std::vector<double>(t.values().begin(), t.values().end()),
-                  tm.m_mapTransform[t.tracker_id()]);
-    }
-}
-
 // One message at a time, in order; a callback that throws (an exception class or not) loses
 // nothing but its own message.
 TEST_F(Link, MessagesAreDeliveredOneAtATimeInOrderAndAThrowingCallbackIsContained) {
