@@ -1,6 +1,6 @@
 // A lumora_console child process for the integration tests: started on a free port (or a
 // given one), control lines written to its standard input. Its standard output is read (so
-// that it never blocks) for the listening line.
+// that it never blocks) for the listening line. And the files the tests read and write.
 #pragma once
 
 #include <fcntl.h>
@@ -11,6 +11,9 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -19,6 +22,17 @@
 extern char** environ;
 
 namespace sdktest {
+
+inline std::string readFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// Creates the folders on the way.
+inline void writeFile(const std::string& path, const std::string& bytes) {
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    std::ofstream(path, std::ios::binary) << bytes;
+}
 
 class ConsoleProcess {
 public:

@@ -132,6 +132,7 @@ TEST(ConsoleControl, LinesAreCheckedBeforeAnythingIsDone) {
                              "fault drop every=3",
                              "fault delay 50 2 on=receipt",
                              "fault corrupt fraction=0.5 what=normals",
+                             "fault corrupt 2 what=lines",  // replaces the rule of its kind
                              "fault truncate always on=any",
                              "fault oversize 1 on=7",
                              "fault list",

@@ -16,16 +16,8 @@ namespace {
 
 using namespace device;
 using namespace devtest;
-
-std::string readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
-void writeFile(const std::string& path, const std::string& content) {
-    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-    std::ofstream(path, std::ios::binary) << content;
-}
+using sdktest::readFile;
+using sdktest::writeFile;
 
 // The kind of a state that concerns no particular device.
 const int kNoKind = tagDeviceInfo().kind;
@@ -390,43 +382,26 @@ TEST_F(WithConsole, CommandsSendWhatTheirArgumentsChooseAndRefusedOnesNothing) {
         EXPECT_EQ(device->getCalibraResult(nullptr), RESULT_INVALID_ARGUMENT);
     });
     EXPECT_EQ(refused, Lines{});
-    const struct {
-        const char* what;
-        std::function<emDeviceResult()> op;
-        Lines expected;
-    } cases[] = {
-        {"the largest laser exposure",
-         [&] { return device->setLaserExposure(10.0f, unused); },
-         {"setLaserExposure 10"}},
-        {"LED exposure of the trackers",
-         [&] { return device->setLEDExposure(1.0f); },
-         {"setLEDExposure 1 0"}},
-        {"blue laser: deep-hole lines in red light",
-         [&] { return device->setDeviceLaserType(LASER_TYPE_BLUE_SINGLE); },
-         {"setLaserType 2 0"}},
-        {"warm-up",
-         [&] { return device->setWorkBusiness(WORK_BUSINESS_WARM_UP); },
-         {"setWorkBusiness 17"}},
-        {"surface with edges",
-         [&] { return device->setScanObject(SCAN_OBJECT_SURFACE_EDGE, true); },
+    // The largest laser exposure; the trackers' LED exposure; a blue laser (deep-hole lines in
+    // red light); warm-up; scan objects; tracking the scanner; the cache (the trackers'
+    // markers, then the matrices); the track previewer.
+    const std::vector<std::pair<std::function<emDeviceResult()>, Lines>> cases = {
+        {[&] { return device->setLaserExposure(10.0f, unused); }, {"setLaserExposure 10"}},
+        {[&] { return device->setLEDExposure(1.0f); }, {"setLEDExposure 1 0"}},
+        {[&] { return device->setDeviceLaserType(LASER_TYPE_BLUE_SINGLE); }, {"setLaserType 2 0"}},
+        {[&] { return device->setWorkBusiness(WORK_BUSINESS_WARM_UP); }, {"setWorkBusiness 17"}},
+        {[&] { return device->setScanObject(SCAN_OBJECT_SURFACE_EDGE, true); },
          {"setTrigger false []", "setIsNeedEdgePoint true", "setStartScan 1"}},
-        {"dynamic markers",
-         [&] { return device->setDynamicTracking(SCAN_OBJECT_MARKPOINT); },
+        {[&] { return device->setDynamicTracking(SCAN_OBJECT_MARKPOINT); },
          {"setTrigger false []", "setIsNeedEdgePoint false", "setDynamicScan 0"}},
-        {"markers in super conversion",
-         [&] {
+        {[&] {
              device->startSuperConversionScanObject(true);
              return device->setScanObject(SCAN_OBJECT_MARKPOINT, false);
          },
          {"setTrigger false []", "setIsNeedEdgePoint false", "setWorkBusiness 25"}},
-        {"tracking the scanner",
-         [&] { return device->setTrackingScanner(); },
-         {"setTrigger false []", "setTrackScanner"}},
-        {"empty cache: trackers' markers, then the matrices",
-         [&] { return device->emptyCache(); },
-         {"clearMarkpointData 0", "setTransforRT raw()"}},
-        {"track previewer",
-         [&] { return device->EnterTrackPreviewer(); },
+        {[&] { return device->setTrackingScanner(); }, {"setTrigger false []", "setTrackScanner"}},
+        {[&] { return device->emptyCache(); }, {"clearMarkpointData 0", "setTransforRT raw()"}},
+        {[&] { return device->EnterTrackPreviewer(); },
          {"setTrigger false []", "setWorkBusiness 32", "setTrigger true []", "setImageMode 10"}},
     };
     // Raw arguments as their kind only.
@@ -438,9 +413,10 @@ TEST_F(WithConsole, CommandsSendWhatTheirArgumentsChooseAndRefusedOnesNothing) {
         return lines;
     };
     ASSERT_EQ(device->setWorkingDevice({"SCN0001"}), RESULT_SUCCESS);
-    for (const auto& c : cases) {
-        EXPECT_EQ(shape(sent([&] { EXPECT_EQ(c.op(), RESULT_SUCCESS) << c.what; })), c.expected)
-            << c.what;
+    for (size_t i = 0; i < cases.size(); ++i) {
+        SCOPED_TRACE("case " + std::to_string(i));
+        EXPECT_EQ(shape(sent([&] { EXPECT_EQ(cases[i].first(), RESULT_SUCCESS); })),
+                  cases[i].second);
     }
     EXPECT_TRUE(device->workingDevices().empty());  // the cache held them
     // The SDK's link sends a changed heartbeat interval on its own.
