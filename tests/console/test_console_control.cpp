@@ -131,8 +131,8 @@ TEST(ConsoleControl, LinesAreCheckedBeforeAnythingIsDone) {
                              "trigger off",
                              "fault drop every=3",
                              "fault delay 50 2 on=receipt",
-                             "fault corrupt fraction=0.5 what=normals",
-                             "fault corrupt 2 what=lines",  // replaces the rule of its kind
+                             "fault corrupt 2 what=lines",
+                             "fault corrupt fraction=0.5 what=normals",  // replaces it
                              "fault truncate always on=any",
                              "fault oversize 1 on=7",
                              "fault list",
