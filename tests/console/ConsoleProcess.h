@@ -1,6 +1,6 @@
 // A lumora_console child process for the integration tests: started on a free port (or a
 // given one), control lines written to its standard input. Its standard output is read (so
-// that it never blocks) for the listening line.
+// that it never blocks) for the listening line. And the files the tests read and write.
 #pragma once
 
 #include <fcntl.h>
@@ -11,8 +11,12 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <thread>
 #include <vector>
 
@@ -20,12 +24,30 @@ extern char** environ;
 
 namespace sdktest {
 
+inline std::string readFile(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// Creates the folders on the way.
+inline void writeFile(const std::string& path, const std::string& bytes) {
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    std::ofstream(path, std::ios::binary) << bytes;
+}
+
 class ConsoleProcess {
 public:
+    // `program`: the console to run (a test may run a copy under a name of its own).
+    explicit ConsoleProcess(std::string program = LUMORA_CONSOLE_PATH)
+        : m_program(std::move(program)) {}
+    // Ends the console as a host would, with SIGTERM, so that it leaves through main (and a
+    // coverage build writes its counters); SIGKILL when it has not ended within two seconds.
     ~ConsoleProcess() {
         if (m_pid > 0) {
-            ::kill(m_pid, SIGKILL);
-            ::waitpid(m_pid, nullptr, 0);
+            ::kill(m_pid, SIGTERM);
+            if (waitExit(std::chrono::seconds(2)) == -1 && m_pid > 0) {
+                kill();
+            }
         }
         if (m_stdin >= 0) {
             ::close(m_stdin);
@@ -42,7 +64,7 @@ public:
         if (::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(in, O_CLOEXEC) != 0) {
             return false;
         }
-        std::vector<std::string> argv = {LUMORA_CONSOLE_PATH, "--endpoint",
+        std::vector<std::string> argv = {m_program, "--endpoint",
                                          "127.0.0.1:" + std::to_string(port)};
         argv.insert(argv.end(), args.begin(), args.end());
         std::vector<char*> cargv;
@@ -148,6 +170,7 @@ private:
         m_cv.notify_all();
     }
 
+    std::string m_program;
     pid_t m_pid = -1;
     int m_stdin = -1;
     std::thread m_reader;

@@ -6,9 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <fstream>
 #include <functional>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -17,17 +15,6 @@
 #include "platform/Platform.h"
 
 namespace sdktest {
-
-inline std::string readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
-inline void writeFile(const std::string& path, const std::string& bytes) {
-    std::ofstream(path, std::ios::binary) << bytes;
-}
 
 template <class T>
 const T& as(const SDK_NV::CMessage_Base* m) {
@@ -53,17 +40,12 @@ inline int countType(const std::vector<const SDK_NV::CMessage_Base*>& v, int typ
         std::count_if(v.begin(), v.end(), [type](const auto* m) { return m->getType() == type; }));
 }
 
-class ScriptedConsole : public ::testing::Test {
-protected:
-    void SetUp() override { platform::setTimeScale(0.01); }
-    void TearDown() override { wrapper.setCloseWrapper(true); }
-
-    // Starts the console with `extra` options (later ones win) and connects; waits for the
-    // announcements of `devices` devices and for the answer to the heartbeat interval the SDK
-    // sends on connection, the last thing the connection brings.
-    void connect(std::vector<std::string> extra = {}, int devices = 2) {
-        std::vector<std::string> args = {"--fps", "200", "--heartbeat-ms", "0", "--points", "100"};
-        args.insert(args.end(), extra.begin(), extra.end());
+// A console and an SDK client connected to it.
+struct Session {
+    // Starts the console with `args` and connects; waits for the announcements of `devices`
+    // devices and for the answer to the heartbeat interval the SDK sends on connection, the last
+    // thing the connection brings.
+    void connect(const std::vector<std::string>& args, int devices) {
         ASSERT_TRUE(console.start(args));
         wrapper.setEndpoint(console.endpoint());
         wrapper.setCallBackMessage(recorder.callback());
@@ -72,6 +54,24 @@ protected:
             [&](const auto& v) { return countType(v, SDK_NV::MSG_DEVICE) >= devices; }));
         ASSERT_GE(recorder.waitIndex(0, isReceipt(SDK_NV::RECEIPT_LOWPART_VERSION)), 0);
         ASSERT_GE(recorder.waitIndex(0, isResponse(17)), 0);
+    }
+    ~Session() { wrapper.setCloseWrapper(true); }
+
+    ConsoleProcess console;
+    Recorder recorder;
+    SDK_NV::CTPScanWrapper wrapper;
+};
+
+class ScriptedConsole : public ::testing::Test, public Session {
+protected:
+    void SetUp() override { platform::setTimeScale(0.01); }
+
+    // A console with 200 frames/s of 100 points and heartbeats on demand only, `extra` options
+    // after these (later ones win).
+    void connect(std::vector<std::string> extra = {}, int devices = 2) {
+        std::vector<std::string> args = {"--fps", "200", "--heartbeat-ms", "0", "--points", "100"};
+        args.insert(args.end(), extra.begin(), extra.end());
+        Session::connect(args, devices);
     }
 
     // Index of the first message at or after `from` that matches; fails the test when none
@@ -110,10 +110,6 @@ protected:
         }
         return out;
     }
-
-    ConsoleProcess console;
-    Recorder recorder;
-    SDK_NV::CTPScanWrapper wrapper;
 
 private:
     int m_barriers = 0;

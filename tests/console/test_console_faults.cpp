@@ -61,6 +61,22 @@ uint32_t typeOf(const std::string& frame) {
     return env.type();
 }
 
+// A console replaying `file` with `args` and an SDK client connected to it.
+struct Replay {
+    ConsoleProcess console;
+    Recorder recorder;
+    CTPScanWrapper client;
+    Replay(const fs::path& file, std::vector<std::string> args,
+           CTPWrapper::MessageCallBack callback = nullptr) {
+        args.insert(args.begin(), {"--replay", file.string()});
+        EXPECT_TRUE(console.start(args));
+        client.setEndpoint(console.endpoint());
+        client.setCallBackMessage(callback ? callback : recorder.callback());
+        EXPECT_TRUE(client.connectToLowPart());
+    }
+    ~Replay() { client.setCloseWrapper(true); }
+};
+
 class ConsoleFaults : public ScriptedConsole {
 protected:
     void SetUp() override {
@@ -75,44 +91,6 @@ protected:
 }  // namespace
 
 // --- faults -------------------------------------------------------------------------------------
-
-TEST_F(ConsoleFaults, DamagedFramesAreDroppedLoggedAndCountedWhileTheLinkStaysUp) {
-    connect();
-    const LinkCounters before = wrapper.getLinkCounters();
-    testing::internal::CaptureStdout();
-    const size_t from = barrier();
-    // Each damaged message is followed by a good one of its kind: frame ids 1..9, the odd ones
-    // damaged. (After 64 MiB the link may be too full for a frame, which the console would
-    // then not make: a heartbeat follows the oversized frame.)
-    for (const char* line :
-         {"fault corrupt 1", "frames 2", "fault corrupt 1 what=lines", "frames 2",
-          "fault corrupt 1 what=normals", "frames 2", "fault truncate 1", "frames 2",
-          "fault truncate 1 on=receipt", "heartbeat", "heartbeat", "fault oversize 1", "frames 1",
-          "heartbeat"}) {
-        ASSERT_TRUE(console.control(line));
-    }
-    const size_t to = barrier();
-    const std::string log = testing::internal::GetCapturedStdout();
-
-    EXPECT_EQ(frameIds(between(from, to, isType(MSG_SCANDATA))), (std::vector<int>{2, 4, 6, 8}));
-    EXPECT_EQ(between(from, to, isReceipt(RECEIPT_HEARTBEAT)).size(), 2u);
-    const LinkCounters after = wrapper.getLinkCounters();
-    EXPECT_EQ(after.droppedMalformed - before.droppedMalformed, 5u);  // 3 corrupt, 2 truncated
-    EXPECT_EQ(after.droppedOversized - before.droppedOversized, 1u);
-    EXPECT_EQ(after.streamErrors, before.streamErrors);
-    EXPECT_EQ(after.disconnects, 0u);
-    EXPECT_TRUE(wrapper.isConnected());
-    // One log line per dropped frame.
-    const auto count = [&](const std::string& what) {
-        size_t n = 0;
-        for (size_t at = log.find(what); at != std::string::npos; at = log.find(what, at + 1)) {
-            ++n;
-        }
-        return n;
-    };
-    EXPECT_EQ(count("[sdk_nv] dropped malformed frame"), 5u) << log;
-    EXPECT_EQ(count("[sdk_nv] dropped oversized frame"), 1u) << log;
-}
 
 TEST_F(ConsoleFaults, DropsThinTheStreamAndDelaysReorderIt) {
     connect();
@@ -154,36 +132,24 @@ TEST_F(ConsoleFaults, DropsThinTheStreamAndDelaysReorderIt) {
     EXPECT_EQ(wrapper.getLinkCounters().droppedMalformed, 0u);
 }
 
+// A silent console keeps the connection but neither reads nor sends: a command written during
+// the silence is read and answered when it ends, a heartbeat asked for meanwhile is lost. (The
+// module's keep-alive against a console that stays silent: tests/device/FaultTest.cpp; damaged
+// frames too.)
 TEST_F(ConsoleFaults, ASilentConsoleKeepsTheConnectionButNeitherReadsNorSends) {
     connect();
-    ASSERT_TRUE(console.control("heartbeat period 20"));
-    ASSERT_GE(recorder.waitIndex(0, isReceipt(RECEIPT_HEARTBEAT)), 0);
-    ASSERT_TRUE(console.control("silent"));
-    ASSERT_TRUE(console.saw("silent"));
-    std::this_thread::sleep_for(100ms);  // what was under way arrives
-    const size_t from = recorder.size();
-    ASSERT_TRUE(wrapper.setResetCamera());
-    ASSERT_TRUE(console.control("heartbeat 3"));  // lost: a silent console sends nothing
-    std::this_thread::sleep_for(600ms);
-    EXPECT_EQ(recorder.size(), from);
-    EXPECT_TRUE(wrapper.isConnected());
-    EXPECT_EQ(wrapper.getLinkCounters().disconnects, 0u);
-
-    // Told to speak again, it reads the command that waited and answers it; heartbeats resume.
-    ASSERT_TRUE(console.control("silent off"));
-    const int answer = recorder.waitIndex(from, isResponse(12), 5s);
-    ASSERT_GE(answer, 0);
-    EXPECT_GE(recorder.waitIndex(from, isReceipt(RECEIPT_HEARTBEAT), 5s), 0);
-
-    // A silence of a given length ends by itself.
-    ASSERT_TRUE(console.control("heartbeat period 0"));
     const auto start = std::chrono::steady_clock::now();
     ASSERT_TRUE(console.control("silent 500"));
     ASSERT_TRUE(console.saw("silent for 500 ms"));
-    const size_t later = recorder.size();
+    const size_t from = recorder.size();
     ASSERT_TRUE(wrapper.setSoundControl(true));
-    ASSERT_GE(recorder.waitIndex(later, isResponse(13), 5s), 0);
+    ASSERT_TRUE(console.control("heartbeat 3"));
+    const int answer = recorder.waitIndex(from, isResponse(13), 5s);
+    ASSERT_GE(answer, 0);
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(490));
+    EXPECT_EQ(static_cast<size_t>(answer), from);  // nothing came before it
+    std::this_thread::sleep_for(50ms);
+    EXPECT_TRUE(between(from, recorder.size(), isReceipt(RECEIPT_HEARTBEAT)).empty());
     EXPECT_EQ(wrapper.getLinkCounters().disconnects, 0u);
 }
 
@@ -207,15 +173,22 @@ TEST_F(ConsoleFaults, ACrashEndsTheConsoleAtTheChosenTimeAndTheSdkLosesTheConnec
 
 // --- record and replay ---------------------------------------------------------------------------
 
+// A session recorded (damaged frames included, an oversized one whose padding is not stored but
+// sent again) and replayed without pauses to a client that saves its scan frames: the same
+// messages in the same order, each body and each saved frame exactly as recorded; replayed with
+// the recorded timing, the frames are as far apart as they were, and --replay-exit ends the
+// console once the recording is played.
 TEST_F(ConsoleFaults, AReplayDeliversTheRecordedMessagesByteForByteInOrder) {
     const fs::path dir = tempFolder();
     const fs::path file = dir / "session.lrec";
     connect({"--record", file.string()});
+    tagTransformMatrix tm;  // a serialized argument, as the console received it
+    tm.m_mapTransform["TRK0001"] = {1, 0, 0, 0, 1, 0, 0, 0, 1, 10, 20, 30};
+    tm.m_mapTransform["TRK0002"] = {0, 1, 0, 1, 0, 0, 0, 0, -1, 4, 5, 6};
+    ASSERT_TRUE(wrapper.setTransforRT(tm));
     ASSERT_TRUE(wrapper.setStartScan(SCAN_LASER));
     ASSERT_TRUE(wrapper.setTrigger(true, {}));
     ASSERT_TRUE(recorder.waitFor([](const auto& v) { return countType(v, MSG_SCANDATA) >= 10; }));
-    // Damaged frames are replayed as recorded: a corrupt one, and an oversized one whose
-    // padding is not stored but sent again.
     ASSERT_TRUE(console.control("fault corrupt 1"));
     ASSERT_TRUE(console.control("fault oversize 1 on=receipt"));
     ASSERT_TRUE(console.control("heartbeat"));
@@ -226,120 +199,95 @@ TEST_F(ConsoleFaults, AReplayDeliversTheRecordedMessagesByteForByteInOrder) {
     ASSERT_EQ(console.waitExit(), 0);
     wrapper.setCloseWrapper(true);
     const auto first = recorder.snapshot();
-    const LinkCounters firstCounters = wrapper.getLinkCounters();
-    ASSERT_EQ(firstCounters.droppedMalformed, 1u);
-    ASSERT_EQ(firstCounters.droppedOversized, 1u);
+    ASSERT_EQ(wrapper.getLinkCounters().droppedMalformed, 1u);
+    ASSERT_EQ(wrapper.getLinkCounters().droppedOversized, 1u);
 
-    // The recording: the console's frames and the SDK's commands, in one connection.
-    const auto records = readRecording(file);
-    std::vector<std::string> sent;
-    int padded = 0;
-    std::vector<std::string> commands;
+    // The recording: one connection, the SDK's commands, and every message sent: the delivered
+    // ones (less the two connection messages) and the two the SDK dropped.
+    std::vector<std::string> sent, commands, delivered, scans;
+    int padded = 0, connections = 0;
     int64_t firstScanUs = -1, lastScanUs = -1;
-    for (const auto& r : records) {
-        if (r.kind == console::rec::Sent) {
-            sent.push_back(r.bytes);
-            padded += (r.flags & console::rec::kFlagPadded) != 0;
-            if (typeOf(r.bytes) == MSG_SCANDATA) {
-                lastScanUs = r.timeUs;
-                firstScanUs = firstScanUs < 0 ? r.timeUs : firstScanUs;
-            }
-        } else if (r.kind == console::rec::Received) {
+    for (const auto& r : readRecording(file)) {
+        connections += r.kind == console::rec::Connected;
+        if (r.kind == console::rec::Received) {
             sdk_link::Command c;
             ASSERT_TRUE(c.ParseFromString(bodyOf(r.bytes)));
             commands.push_back(c.name());
+            sdk_link::TransformMatrix m;
+            for (int i = 0; c.name() == "setTransforRT" && i < 2; ++i) {
+                ASSERT_TRUE(m.ParseFromString(c.args(0).raw()) && m.transforms_size() == 2);
+                const auto& t = m.transforms(i);
+                EXPECT_EQ(std::vector<double>(t.values().begin(), t.values().end()),
+                          tm.m_mapTransform[t.tracker_id()]);
+            }
+        } else if (r.kind == console::rec::Sent) {
+            sent.push_back(r.bytes);
+            padded += (r.flags & console::rec::kFlagPadded) != 0;
+            std::unique_ptr<CMessage_Base> m = CreateMessage(static_cast<int>(typeOf(r.bytes)));
+            const std::string body = bodyOf(r.bytes);
+            const bool accepted = u32At(r.bytes, 4) == r.bytes.size() - wire::kHeaderBytes && m &&
+                                  m->unpack(body.data(), static_cast<int>(body.size())) == 0;
+            if (accepted) {
+                delivered.push_back(r.bytes);
+            }
+            if (accepted && typeOf(r.bytes) == MSG_SCANDATA) {
+                scans.push_back(r.bytes);
+                lastScanUs = r.timeUs;
+                firstScanUs = firstScanUs < 0 ? r.timeUs : firstScanUs;
+            }
         }
     }
-    EXPECT_EQ(std::count_if(records.begin(), records.end(),
-                            [](const auto& r) { return r.kind == console::rec::Connected; }),
-              1);
-    EXPECT_EQ(commands, (std::vector<std::string>{"setHeartBeatInterval", "setStartScan",
-                                                  "setTrigger", "setTrigger"}));
-    // Every delivered message of the session was recorded (the corrupt frame was not delivered).
+    EXPECT_EQ(connections, 1);
+    EXPECT_EQ(commands, (std::vector<std::string>{"setHeartBeatInterval", "setTransforRT",
+                                                  "setStartScan", "setTrigger", "setTrigger"}));
     EXPECT_EQ(padded, 1);
-    // Every delivered message was recorded, and the two the SDK dropped (less the two
-    // connection messages).
     ASSERT_EQ(sent.size(), first.size() - 2 + 2);
+    ASSERT_EQ(delivered.size(), sent.size() - 2);
 
-    // Played back without pauses to a second SDK client that saves its scan frames.
     const fs::path frames = dir / "frames";
     CTPWrapper::setSaveFrameFolder(frames.string());
     CTPWrapper::setSaveFrame(true);
-    ConsoleProcess replay;
-    ASSERT_TRUE(replay.start({"--replay", file.string(), "--replay-speed", "0"}));
-    Recorder second;
-    CTPScanWrapper client;
-    client.setEndpoint(replay.endpoint());
-    client.setCallBackMessage(second.callback());
-    ASSERT_TRUE(client.connectToLowPart());
-    ASSERT_TRUE(replay.saw("replay finished"));
-    ASSERT_TRUE(second.waitFor([&](const auto& v) { return v.size() >= first.size() - 1; }));
-    std::this_thread::sleep_for(100ms);  // nothing more comes
-    const auto replayed = second.snapshot();
-    client.setCloseWrapper(true);
-    CTPWrapper::setSaveFrame(false);
-
-    // The same messages in the same order, each body exactly as recorded.
-    std::vector<std::string> delivered;  // recorded frames the SDK accepted
-    for (const std::string& f : sent) {
-        std::unique_ptr<CMessage_Base> m = CreateMessage(static_cast<int>(typeOf(f)));
-        const std::string body = bodyOf(f);
-        const bool padded = u32At(f, 4) != f.size() - wire::kHeaderBytes;
-        if (!padded && m && m->unpack(body.data(), static_cast<int>(body.size())) == 0) {
-            delivered.push_back(f);
+    {
+        Replay fast(file, {"--replay-speed", "0"});
+        ASSERT_TRUE(fast.console.saw("replay finished"));
+        ASSERT_TRUE(
+            fast.recorder.waitFor([&](const auto& v) { return v.size() >= first.size() - 1; }));
+        std::this_thread::sleep_for(100ms);  // nothing more comes
+        const auto replayed = fast.recorder.snapshot();
+        fast.client.setCloseWrapper(true);
+        CTPWrapper::setSaveFrame(false);
+        ASSERT_EQ(replayed.size(), delivered.size() + 1);  // and the connection message
+        EXPECT_TRUE(isConnect(true)(*replayed[0]));
+        for (size_t i = 0; i < delivered.size(); ++i) {
+            const CMessage_Base& m = *replayed[i + 1];
+            ASSERT_EQ(static_cast<uint32_t>(m.getType()), typeOf(delivered[i])) << i;
+            std::vector<char> packed;
+            ASSERT_GE(cloneMessage(&m)->pack(&packed), 0);
+            EXPECT_EQ(std::string(packed.begin(), packed.end()), bodyOf(delivered[i])) << i;
+            EXPECT_EQ(m.getType(), first[i + 1]->getType());
         }
+        EXPECT_EQ(fast.client.getLinkCounters().droppedMalformed, 1u);
+        EXPECT_EQ(fast.client.getLinkCounters().droppedOversized, 1u);
     }
-    ASSERT_EQ(delivered.size(), sent.size() - 2);
-    ASSERT_EQ(replayed.size(), delivered.size() + 1);  // and the connection message
-    EXPECT_TRUE(isConnect(true)(*replayed[0]));
-    for (size_t i = 0; i < delivered.size(); ++i) {
-        const CMessage_Base& m = *replayed[i + 1];
-        ASSERT_EQ(static_cast<uint32_t>(m.getType()), typeOf(delivered[i])) << "message " << i;
-        std::vector<char> packed;
-        ASSERT_GE(cloneMessage(&m)->pack(&packed), 0);
-        EXPECT_EQ(std::string(packed.begin(), packed.end()), bodyOf(delivered[i]))
-            << "message " << i;
-        EXPECT_EQ(m.getType(), first[i + 1]->getType());
-    }
-    EXPECT_EQ(client.getLinkCounters().droppedMalformed, 1u);
-    EXPECT_EQ(client.getLinkCounters().droppedOversized, 1u);
-    // The saved scan frames are the recorded ones, byte for byte.
-    std::vector<fs::path> saved;
-    for (const auto& e : fs::directory_iterator(frames)) {
-        saved.push_back(e.path());
-    }
+    std::vector<fs::path> saved(fs::directory_iterator(frames), {});
     std::sort(saved.begin(), saved.end());
-    std::vector<std::string> recordedScans;
-    for (const std::string& f : delivered) {
-        if (typeOf(f) == MSG_SCANDATA) {
-            recordedScans.push_back(f);
-        }
-    }
-    ASSERT_EQ(saved.size(), recordedScans.size());
+    ASSERT_EQ(saved.size(), scans.size());
     for (size_t i = 0; i < saved.size(); ++i) {
-        EXPECT_EQ(readFile(saved[i]), recordedScans[i]) << saved[i];
+        EXPECT_EQ(readFile(saved[i]), scans[i]) << saved[i];
     }
 
-    // With the recorded timing the frames are as far apart as they were, and --replay-exit
-    // ends the console once the recording is played.
-    ConsoleProcess timed;
-    ASSERT_TRUE(timed.start({"--replay", file.string(), "--replay-exit"}));
-    Recorder third;
-    CTPScanWrapper late;
-    late.setEndpoint(timed.endpoint());
     std::vector<std::chrono::steady_clock::time_point> arrivals;
     std::mutex arrivalsMutex;
-    late.setCallBackMessage([&](CMessage_Base* m) {
-        if (m->getType() == MSG_SCANDATA) {
+    {
+        Replay timed(file, {"--replay-exit"}, [&](CMessage_Base* m) {
             std::lock_guard<std::mutex> lock(arrivalsMutex);
-            arrivals.push_back(std::chrono::steady_clock::now());
-        }
-    });
-    ASSERT_TRUE(late.connectToLowPart());
-    EXPECT_EQ(timed.waitExit(), 0);
-    late.setCloseWrapper(true);
-    std::lock_guard<std::mutex> lock(arrivalsMutex);
-    ASSERT_EQ(arrivals.size(), recordedScans.size());
+            if (m->getType() == MSG_SCANDATA) {
+                arrivals.push_back(std::chrono::steady_clock::now());
+            }
+        });
+        EXPECT_EQ(timed.console.waitExit(), 0);
+    }
+    ASSERT_EQ(arrivals.size(), scans.size());
     const auto span =
         std::chrono::duration_cast<std::chrono::microseconds>(arrivals.back() - arrivals.front());
     EXPECT_GE(span.count(), (lastScanUs - firstScanUs) * 9 / 10);
@@ -366,18 +314,13 @@ TEST_F(ConsoleFaults, AReplayEndsTheClientsConnectionWhereTheRecordedOneEnded) {
     ASSERT_TRUE(console.control("quit"));
     ASSERT_EQ(console.waitExit(), 0);
 
-    ConsoleProcess replay;
-    ASSERT_TRUE(replay.start({"--replay", file.string(), "--replay-speed", "0"}));
-    Recorder second;
-    CTPScanWrapper client;
-    client.setEndpoint(replay.endpoint());
-    client.setCallBackMessage(second.callback());
-    ASSERT_TRUE(client.connectToLowPart());
-    ASSERT_TRUE(replay.saw("replay finished"));
-    ASSERT_TRUE(second.waitFor([](const auto& v) { return countType(v, MSG_SCANDATA) >= 4; }));
+    Replay replay(file, {"--replay-speed", "0"});
+    ASSERT_TRUE(replay.console.saw("replay finished"));
+    ASSERT_TRUE(
+        replay.recorder.waitFor([](const auto& v) { return countType(v, MSG_SCANDATA) >= 4; }));
     // Frames 1 and 2 in the first connection, 3 and 4 in the second, as recorded.
     std::vector<std::string> seen;
-    for (const auto* m : second.snapshot()) {
+    for (const auto* m : replay.recorder.snapshot()) {
         if (m->getType() == MSG_CONNECT) {
             seen.push_back(static_cast<const CMessage_Connect&>(*m).getConnect() ? "up" : "down");
         } else if (m->getType() == MSG_SCANDATA) {
@@ -385,8 +328,7 @@ TEST_F(ConsoleFaults, AReplayEndsTheClientsConnectionWhereTheRecordedOneEnded) {
         }
     }
     EXPECT_EQ(seen, (std::vector<std::string>{"up", "1", "2", "down", "up", "3", "4"}));
-    EXPECT_EQ(client.getLinkCounters().connects, 2u);
-    client.setCloseWrapper(true);
+    EXPECT_EQ(replay.client.getLinkCounters().connects, 2u);
     fs::remove_all(dir);
 }
 

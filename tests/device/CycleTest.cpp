@@ -11,15 +11,9 @@
 #include <fstream>
 #include <sstream>
 
-#include "ConsoleProcess.h"
 #include "DeviceTestSupport.h"
-#include "ResidentMemory.h"
 #include "platform/Platform.h"
 #include "sdk/Wire.h"
-
-#ifndef LUMORA_CONSOLE_PATH
-#error "LUMORA_CONSOLE_PATH names the console program"
-#endif
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 // The sanitizers keep freed memory aside; LeakSanitizer checks the heap at exit instead.

@@ -2,8 +2,11 @@
 
 #include <stdlib.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
 
 #include "lumora.pb.h"
 #include "platform/Platform.h"
@@ -48,6 +51,29 @@ std::vector<Event> Recorder::replies(int code, const std::string& payload) const
 void Recorder::clear() {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_events.clear();
+    m_frames.clear();
+}
+
+void Recorder::addFrame(const Frame& frame) {
+    std::function<void(const device::tagDeviceData&)> then;
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_frames.push_back(frame);
+        then = m_onFrame;
+    }
+    if (then) {
+        then(*frame);
+    }
+}
+
+std::vector<Frame> Recorder::frames() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_frames;
+}
+
+void Recorder::setOnFrame(std::function<void(const device::tagDeviceData&)> then) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_onFrame = std::move(then);
 }
 
 namespace {
@@ -151,6 +177,7 @@ TestDevice::TestDevice(std::shared_ptr<Recorder> recorder) : m_recorder(std::mov
     };
     h.onDeviceNeedRetrigger = [rec] { rec->add(event("retrigger")); };
     h.onDeviceTriggerNoData = [rec] { rec->add(event("nodata")); };
+    h.onDeviceData = [rec](const Frame& d, const char*, int) { rec->addFrame(d); };
     setHandlers(h);
 }
 
@@ -200,6 +227,134 @@ std::string makeTempAnnex() {
     device::CDeviceBase::setAnnexPath(platform::widePath(annex));
     device::CDeviceBase::setDocumentPath(platform::widePath(annex + "/Documents"));
     return annex;
+}
+
+long residentKb() {
+    std::ifstream in("/proc/self/status");
+    for (std::string line; std::getline(in, line);) {
+        if (line.rfind("VmRSS:", 0) == 0) {
+            return std::atol(line.c_str() + 6);
+        }
+    }
+    return 0;
+}
+
+std::string ev(const std::string& what, int a, int b, const std::string& text) {
+    return what + " " + std::to_string(a) + " " + std::to_string(b) + " " + text;
+}
+
+// ---------------------------------------------------------------------------------------------
+
+void WithConsole::SetUp() {
+    annex = makeTempAnnex();
+    commandLog = annex + "/commands.log";
+    device::resetThermalRecords();
+}
+
+void WithConsole::TearDown() {
+    device.reset();
+    console.reset();
+    std::filesystem::remove_all(annex);
+}
+
+void WithConsole::startConsole(const Lines& options, uint16_t port) {
+    Lines args = {"--heartbeat-ms", "0",       "--setup",  "heartbeat period 0",
+                  "--fps",          "200",     "--points", "300",
+                  "--command-log",  commandLog};
+    args.insert(args.end(), options.begin(), options.end());
+    console = std::make_unique<sdktest::ConsoleProcess>();
+    ASSERT_TRUE(console->start(args, port));
+    ::setenv(wire::kEndpointEnv, console->endpoint().c_str(), 1);
+}
+
+void WithConsole::connect(const Lines& options) {
+    ASSERT_NO_FATAL_FAILURE(startConsole(options));
+    device = std::make_unique<TestDevice>(recorder);
+    ASSERT_EQ(device->init(), device::RESULT_SUCCESS);
+    sync();
+}
+
+void WithConsole::control(const std::string& line) {
+    ASSERT_TRUE(console->control(line)) << line;
+}
+
+// Control lines run in order, so a Wi-Fi report asked for now arrives after everything before.
+void WithConsole::settle() {
+    const std::string mark = "~settle " + std::to_string(++m_marks);
+    control("wifi " + mark);
+    ASSERT_TRUE(
+        waitFor([&] { return !recorder->replies(device::REPLY_WIFI_STATE, mark).empty(); }));
+}
+
+// A command of the device's own is logged behind the ones before it.
+size_t WithConsole::sync() {
+    const std::string name = "sync " + std::to_string(++m_marks);
+    device->setCustomDepth(name, 0, 0);
+    const std::string line = "setCustomDepth \"" + name + "\" 0 0";
+    size_t at = 0;
+    EXPECT_TRUE(waitFor([&] {
+        const Lines log = logged();
+        at = static_cast<size_t>(std::find(log.begin(), log.end(), line) - log.begin()) + 1;
+        return at <= log.size();
+    })) << line;
+    settle();
+    return at;
+}
+
+Lines WithConsole::logged() const {
+    Lines out;
+    std::ifstream in(commandLog);
+    for (std::string l; std::getline(in, l);) {
+        if (l.rfind('#', 0) != 0) {
+            out.push_back(l);
+        }
+    }
+    return out;
+}
+
+Lines WithConsole::sent(const std::function<void()>& op) {
+    const size_t from = sync();
+    op();
+    const size_t to = sync();
+    const Lines log = logged();
+    return to > from && to <= log.size() ? Lines(log.begin() + from, log.begin() + to - 1)
+                                         : Lines{"<log out of order>"};
+}
+
+std::vector<Event> WithConsole::events() const {
+    std::vector<Event> out;
+    for (const Event& e : recorder->events()) {
+        if (!(e.a == device::REPLY_WIFI_STATE && e.payloadText.rfind("~settle", 0) == 0)) {
+            out.push_back(e);
+        }
+    }
+    return out;
+}
+
+Lines WithConsole::described() const {
+    Lines out;
+    for (const Event& e : events()) {
+        out.push_back(ev(e.what, e.a, e.b, e.text));
+    }
+    return out;
+}
+
+bool WithConsole::replied(int code, int ms) {
+    return waitFor([&] { return !recorder->replies(code).empty(); }, ms);
+}
+
+std::vector<Frame> WithConsole::scan(size_t n, bool keepOn) {
+    const size_t before = recorder->frames().size();
+    if (!device->isTriggerActive()) {
+        EXPECT_EQ(device->controlLaserOn(), device::RESULT_SUCCESS);
+    }
+    EXPECT_TRUE(waitFor([&] { return recorder->frames().size() >= before + n; }, 20000));
+    if (!keepOn) {
+        EXPECT_EQ(device->controlLaserOff(), device::RESULT_SUCCESS);
+    }
+    const std::vector<Frame> all = recorder->frames();
+    return std::vector<Frame>(all.begin() + static_cast<long>(std::min(before, all.size())),
+                              all.end());
 }
 
 }  // namespace devtest

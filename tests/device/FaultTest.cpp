@@ -3,135 +3,38 @@
 // or block, or that closes the device while frames arrive.
 #include <gtest/gtest.h>
 
-#include <stdlib.h>
-
 #include <algorithm>
 #include <atomic>
-#include <chrono>
-#include <filesystem>
-#include <mutex>
 #include <regex>
 #include <set>
 #include <stdexcept>
 
-#include "ConsoleProcess.h"
 #include "DeviceTestSupport.h"
 #include "platform/Platform.h"
-#include "sdk/Wire.h"
 
 namespace {
 
 using namespace device;
+using namespace devtest;
 using namespace std::chrono_literals;
-using devtest::waitFor;
-using Lines = std::vector<std::string>;
 using Clock = std::chrono::steady_clock;
+using Faults = WithConsole;
 
-// Frames as the host saw them, and what the host callback does with each.
-class FrameLog {
-public:
-    // What the host callback does after it recorded a frame; it may throw or block.
-    void setOnFrame(std::function<void(int frameId)> f) {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_onFrame = std::move(f);
+std::vector<int> frameIds(const std::vector<Frame>& frames) {
+    std::vector<int> ids;
+    for (const Frame& f : frames) {
+        ids.push_back(f->frameId);
     }
-
-    void add(int frameId) {
-        std::function<void(int)> then;
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            m_ids.push_back(frameId);
-            then = m_onFrame;
-        }
-        if (then) {
-            then(frameId);
-        }
-    }
-    std::vector<int> ids() const {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_ids;
-    }
-    size_t size() const {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_ids.size();
-    }
-    void clear() {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_ids.clear();
-    }
-
-private:
-    mutable std::mutex m_mutex;
-    std::vector<int> m_ids;
-    std::function<void(int)> m_onFrame;
-};
-
-class Faults : public ::testing::Test {
-protected:
-    void SetUp() override {
-        annex = devtest::makeTempAnnex();
-        recorder = std::make_shared<devtest::Recorder>();
-        frames = std::make_shared<FrameLog>();
-    }
-    void TearDown() override {
-        device.reset();
-        console.reset();
-        std::filesystem::remove_all(annex);
-    }
-
-    // A console streaming small frames fast, without heartbeats, on `port` (0: a free one).
-    void startConsole(uint16_t port = 0, const Lines& extra = {}) {
-        Lines args = {"--heartbeat-ms", "0", "--fps", "200", "--points", "300"};
-        args.insert(args.end(), extra.begin(), extra.end());
-        console = std::make_unique<sdktest::ConsoleProcess>();
-        ASSERT_TRUE(console->start(args, port));
-        ::setenv(SDK_NV::wire::kEndpointEnv, console->endpoint().c_str(), 1);
-    }
-    // A device whose frames go to `frames`, brought up against the console.
-    void connect() {
-        device = std::make_unique<devtest::TestDevice>(recorder);
-        std::shared_ptr<FrameLog> log = frames;
-        device->setDeviceDataHandler([log](const std::shared_ptr<tagDeviceData>& d, const char*,
-                                           int) { log->add(d->frameId); });
-        ASSERT_EQ(device->init(), RESULT_SUCCESS);
-    }
-    // Switches the laser on and waits for `n` more frames.
-    void scan(size_t n = 10) {
-        const size_t before = frames->size();
-        ASSERT_EQ(device->controlLaserOn(), RESULT_SUCCESS);
-        ASSERT_TRUE(waitFor([&] { return frames->size() >= before + n; }));
-    }
-    // Whether the reply `code` came (waits up to `ms`).
-    bool replied(int code, int ms = 10000) {
-        return waitFor([&] { return !recorder->replies(code).empty(); }, ms);
-    }
-    Lines described() const {
-        Lines out;
-        for (const devtest::Event& e : recorder->events()) {
-            out.push_back(e.what + " " + std::to_string(e.a) + " " + std::to_string(e.b) + " " +
-                          e.text);
-        }
-        return out;
-    }
-
-    std::string annex;
-    std::shared_ptr<devtest::Recorder> recorder;
-    std::shared_ptr<FrameLog> frames;
-    std::unique_ptr<sdktest::ConsoleProcess> console;
-    std::unique_ptr<devtest::TestDevice> device;
-};
+    return ids;
+}
 
 const std::string kTrackerGone = "state 4 0 TRK0001";
 const std::string kScannerGone = "state 4 1 SCN0001";
 const std::string kLinkGone = "reply -55 0 ";
 
-// --- the console goes away ----------------------------------------------------------------------
-
 // Every device is reported gone, trackers first, each with a log line, then the link.
 TEST_F(Faults, AConsoleKilledDuringAScanReportsEveryDeviceThenTheLinkAndEndsTheTrigger) {
-    ASSERT_NO_FATAL_FAILURE(
-        startConsole(0, {"--setup", "device TRK0002 on kind=tracker errors=3"}));
-    ASSERT_NO_FATAL_FAILURE(connect());
+    ASSERT_NO_FATAL_FAILURE(connect({"--setup", "device TRK0002 on kind=tracker errors=3"}));
     int n = 0;
     std::shared_ptr<tagDeviceInfoList> list;
     ASSERT_EQ(device->getDeviceInfo(&n, &list), RESULT_SUCCESS);
@@ -140,11 +43,10 @@ TEST_F(Faults, AConsoleKilledDuringAScanReportsEveryDeviceThenTheLinkAndEndsTheT
     EXPECT_EQ(list->infos[1].kind, DEVICE_TYPE_SCANNER);
     EXPECT_EQ(list->infos[0].state, STATE_READY);
     EXPECT_EQ(list->infos[2].state, STATE_CAMERA_OPEN_FAILED);
-    ASSERT_NO_FATAL_FAILURE(scan());
+    scan(10, true);
     recorder->clear();
     testing::internal::CaptureStdout();
     console->kill();
-
     const bool reported = replied(REPLY_SDK_DISCONNECTED);
     const std::string out = testing::internal::GetCapturedStdout();
     ASSERT_TRUE(reported);
@@ -156,7 +58,6 @@ TEST_F(Faults, AConsoleKilledDuringAScanReportsEveryDeviceThenTheLinkAndEndsTheT
     // trigger is refused while nothing is connected.
     EXPECT_FALSE(device->isTriggerActive());
     EXPECT_EQ(device->controlLaserOn(), RESULT_SEND_REFUSED);
-
     const size_t seen = recorder->events().size();
     EXPECT_EQ(device->clear(), RESULT_SUCCESS);
     std::this_thread::sleep_for(100ms);
@@ -164,44 +65,38 @@ TEST_F(Faults, AConsoleKilledDuringAScanReportsEveryDeviceThenTheLinkAndEndsTheT
 }
 
 TEST_F(Faults, ARestartedConsoleIsFoundAgainAndAnotherInitResumesTheScan) {
-    const uint16_t port = devtest::freePort();
-    ASSERT_NO_FATAL_FAILURE(startConsole(port));
-    ASSERT_NO_FATAL_FAILURE(connect());
-    ASSERT_NO_FATAL_FAILURE(scan());
-
+    const uint16_t port = freePort();
+    ASSERT_NO_FATAL_FAILURE(startConsole({}, port));
+    device = std::make_unique<TestDevice>(recorder);
+    ASSERT_EQ(device->init(), RESULT_SUCCESS);
+    scan(10, true);
     // Back on the same port without the host doing anything: the link comes up again by
     // itself and a new trigger streams.
     console->kill();
     ASSERT_TRUE(replied(REPLY_SDK_DISCONNECTED));
     recorder->clear();
-    ASSERT_NO_FATAL_FAILURE(startConsole(port));
+    ASSERT_NO_FATAL_FAILURE(startConsole({}, port));
     ASSERT_TRUE(replied(REPLY_SDK_CONNECTED));
     EXPECT_TRUE(device->isConnected());
-    ASSERT_NO_FATAL_FAILURE(scan());
-
+    scan(10, true);
     // The host closes the device, the console is restarted, and init brings it back.
     console->kill();
     ASSERT_TRUE(replied(REPLY_SDK_DISCONNECTED));
     EXPECT_EQ(device->clear(), RESULT_SUCCESS);
-    ASSERT_NO_FATAL_FAILURE(startConsole(port));
+    ASSERT_NO_FATAL_FAILURE(startConsole({}, port));
     EXPECT_EQ(device->init(), RESULT_SUCCESS);
     EXPECT_TRUE(device->isConnected());
-    frames->clear();
-    ASSERT_NO_FATAL_FAILURE(scan());
-    const std::vector<int> ids = frames->ids();
+    const std::vector<int> ids = frameIds(scan(10, true));
     EXPECT_TRUE(std::is_sorted(ids.begin(), ids.end()));
 }
 
-// --- a console that stops answering
-// ----------------------------------------------------------------
-
+// A console that stops answering: the socket stays open, but nothing comes (no frames, no
+// answers, no heartbeats) until it speaks again.
 TEST_F(Faults, ASilentConsoleIsFoundOutByTheKeepAliveAndTheLinkComesBackWhenItSpeaks) {
-    ASSERT_NO_FATAL_FAILURE(startConsole());
     ASSERT_NO_FATAL_FAILURE(connect());
-    ASSERT_NO_FATAL_FAILURE(scan());
+    scan(10, true);
     recorder->clear();
-    // The socket stays open, but nothing comes: no frames, no answers, no heartbeats.
-    ASSERT_TRUE(console->control("silent"));
+    control("silent");
     ASSERT_TRUE(console->saw("silent"));
     const auto start = Clock::now();
     ASSERT_TRUE(replied(REPLY_SDK_DISCONNECTED, 10000));
@@ -214,104 +109,102 @@ TEST_F(Faults, ASilentConsoleIsFoundOutByTheKeepAliveAndTheLinkComesBackWhenItSp
     EXPECT_EQ(described(), (Lines{kTrackerGone, kScannerGone, kLinkGone}));
     EXPECT_FALSE(device->isConnected());
     EXPECT_FALSE(device->isTriggerActive());
-
     // While it stays silent the host hears nothing more: no connection that comes and goes.
     std::this_thread::sleep_for(span + 500ms);
     EXPECT_EQ(recorder->events().size(), 3u);
-
-    // It speaks again: the link comes back by itself and a new trigger streams.
-    ASSERT_TRUE(console->control("silent off"));
+    control("silent off");
     ASSERT_TRUE(replied(REPLY_SDK_CONNECTED));
     EXPECT_TRUE(device->isConnected());
-    ASSERT_NO_FATAL_FAILURE(scan());
+    scan(10, true);
 }
 
-// --- damaged frames ------------------------------------------------------------------------------
-
+// Every kind of damage in turn while the frames stream (one rule of a kind at a time: each is
+// given once the console struck the frames of the one before; one oversized frame, which is
+// 64 MiB long on the link), and a damaged heartbeat: exactly the undamaged frames arrive, in
+// order, each once, with one log line of its kind per dropped message, and the link stays up.
 TEST_F(Faults, DamagedFramesDuringAScanAreSkippedAndNothingAfterThemIsLost) {
-    ASSERT_NO_FATAL_FAILURE(startConsole(0, {"--verbose"}));
-    ASSERT_NO_FATAL_FAILURE(connect());
+    ASSERT_NO_FATAL_FAILURE(connect({"--verbose"}));
     testing::internal::CaptureStdout();
-    ASSERT_NO_FATAL_FAILURE(scan());
-    // Every kind of damage, several times while the frames stream (one oversized frame: it is
-    // 64 MiB long on the link).
-    for (const char* rule :
-         {"fault corrupt every=7 what=markers", "fault corrupt 3 what=lines",
-          "fault corrupt 3 what=normals", "fault truncate every=11", "fault oversize 1"}) {
-        ASSERT_TRUE(console->control(rule));
+    scan(10, true);
+    const std::regex struck(
+        R"(fault: (corrupt|truncate|oversize) a message of type (\d) \(id (\d+)\))");
+    std::set<int> damaged;  // the frames the console damaged, by its own account
+    const auto strikes = [&] {
+        damaged.clear();
+        int n = 0;
+        for (const std::string& line : console->lines()) {
+            std::smatch m;
+            if (std::regex_search(line, m, struck)) {
+                ++n;
+                if (m[2] == "5") {
+                    damaged.insert(std::stoi(m[3]));
+                }
+            }
+        }
+        return n;
+    };
+    int expected = 0;
+    for (const auto& [rule, times] :
+         std::vector<std::pair<std::string, int>>{{"fault corrupt 3 what=markers", 3},
+                                                  {"fault corrupt 3 what=lines", 3},
+                                                  {"fault corrupt 3 what=normals", 3},
+                                                  {"fault truncate 3", 3},
+                                                  {"fault oversize 1", 1},
+                                                  {"fault truncate 1 on=receipt", 0},
+                                                  {"heartbeat", 1}}) {
+        control(rule);
+        expected += times;
+        ASSERT_TRUE(waitFor([&] { return strikes() >= expected; })) << rule;
     }
-    const size_t from = frames->size();
-    EXPECT_TRUE(waitFor([&] { return frames->size() >= from + 150; }, 20000));
-    ASSERT_TRUE(console->control("fault off"));
-    EXPECT_EQ(device->controlLaserOff(), RESULT_SUCCESS);
+    const std::vector<int> ids = frameIds(scan(50));
     std::this_thread::sleep_for(200ms);  // what was under way arrives
     const std::string out = testing::internal::GetCapturedStdout();
-
-    // The frames the console damaged, by its own account.
-    std::set<int> damaged;
-    const std::regex struck(
-        R"(fault: (corrupt|truncate|oversize) a message of type 5 \(id (\d+)\))");
-    for (const std::string& line : console->lines()) {
-        std::smatch m;
-        if (std::regex_search(line, m, struck)) {
-            damaged.insert(std::stoi(m[2]));
+    ASSERT_EQ(strikes(), expected);
+    ASSERT_EQ(damaged.size(), 13u);
+    const std::vector<int> all = frameIds(recorder->frames());
+    EXPECT_TRUE(std::is_sorted(all.begin(), all.end()));
+    EXPECT_EQ(std::adjacent_find(all.begin(), all.end()), all.end());
+    std::set<int> missing;
+    for (int id = all.front(); id <= all.back(); ++id) {
+        if (!std::binary_search(all.begin(), all.end(), id)) {
+            missing.insert(id);
         }
     }
-    ASSERT_GE(damaged.size(), 10u);
-
-    // Exactly the undamaged frames arrived, in order, each once.
-    const std::vector<int> ids = frames->ids();
-    ASSERT_FALSE(ids.empty());
-    EXPECT_TRUE(std::is_sorted(ids.begin(), ids.end()));
-    EXPECT_EQ(std::adjacent_find(ids.begin(), ids.end()), ids.end());
-    std::vector<int> missing;
-    for (int id = ids.front(); id <= ids.back(); ++id) {
-        if (!std::binary_search(ids.begin(), ids.end(), id)) {
-            missing.push_back(id);
+    EXPECT_EQ(missing, damaged);
+    const auto count = [&](const std::string& what) {
+        size_t n = 0;
+        for (size_t at = out.find(what); at != std::string::npos; at = out.find(what, at + 1)) {
+            ++n;
         }
-    }
-    std::vector<int> damagedInRange;
-    for (int id : damaged) {
-        if (id > ids.front() && id < ids.back()) {
-            damagedInRange.push_back(id);
-        }
-    }
-    EXPECT_EQ(missing, damagedInRange);
-    // One line each, and the link stayed up throughout.
-    size_t dropped = 0;
-    for (size_t at = out.find("[sdk_nv] dropped"); at != std::string::npos;
-         at = out.find("[sdk_nv] dropped", at + 1)) {
-        ++dropped;
-    }
-    EXPECT_EQ(dropped, damaged.size());
+        return n;
+    };
+    EXPECT_EQ(count("[sdk_nv] dropped malformed frame"), 13u) << out;  // and the heartbeat
+    EXPECT_EQ(count("[sdk_nv] dropped oversized frame"), 1u) << out;
     EXPECT_TRUE(recorder->replies(REPLY_SDK_DISCONNECTED).empty());
     EXPECT_TRUE(device->isConnected());
+    EXPECT_FALSE(ids.empty());
 }
 
-// --- the host's callbacks
-// -------------------------------------------------------------------------
-
 TEST_F(Faults, HostCallbacksThatThrowOrBlockLeaveTheStreamGoing) {
-    ASSERT_NO_FATAL_FAILURE(startConsole());
     ASSERT_NO_FATAL_FAILURE(connect());
     std::atomic<int> thrown{0};
-    frames->setOnFrame([&](int id) {
-        if (id % 2 == 0) {
+    recorder->setOnFrame([&](const tagDeviceData& d) {
+        if (d.frameId % 2 == 0) {
             ++thrown;
             throw std::runtime_error("host failure");
         }
-        if (id % 3 == 0) {
+        if (d.frameId % 3 == 0) {
             throw 42;  // not even an exception class
         }
     });
-    ASSERT_NO_FATAL_FAILURE(scan(60));
+    scan(60, true);
     EXPECT_GE(thrown.load(), 20);
 
     // A callback that blocks for longer than the link's keep-alive allows for silence: the
     // time spent in the host is not taken for a dead link, and the host thread is not held.
     std::atomic<bool> blocked{false};
     std::atomic<bool> release{false};
-    frames->setOnFrame([&](int) {
+    recorder->setOnFrame([&](const tagDeviceData&) {
         if (!blocked.exchange(true)) {
             while (!release.load()) {
                 std::this_thread::sleep_for(5ms);
@@ -325,34 +218,29 @@ TEST_F(Faults, HostCallbacksThatThrowOrBlockLeaveTheStreamGoing) {
     EXPECT_EQ(device->getDeviceInfo(&count, &list), RESULT_SUCCESS);
     EXPECT_LT(Clock::now() - start, 1s);
     std::this_thread::sleep_for(2500ms);
-    const size_t at = frames->size();
+    const size_t at = recorder->frames().size();
     release = true;
-    EXPECT_TRUE(waitFor([&] { return frames->size() >= at + 50; }));
+    EXPECT_TRUE(waitFor([&] { return recorder->frames().size() >= at + 50; }));
     EXPECT_TRUE(recorder->replies(REPLY_SDK_DISCONNECTED).empty());
     EXPECT_TRUE(device->isConnected());
-    frames->setOnFrame(nullptr);
+    recorder->setOnFrame(nullptr);
 }
 
 TEST_F(Faults, NoCallbackAfterClearOrDestructionWhileFramesArrive) {
-    ASSERT_NO_FATAL_FAILURE(startConsole(0, {"--fps", "1000"}));
+    ASSERT_NO_FATAL_FAILURE(startConsole({"--fps", "1000"}));
     for (int round = 0; round < 6; ++round) {
         SCOPED_TRACE(round);
         auto closed = std::make_shared<std::atomic<bool>>(false);
         auto late = std::make_shared<std::atomic<int>>(0);
         auto seen = std::make_shared<std::atomic<int>>(0);
-        device = std::make_unique<devtest::TestDevice>(recorder);
+        device = std::make_unique<TestDevice>(recorder);
         tagDeviceHandlers h = device->getHandlers();
-        h.onDeviceData = [closed, late, seen](const std::shared_ptr<tagDeviceData>&, const char*,
-                                              int) {
+        h.onDeviceData = [closed, late, seen](const Frame&, const char*, int) {
             ++*seen;
-            if (closed->load()) {
-                ++*late;
-            }
+            *late += closed->load() ? 1 : 0;
         };
         h.onDeviceReply = [closed, late](const std::string&, emDeviceReply, const void*) {
-            if (closed->load()) {
-                ++*late;
-            }
+            *late += closed->load() ? 1 : 0;
         };
         device->setHandlers(h);
         ASSERT_EQ(device->init(), RESULT_SUCCESS);

@@ -1,20 +1,51 @@
-// Conversions that need no device (buttons, scan objects, Wi-Fi texts, wire device records, the
-// thermal balance) and the module's own identity.
+// Conversions that need no device (error codes, buttons, scan objects, Wi-Fi texts, wire device
+// records, the thermal balance), the module's own identity, and the receive path with messages
+// no device sends (built here and handed to RecvMessageFn).
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <filesystem>
+#include <map>
 #include <regex>
 
+#include "DeviceTestSupport.h"
 #include "Mappings.h"
 #include "device/Pathfinder.h"
+#include "device/TypeTransfer.h"
 #include "lumora.pb.h"
 #include "platform/Platform.h"
+#include "sdk/Messages.h"
 #include "sdk/Records.h"
 
 namespace {
 
 using namespace device;
 using detail::ScanObjectPlan;
+
+// Every code of a table, its neighbours and the int limits: codes outside the table fail (1).
+void expectTable(emDeviceResult (*map)(const int&), const std::map<int, int>& table) {
+    for (int code : {-2147483647 - 1, -1000, -10, -9, -8, -7, -6, -5, -4, -3, -2, -1, 0, 1, 2, 5,
+                     201, 2147483647}) {
+        const auto it = table.find(code);
+        EXPECT_EQ(map(code), it != table.end() ? it->second : 1) << "code " << code;
+    }
+}
+
+TEST(ErrorCodeMappers, EachCalibrationAndTrackingTableMapsItsCodesAndFailsTheRest) {
+    expectTable(&TypeTransfer::barCalibErrorCodeTransfer, {{0, 0},
+                                                           {-1, 201},
+                                                           {-2, 202},
+                                                           {-3, 203},
+                                                           {-4, 204},
+                                                           {-5, 205},
+                                                           {-6, 206},
+                                                           {-7, 207},
+                                                           {-8, 208}});
+    // Three codes out of order, and zero fails.
+    expectTable(&TypeTransfer::laserCalibErrorCodeTransfer, {{-2, 301}, {-1, 302}, {-3, 303}});
+    expectTable(&TypeTransfer::scannerPositionCalibErrorCodeTransfer, {{0, 0}, {-5, 401}});
+    expectTable(&TypeTransfer::trackMarkPointErrorCodeTransfer, {{-1, 504}, {-2, 507}});
+}
 
 TEST(ButtonMapping, DeviceCodesBecomeHostButtonsAndUnknownOnesAreNeutral) {
     const std::pair<int, int> buttons[] = {{49, BUTTON_MAIN},   {51, BUTTON_FIRST},
@@ -97,7 +128,9 @@ TEST(WifiText, WholeDeviceStatesAreTranslatedAndOtherTextsKept) {
     }
 }
 
-TEST(WireDeviceRecord, ErrorCodesDecideTheStateTheLastMatchWinning) {
+// The state comes from the error codes, the last match winning; a long identifier fills the
+// serial without a terminator.
+TEST(WireDeviceRecord, ErrorCodesDecideTheStateAndTheSerialIsCut) {
     const struct {
         std::vector<int> codes;
         int state;
@@ -120,9 +153,6 @@ TEST(WireDeviceRecord, ErrorCodesDecideTheStateTheLastMatchWinning) {
         EXPECT_EQ(info.model, 3);
         EXPECT_EQ(info.serialText(), "T-0001");
     }
-}
-
-TEST(WireDeviceRecord, LongIdFillsTheSerialWithoutTerminator) {
     lumora::DeviceInfo wire;
     wire.set_id(std::string(40, 'x'));
     wire.set_dtype(lumora::SCANNER);
@@ -199,6 +229,43 @@ TEST(ModuleIdentity, VersionComesFromTheBuildAndTheFolderFromTheModule) {
     EXPECT_TRUE(std::regex_match(version, std::regex(R"(\d+\.\d+\.\d+\.\d+)"))) << version;
     const std::string folder = platform::nativePath(getAnnexPath());
     EXPECT_TRUE(platform::fileExists(folder + "/libPathfinder.so")) << folder;
+}
+
+// --- the receive path ----------------------------------------------------------------------------
+
+// Nothing, unknown receipt kinds, and a scanner calibration whose lattice is shorter than its
+// rows and columns announce: the mask's size comes from them, and it must not be read beyond
+// the lattice's end.
+TEST(Dispatch, MissingOrUnknownMessagesReportNothingAndAShortLatticeHasNoMask) {
+    const std::string annex = devtest::makeTempAnnex();
+    auto recorder = std::make_shared<devtest::Recorder>();
+    {
+        devtest::TestDevice device(recorder);
+        device.RecvMessageFn(nullptr);
+        SDK_NV::CMessage_Receipt receipt;
+        for (int kind : {24, -1}) {
+            receipt.setReceiptKind(kind);
+            device.RecvMessageFn(&receipt);
+        }
+        EXPECT_TRUE(recorder->events().empty());
+        SDK_NV::CMessage_CalibData m;
+        m.setTrackerGrabIndex(SDK_NV::CALIB_STEP_SCANNER_CALIB);
+        SDK_NV::tagCalibData data;
+        data.vecLattice = {1, 0, 2, 0, 0, 1};
+        for (int side : {2, 3000}) {
+            data.nRows = side;
+            data.nCols = side == 2 ? 3 : side;
+            m.setScannerCalib(data);
+            device.RecvMessageFn(&m);
+        }
+    }
+    const auto events = recorder->of("fastcali");
+    ASSERT_EQ(events.size(), 2u);
+    EXPECT_EQ(events[0].scannerCalib.lattice,
+              (std::vector<bool>{true, false, true, false, false, true}));
+    EXPECT_EQ(events[1].scannerCalib.rows, 3000);
+    EXPECT_TRUE(events[1].scannerCalib.lattice.empty());
+    std::filesystem::remove_all(annex);
 }
 
 }  // namespace

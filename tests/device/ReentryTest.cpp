@@ -58,7 +58,7 @@ protected:
             std::copy(m.begin(), m.end(), records[i].matrix);
         }
         ASSERT_TRUE(writeCascadeFile(platform::widePath(cascade), records));
-        console = std::make_unique<sdktest::ConsoleProcess>();
+        console = std::make_unique<sdktest::ConsoleProcess>(REENTRY_CONSOLE_PATH);
         ASSERT_TRUE(console->start({"--heartbeat-ms", "0", "--setup", "heartbeat period 0", "--fps",
                                     "50", "--points", "50", "--seed", "9", "--speed", "1000"}));
         ::setenv(SDK_NV::wire::kEndpointEnv, console->endpoint().c_str(), 1);

@@ -1,5 +1,5 @@
-// Helpers of the SDK and console tests: a recorder of delivered messages, a plain TCP peer
-// that plays the device side, and a wrapper of a lumora_console child process.
+// Helpers of the SDK and console tests: a recorder of delivered messages, matchers, and a plain
+// TCP peer that plays the device side (the console process: tests/console/ConsoleProcess.h).
 #pragma once
 
 #include <gtest/gtest.h>
@@ -202,8 +202,6 @@ public:
         }
         SDK_NV::net::closeSocket(m_client);
         m_client = SDK_NV::net::acceptClient(m_listener);
-        m_decoder.reset();
-        m_commands.clear();
         return m_client != SDK_NV::net::kInvalidSocket;
     }
     void close() { SDK_NV::net::closeSocket(m_client); }
@@ -223,29 +221,6 @@ public:
                sendRaw(frame);
     }
 
-    // Reads commands until one named `name` (and meeting `also`, when given) arrived; nullptr
-    // on timeout.
-    const sdk_link::Command* waitCommand(
-        const std::string& name,
-        const std::function<bool(const sdk_link::Command&)>& also = nullptr,
-        std::chrono::milliseconds timeout = 5s) {
-        const auto deadline = std::chrono::steady_clock::now() + timeout;
-        size_t checked = 0;
-        for (;;) {
-            for (; checked < m_commands.size(); ++checked) {
-                const sdk_link::Command& c = m_commands[checked];
-                if (c.name() == name && (!also || also(c))) {
-                    return &c;
-                }
-            }
-            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                deadline - std::chrono::steady_clock::now());
-            if (left.count() <= 0 || !pump(static_cast<int>(left.count()))) {
-                return nullptr;
-            }
-        }
-    }
-
     // True when the client has closed its end (reads until EOF or the timeout).
     bool waitClosed(std::chrono::milliseconds timeout = 5s) {
         const auto deadline = std::chrono::steady_clock::now() + timeout;
@@ -261,40 +236,10 @@ public:
     }
 
 private:
-    struct Sink : SDK_NV::wire::FrameDecoder::Sink {
-        std::vector<sdk_link::Command>* out;
-        void onFrame(const SDK_NV::wire::Frame& f) override {
-            sdk_link::Command c;
-            if (f.type == static_cast<uint32_t>(SDK_NV::wire::kCommandType) &&
-                c.ParseFromArray(f.body, static_cast<int>(f.bodySize))) {
-                out->push_back(c);
-            }
-        }
-        void onDrop(SDK_NV::wire::DropReason, const std::string&) override {}
-    };
-
-    bool pump(int timeoutMs) {
-        if (SDK_NV::net::waitReadable(m_client, timeoutMs) != 1) {
-            return false;
-        }
-        size_t cap = 0;
-        char* p = m_decoder.writable(&cap);
-        const long n = SDK_NV::net::recvSome(m_client, p, cap);
-        if (n <= 0) {
-            return false;
-        }
-        Sink sink;
-        sink.out = &m_commands;
-        m_decoder.commit(static_cast<size_t>(n), sink);
-        return true;
-    }
-
     SDK_NV::net::socket_t m_listener = SDK_NV::net::kInvalidSocket;
     SDK_NV::net::socket_t m_client = SDK_NV::net::kInvalidSocket;
     uint16_t m_port = 0;
     uint64_t m_seq = 0;
-    SDK_NV::wire::FrameDecoder m_decoder;
-    std::vector<sdk_link::Command> m_commands;
 };
 
 }  // namespace sdktest

@@ -14,17 +14,17 @@
 #include <atomic>
 #include <chrono>
 #include <cmath>
+#include <condition_variable>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "ConsoleProcess.h"
-#include "ResidentMemory.h"
 #include "device/Pathfinder.h"
 #include "platform/Platform.h"
 #include "sdk/Messages.h"
@@ -34,7 +34,52 @@
 namespace {
 
 using Clock = std::chrono::steady_clock;
-using devtest::residentKb;
+
+// VmRSS of /proc/self/status in kB, 0 when unknown.
+long residentKb() {
+    std::ifstream in("/proc/self/status");
+    for (std::string line; std::getline(in, line);) {
+        if (line.rfind("VmRSS:", 0) == 0) {
+            return std::atol(line.c_str() + 6);
+        }
+    }
+    return 0;
+}
+
+// The console on a private port, its endpoint read from its listening line; ended (SIGTERM) by
+// the destructor.
+class Console {
+public:
+    bool start(const std::vector<std::string>& extra) {
+        std::vector<std::string> args = {"--endpoint", "127.0.0.1:0", "--no-stdin"};
+        args.insert(args.end(), extra.begin(), extra.end());
+        std::string error;
+        const bool started = m_child.start(
+            LUMORA_CONSOLE_PATH, args,
+            [this](const std::string& line) {
+                const size_t at = line.find("listening on ");
+                std::lock_guard<std::mutex> lock(m_mutex);
+                if (m_endpoint.empty() && at != std::string::npos) {
+                    m_endpoint = line.substr(at + 13);
+                    m_cv.notify_all();
+                }
+            },
+            error);
+        std::unique_lock<std::mutex> lock(m_mutex);
+        return started &&
+               m_cv.wait_for(lock, std::chrono::seconds(15), [&] { return !m_endpoint.empty(); });
+    }
+    std::string endpoint() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_endpoint;
+    }
+
+private:
+    platform::ChildProcess m_child;
+    std::mutex m_mutex;
+    std::condition_variable m_cv;
+    std::string m_endpoint;
+};
 
 struct Options {
     double seconds = 60;
@@ -162,7 +207,7 @@ int main(int argc, char** argv) {
     // The soak runs in real time, console included, whatever scale the environment gives.
     ::setenv(platform::kTimeScaleEnv, "1", 1);
     platform::setTimeScale(1.0);
-    sdktest::ConsoleProcess console;
+    Console console;
     if (!console.start({"--fps", std::to_string(o.fps), "--points", std::to_string(o.points)})) {
         std::fprintf(stderr, "soak: the console did not start\n");
         return 2;
