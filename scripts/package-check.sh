@@ -57,7 +57,7 @@ cmake --build "$build" -j "$jobs" >"$tmp/build.log" 2>&1 || {
   tail -n 30 "$tmp/build.log"
   fail "the build in $build"
 }
-step "build: $build up to date"
+step "build: $build"
 
 stage=$tmp/stage
 cmake --install "$build" --prefix "$stage" >"$tmp/install.log" 2>&1 || {
@@ -86,7 +86,7 @@ while IFS= read -r f; do
   esac
   [ -z "$runpath" ] || echo "  RUNPATH ${f#"$prefix"/}: $runpath"
 done < <(find "$prefix" -type f)
-step "install: no absolute path of this machine in any text file, $elves programs and libraries with relative search paths"
+step "install: no absolute path of this machine in any text file, $elves programs and libraries with no search path or one relative to \$ORIGIN"
 
 # ---- headers ---------------------------------------------------------------------------------
 headers=0
