@@ -26,6 +26,9 @@ set(CMAKE_FIND_ROOT_PATH /usr/${PATHFINDER_MINGW_TRIPLE})
 if(PATHFINDER_WINDOWS_DEPS)
   list(APPEND CMAKE_FIND_ROOT_PATH ${PATHFINDER_WINDOWS_DEPS})
 endif()
+# A host project names installed Windows prefixes (Pathfinder's, for example) in
+# CMAKE_PREFIX_PATH; they hold target files, so they are searched as roots as well.
+list(APPEND CMAKE_FIND_ROOT_PATH ${CMAKE_PREFIX_PATH})
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)

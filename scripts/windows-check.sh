@@ -7,7 +7,10 @@
 #      port: init(), the transfer matrices measured, a scan of at least 100 frames, its cloud
 #      compared natively with the console's truth (RMS within 3 sigma of the laser noise);
 #   3. the same host built for Linux and for Windows, each fed a replay of that session: their
-#      clouds must be identical to the bit (and to the live one).
+#      clouds must be identical to the bit (and to the live one);
+#   4. tests/consumer, a host project outside the tree, configured with find_package(Pathfinder)
+#      and the toolchain file against the installed (and moved) Windows prefix, built, and run
+#      against the Linux console: init() and a few scan frames with their pose.
 # Installs what it needs (apt-get), prints every check and how long each step took, exits
 # non-zero on any failure.
 #
@@ -116,6 +119,33 @@ echo "windows-check: Pathfinder.dll exports $(wc -l <"$build/Pathfinder.exports"
   "Helmsman.dll $(wc -l <"$build/Helmsman.exports") (lists in $build/*.exports)"
 step "Windows build: Pathfinder.dll, Helmsman.dll, import libraries, host_check.exe, windows_check.exe"
 
+# ---- the installed Windows prefix ------------------------------------------------------------
+# Installed in one place and used from another: nothing in it may name a folder of this machine.
+winprefix=$build/prefix
+rm -rf "$build/install" "$winprefix"
+cmake --install "$win" --prefix "$build/install" >"$build/windows-install.log" 2>&1 ||
+  fail "installing the Windows build: $build/windows-install.log"
+mv "$build/install" "$winprefix"
+for f in bin/Pathfinder.dll bin/Helmsman.dll bin/libstdc++-6.dll bin/libgcc_s_seh-1.dll \
+  bin/libwinpthread-1.dll lib/libPathfinder.dll.a lib/libHelmsman.dll.a \
+  include/device/Pathfinder.h include/helmsman/DeviceBase.h \
+  lib/cmake/Pathfinder/PathfinderConfig.cmake lib/cmake/Pathfinder/PathfinderConfigVersion.cmake; do
+  [ -f "$winprefix/$f" ] || fail "the Windows prefix has no $f"
+done
+found=$(grep -rIl -e "$PWD" -e "$build" "$winprefix" || true)
+[ -z "$found" ] || fail "installed files name a folder of this machine: $found"
+echo "windows-check: the installed Windows prefix $winprefix:"
+(cd "$winprefix" && find . -type f | sort | sed 's|^\./|  |')
+consumer=$build/consumer
+rm -rf "$consumer"
+cmake -G Ninja -S tests/consumer -B "$consumer" -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/mingw-w64.cmake" \
+  -DCMAKE_PREFIX_PATH="$winprefix" -DCMAKE_CXX_FLAGS="-Wall -Wextra -Wpedantic -Werror" \
+  >"$build/consumer-configure.log" 2>&1 ||
+  fail "configuring tests/consumer with find_package(Pathfinder): $build/consumer-configure.log"
+cmake --build "$consumer" >"$build/consumer-build.log" 2>&1 ||
+  fail "building tests/consumer for Windows: $build/consumer-build.log"
+step "Windows prefix: $(find "$winprefix" -type f | wc -l) files installed and moved; tests/consumer.exe built against it with find_package(Pathfinder) (Pathfinder::Host is not in this build)"
+
 # ---- the Linux side ------------------------------------------------------------------------
 lin=$build/linux
 cmake -G Ninja -S . -B "$lin" -DPATHFINDER_WERROR=ON -DPATHFINDER_BUILD_TESTS=OFF \
@@ -204,6 +234,16 @@ cmp "$run/replay-linux.bin" "$run/replay-windows.bin" ||
 cmp "$run/live.bin" "$run/replay-windows.bin" ||
   fail "the replayed cloud differs from the live one"
 step "Wine: replay, the Linux and Windows clouds identical to each other and to the live one ($(stat -c %s "$run/replay-linux.bin") bytes, sha256 $(sha256sum "$run/replay-linux.bin" | cut -c1-16))"
+
+# The consumer finds the DLLs (and the compiler's runtime) on the prefix's bin, as a Windows host
+# would on its PATH.
+start_console "$run/consumer-console.log"
+echo "windows-check: tests/consumer.exe on the installed prefix, against the Linux console at $endpoint"
+winpath=$("$wine" winepath -w "$winprefix/bin" 2>/dev/null | tr -d '\r')
+LUMORA_ENDPOINT=$endpoint WINEPATH=$winpath wine_run "$consumer/consumer.exe" |
+  tee "$run/consumer.out" | sed 's/^/  /' || fail "tests/consumer under Wine"
+stop_console
+step "Wine: tests/consumer on the installed prefix, $(tail -n1 "$run/consumer.out")"
 
 echo
 echo "windows-check: all passed"
