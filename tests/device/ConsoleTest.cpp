@@ -311,7 +311,7 @@ TEST_F(WithConsole, HeartbeatsFillTheThermalRecordsAndReachTheHost) {
     control("temperature TRK0001 ramp 25 0.25");  // 25, 25.25, 25.5
     control("temperature SCN0001 seq 20 21.5");   // then 21.5 again and again
     recorder->clear();
-    control("heartbeat 3");
+    control("heartbeat 3 TRK0001 SCN0001");
     settle();
     EXPECT_EQ(recorder->replies(REPLY_THERMAL_BALANCE).size(), 6u);
     EXPECT_EQ(recorder->of("state").size(), 6u);
