@@ -110,91 +110,49 @@ TEST(ConsoleControl, LinesAreCheckedBeforeAnythingIsDone) {
     o.readStdin = false;
     Console c(o);
     std::string error;
-    for (const char* good : {"",
-                             "# a comment",
-                             "scene trackers=2 noise=off seed=3",
-                             "device TRK0002 off",  // the second tracker is a device now
-                             "scene show",
-                             "answer setTrigger 4 2",
-                             "answer setTrigger default",
-                             "answer getCalibraResult value=nan 1",
-                             "answer getWIFIConnectInfo text=\"wpa_state=SCANNING \"",
-                             "answer setImageMode 0 delay=5",
-                             "device PEN on kind=lightpen",
-                             "device AIR on kind=3 version=2.0",
-                             "device * off",
-                             "temperature SCN0001 seq 30 31 32",
-                             "temperature SCN0001 30 31",
-                             "heartbeat period default",
-                             "drop 0",
-                             "fps 60",
-                             "trigger off",
-                             "fault drop every=3",
-                             "fault delay 50 2 on=receipt",
-                             "fault corrupt 2 what=lines",
-                             "fault corrupt fraction=0.5 what=normals",  // replaces it
-                             "fault truncate always on=any",
-                             "fault oversize 1 on=7",
-                             "fault list",
-                             "fault drop off",
-                             "fault off",
-                             "silent 10",
-                             "silent off",
-                             "crash after 100000",
-                             "crash off"}) {
+    for (const char* good :
+         {"", "# a comment", "scene trackers=2 noise=off seed=3",
+          // the second tracker is a device now
+          "device TRK0002 off", "scene show", "answer setTrigger 4 2", "answer setTrigger default",
+          "answer getCalibraResult value=nan 1",
+          "answer getWIFIConnectInfo text=\"wpa_state=SCANNING \"", "answer setImageMode 0 delay=5",
+          "device PEN on kind=lightpen", "device AIR on kind=3 version=2.0", "device * off",
+          "temperature SCN0001 seq 30 31 32", "temperature SCN0001 30 31",
+          "temperature SCN0001 none", "heartbeat period default", "drop 0", "fps 60", "trigger off",
+          "fault drop every=3", "fault delay 50 2 on=receipt", "fault corrupt 2 what=lines",
+          // replaces the corruption before it
+          "fault corrupt fraction=0.5 what=normals", "fault truncate always on=any",
+          "fault oversize 1 on=7", "fault list", "fault drop off", "fault off", "silent 10",
+          "silent off", "crash after 100000", "crash off"}) {
         EXPECT_TRUE(c.control(good, error)) << good << ": " << error;
     }
-    for (const char* bad : {"launch rockets",                     // unknown verb
-                            "button 51 2",                        // needs a client
-                            "button 51",                          // too few words
-                            "answer setTrigger x",                // not a state
-                            "answer setTrigger 5 0",              // zero times
-                            "answer getCalibraResult 0",          // a query takes data
-                            "answer setTrigger state=5",          // a setting takes a state
-                            "answer getCalibraResult valu=1",     // a key the answer does not have
-                            "answer getCalibraResult value=abc",  // not a number
-                            "answer getHeartBeat temp=3",         // heartbeats take no fields
-                            "answer setImageMode none delay=5",   // nothing to delay
-                            "answer setImageMode 0 delay=-1",     // negative delay
-                            "answer setImageMode default 1",      // default takes nothing
-                            "device NEW on model=3",              // unknown without a kind
-                            "device NEW on kind=robot",           // no such kind
-                            "device TRK0001 on errors=3,x",       // not integers
-                            "device TRK0001 off model=3",         // off takes no fields
-                            "device NOPE off",                    // unknown device
-                            "temperature TRK0001 seq",            // no values
-                            "temperature TRK0001 ramp 25",        // no step
-                            "heartbeat period -1",
-                            "heartbeat 0",  // out of range
-                            "calib locations 0",
-                            "calib run x",
-                            "calib 2 location",
-                            "receipt 24",
-                            "receipt 4 image",
-                            "drop 1 2",
-                            "fps -3",
-                            "fault",                     // no kind
-                            "fault explode",             // no such fault
-                            "fault drop 0",              // nothing to strike
-                            "fault drop every=0",        // every 0th
-                            "fault drop fraction=1.5",   // not a probability
-                            "fault drop 2 every=3",      // two patterns
-                            "fault drop on=laser",       // no such type
-                            "fault corrupt on=receipt",  // only scan frames have counts
-                            "fault corrupt what=holes",  // no such corruption
-                            "fault drop what=markers",   // only corruptions have a what
-                            "fault delay",               // no time
-                            "fault delay -5",            // negative time
-                            "silent soon",               // not a time
-                            "crash later 5",             // after
-                            "crash after -1",
-                            "scene",  // scene settings are checked before the scene changes
-                            "scene trackers",
-                            "scene trackers=0",
-                            "scene colour=red",
-                            "scene mesh=/nonexistent/part.ply",
-                            "scene seed=-2",
-                            "scene export /proc/no/such/dir"}) {
+    for (const char* bad :
+         {// an unknown verb; a button needs a client, and two words
+          "launch rockets", "button 51 2", "button 51",
+          // answers: not a state, zero times, a query takes data, a setting takes a state, a key
+          // the answer does not have, not a number, heartbeats take no fields, nothing to
+          // delay, a negative delay, default takes nothing
+          "answer setTrigger x", "answer setTrigger 5 0", "answer getCalibraResult 0",
+          "answer setTrigger state=5", "answer getCalibraResult valu=1",
+          "answer getCalibraResult value=abc", "answer getHeartBeat temp=3",
+          "answer setImageMode none delay=5", "answer setImageMode 0 delay=-1",
+          "answer setImageMode default 1",
+          // devices: unknown without a kind, no such kind, errors not integers, off takes no
+          // fields, an unknown device; temperatures without values or step; out of range
+          "device NEW on model=3", "device NEW on kind=robot", "device TRK0001 on errors=3,x",
+          "device TRK0001 off model=3", "device NOPE off", "temperature TRK0001 seq",
+          "temperature TRK0001 ramp 25", "heartbeat period -1", "heartbeat 0", "calib locations 0",
+          "calib run x", "calib 2 location", "receipt 24", "receipt 4 image", "drop 1 2", "fps -3",
+          // faults: no kind, no such fault, nothing to strike, every 0th, not a probability, two
+          // patterns, no such type, counts (only scan frames have them), no such corruption, a
+          // what without a corruption, no time, a negative time; silence and crash times
+          "fault", "fault explode", "fault drop 0", "fault drop every=0", "fault drop fraction=1.5",
+          "fault drop 2 every=3", "fault drop on=laser", "fault corrupt on=receipt",
+          "fault corrupt what=holes", "fault drop what=markers", "fault delay", "fault delay -5",
+          "silent soon", "crash later 5", "crash after -1",
+          // scene settings are checked before the scene changes
+          "scene", "scene trackers", "scene trackers=0", "scene colour=red",
+          "scene mesh=/nonexistent/part.ply", "scene seed=-2", "scene export /proc/no/such/dir"}) {
         error.clear();
         EXPECT_FALSE(c.control(bad, error)) << bad;
         EXPECT_FALSE(error.empty()) << bad;

@@ -120,41 +120,29 @@ TEST(SimScene, DefaultPartMarkersAndTrackersAreSound) {
     }
 }
 
-TEST(SimScene, LaserPointsLieOnThePartExactlyWithoutNoiseAndWithinThreeSigmaWithIt) {
-    auto exact = makeScene(noiseless());
+// With the default noise, distances to the surface are one-sided views of the noise normal to
+// it: their RMS is about sigma and points beyond 3 sigma are rare. (Without noise every point
+// lies on the part: SimScene.MarkersAndHolesMapOntoTheTruthFromEveryTracker.)
+TEST(SimScene, LaserPointsLieWithinTheNoiseOfThePart) {
     auto noisy = makeScene(sim::SceneOptions());
-    sim::MeshDistance md(exact->truth().part);
-    double worstExact = 0, sumSq = 0;
-    size_t total = 0, count = 0, outside = 0;
+    sim::MeshDistance md(noisy->truth().part);
     const sim::SceneOptions& o = noisy->options();
     // The pose noise moves points too: 0.001 degree at 300 mm is 0.005 mm.
     const double sigma = std::sqrt(o.laserNoise * o.laserNoise + o.poseNoiseMm * o.poseNoiseMm +
                                    std::pow(o.poseNoiseDeg * M_PI / 180 * 450, 2));
+    double sumSq = 0;
+    size_t count = 0, outside = 0;
     for (int i = 0; i < 3000; i += 150) {
-        const sim::ScanFrame fe = frameOf(*exact, i), fn = frameOf(*noisy, i);
-        ASSERT_TRUE(fe.scannerSeen) << i;
-        EXPECT_GT(fe.points.size(), 1000u) << i;
-        EXPECT_EQ(fe.points.size(), fn.points.size());
-        EXPECT_EQ(fe.lines.size(), 7u);
-        for (double d : laserDistances(*exact, md, fe)) {
-            worstExact = std::max(worstExact, d);
-        }
+        const sim::ScanFrame fn = frameOf(*noisy, i);
+        ASSERT_TRUE(fn.scannerSeen) << i;
+        EXPECT_GT(fn.points.size(), 1000u) << i;
         for (double d : laserDistances(*noisy, md, fn)) {
             sumSq += d * d;
             ++count;
             outside += d > 3 * sigma;
         }
-        for (size_t k = 0; k < fe.points.size(); ++k) {
-            ASSERT_GE(fe.points[k].z(), o.depthNear);
-            ASSERT_LE(fe.points[k].z(), o.depthFar);
-            ASSERT_NEAR(fe.normals[k].norm(), 1.0, 1e-9);
-        }
-        total += fe.points.size();
     }
-    EXPECT_LT(worstExact, 1e-6);
-    // Distances to the surface are one-sided views of the noise normal to it: the RMS is about
-    // sigma and points beyond 3 sigma are rare.
-    EXPECT_GT(total, 20 * 5000u);
+    EXPECT_GT(count, 20 * 5000u);
     EXPECT_NEAR(std::sqrt(sumSq / count), sigma, 0.25 * sigma);
     EXPECT_LT(static_cast<double>(outside) / count, 0.01);
 }
@@ -238,8 +226,14 @@ TEST(SimScene, MarkersAndHolesMapOntoTheTruthFromEveryTracker) {
                 continue;
             }
             observers.insert(f.trackerId);
+            EXPECT_EQ(f.lines.size(), 7u);
             for (double d : laserDistances(*s, md, f)) {
                 ASSERT_LT(d, 1e-6) << f.trackerId;
+            }
+            for (size_t k = 0; k < f.points.size(); ++k) {
+                ASSERT_GE(f.points[k].z(), o.depthNear);
+                ASSERT_LE(f.points[k].z(), o.depthFar);
+                ASSERT_NEAR(f.normals[k].norm(), 1.0, 1e-9);
             }
             for (const auto& h : f.holes) {
                 const auto& truth = s->truth().holes[static_cast<size_t>(h.id)];
@@ -431,9 +425,9 @@ TEST(ArtefactScene, EveryLaserPointLiesOnItsArtefactAndTheScannerStaysTracked) {
     EXPECT_GT(onPlane, 20000u);
 }
 
-// The truth lists the layout; injected calibration errors change what they should and
-// nothing else.
-TEST(ArtefactScene, TheTruthListsTheLayoutAndInjectedErrorsChangeOnlyTheirPart) {
+// The truth lists the layout. (What a tracker's scale error or a turned laser changes is measured
+// end to end by the acceptance test, tests/apps/VerifyTest.cpp.)
+TEST(ArtefactScene, TheTruthListsTheLayout) {
     auto scene = makeScene(noiseless(true));
     const nlohmann::json j = nlohmann::json::parse(scene->describeJson());
     const auto& art = j.at("artefacts");
@@ -460,33 +454,6 @@ TEST(ArtefactScene, TheTruthListsTheLayoutAndInjectedErrorsChangeOnlyTheirPart) 
     EXPECT_EQ(diagonals, 4);
     EXPECT_EQ(axes, 3);
     EXPECT_GE(art.at("planes").at(0).at("length").get<double>(), 0.5 * (hi - lo).norm());
-
-    // A scale error of the tracker scales what it reports, not the scanner's own measurement.
-    sim::SceneOptions o = noiseless(true);
-    o.trackerScalePpm = 1000;
-    const sim::ScanFrame f0 = frameOf(*scene, 20), f1 = frameOf(*makeScene(o), 20);
-    ASSERT_TRUE(f0.scannerSeen && f1.scannerSeen);
-    for (int c = 0; c < 3; ++c) {
-        EXPECT_NEAR(f1.translation[c], 1.001 * f0.translation[c], 1e-9);
-    }
-    ASSERT_EQ(f0.markers.size(), f1.markers.size());
-    ASSERT_FALSE(f0.markers.empty());
-    EXPECT_LT((f1.markers[0].centre - 1.001 * f0.markers[0].centre).norm(), 1e-9);
-    EXPECT_EQ(f0.points, f1.points);
-    // A laser calibration error turns what the scanner reports in its own frame, nothing else.
-    o = noiseless(true);
-    o.laserRotationDeg = 0.05;
-    const sim::ScanFrame f2 = frameOf(*makeScene(o), 20);
-    ASSERT_EQ(f2.points.size(), f0.points.size());
-    ASSERT_FALSE(f0.points.empty());
-    const Eigen::Matrix3d err =
-        Eigen::AngleAxisd(0.05 * M_PI / 180, Eigen::Vector3d::UnitX()).toRotationMatrix();
-    for (size_t i = 0; i < f0.points.size(); i += 97) {
-        EXPECT_LT((f2.points[i] - err * f0.points[i]).norm(), 1e-9);
-    }
-    for (int c = 0; c < 3; ++c) {
-        EXPECT_EQ(f2.translation[c], f0.translation[c]);
-    }
 }
 
 }  // namespace
