@@ -69,9 +69,10 @@ def main():
         return 2
     directory = sys.argv[1]
     json_out = sys.argv[sys.argv.index("--json") + 1] if "--json" in sys.argv else None
-    link, device, quill, peer, ceres, tracking, sim, chain = (
+    link, device, quill, peer, ceres, tracking, sim, chain, python = (
         load(directory, n)
-        for n in ("link", "device", "quill", "peer", "ceres", "tracking", "sim", "chain"))
+        for n in ("link", "device", "quill", "peer", "ceres", "tracking", "sim", "chain",
+                  "python"))
     rows = []
 
     def row(figure, measured, unit, baseline_name, baseline, ratio, goal, met, cpu=None):
@@ -226,6 +227,25 @@ def main():
         row(f"whole chain console -> host cloud, {label}", fps, "frames/s",
             "raw loopback TCP" + used, raw, r, goal,
             (r is not None and r >= 0.5) if goal != "-" else None)
+
+    # The Python package against the C++ host on the same replayed recording
+    # (bench/python/bench_python.py): frames into NumPy arrays, and a scan's cloud.
+    for figure, key, unit, label, base, goal in (
+            ("frames into NumPy through Session.frames()", "python_fps", "frames/s",
+             "native listener, same session", "native_fps", ">= 0.9x"),
+            ("frames into NumPy through Session.frames()", "python_fps", "frames/s",
+             "C++ tool, same recording", "tool_fps", "-"),
+            ("frames drained from the queue by Python", "drain_fps", "frames/s",
+             "native listener, same session", "native_fps", "-"),
+            ("Session.scan() cloud", "python_points_per_s", "points/s",
+             "C++ tool, same recording", "tool_points_per_s", ">= 0.9x"),
+            ("Session.scan() cloud", "python_points_per_s", "points/s",
+             "C++ scan inside the same call", "in_call_points_per_s", "-")):
+        name = "PythonFrames" if "fps" in key else "PythonScan"
+        mine, theirs = value(python, name, key), value(python, name, base)
+        r = div(mine, theirs)
+        row(figure, mine, unit, label, theirs, r, goal,
+            (r is not None and r >= 0.9) if goal != "-" else None)
 
     header = ("figure", "measured", "cpu", "baseline / peer", "baseline", "ratio", "goal",
               "status")

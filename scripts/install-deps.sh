@@ -31,6 +31,7 @@ packages=(
   libbenchmark-dev
   clang clang-format libclang-rt-14-dev
   ccache gcovr
+  pybind11-dev python3-dev python3-numpy python3-pytest
 )
 if [ "$bench" = "1" ]; then
   packages+=(libceres-dev)
