@@ -31,6 +31,8 @@ packages=(
   libbenchmark-dev
   clang clang-format libclang-rt-14-dev
   ccache gcovr
+  libboost-dev libjs-three
+  chromium chromium-driver python3-selenium python3-pil
 )
 if [ "$bench" = "1" ]; then
   packages+=(libceres-dev)
