@@ -17,6 +17,9 @@ namespace host {
 
 namespace {
 
+// The colour scale of the pictures: low values dark blue, high ones dark red.
+constexpr cv::ColormapTypes kColourMap = cv::COLORMAP_TURBO;
+
 // PCL prints its own complaints; the caller gets a line that names the file.
 bool openable(const std::string& path, std::string& error) {
     std::ofstream probe(path, std::ios::binary | std::ios::app);
@@ -25,6 +28,40 @@ bool openable(const std::string& path, std::string& error) {
         return false;
     }
     return true;
+}
+
+// What makes a top view read as a part: the surface that lies in the shadow of a higher one
+// (the light along the pixel diagonal toward the upper left, `light` its direction), and the
+// rims of steps. A horizon sweeps from the upper left: each pixel's horizon is the highest
+// ray from the pixels toward the light, falling by the light's slope per step.
+void shadeSteps(const cv::Mat& depth, const cv::Mat& hit, cv::Mat& shade, float scale,
+                const Eigen::Vector3f& light) {
+    const float fall = std::sqrt(2.0f) / scale * light.z() / light.head<2>().norm();
+    const float noise = 0.5f;  // mm: the surface's own roughness casts no shadow
+    const float step = 2.0f;   // mm: a rim is a neighbour this much higher or lower
+    cv::Mat horizon(depth.size(), CV_32F, cv::Scalar(-1e30f));
+    for (int v = 1; v < depth.rows; ++v) {
+        for (int u = 1; u < depth.cols; ++u) {
+            const float before =
+                hit.at<uint8_t>(v - 1, u - 1) ? depth.at<float>(v - 1, u - 1) : -1e30f;
+            const float h = std::max(before, horizon.at<float>(v - 1, u - 1)) - fall;
+            horizon.at<float>(v, u) = h;
+            if (!hit.at<uint8_t>(v, u)) {
+                continue;
+            }
+            const float z = depth.at<float>(v, u);
+            float s = shade.at<float>(v, u);
+            if (z < h - noise) {
+                s *= 0.5f;
+            }
+            const float left = hit.at<uint8_t>(v, u - 1) ? depth.at<float>(v, u - 1) : z;
+            const float up = hit.at<uint8_t>(v - 1, u) ? depth.at<float>(v - 1, u) : z;
+            if (std::abs(left - z) > step || std::abs(up - z) > step) {
+                s *= 0.6f;
+            }
+            shade.at<float>(v, u) = s;
+        }
+    }
 }
 
 }  // namespace
@@ -125,7 +162,8 @@ bool PngWriter::write(const std::string& path, std::string& error) const {
         cv::Mat level(height, width, CV_8U, cv::Scalar(0));
         cv::Mat shade(height, width, CV_32F, cv::Scalar(0.0f));
         cv::Mat hit(height, width, CV_8U, cv::Scalar(0));
-        const Eigen::Vector3f light = Eigen::Vector3f(-0.4f, -0.4f, 1.0f).normalized();
+        // The light comes from the picture's upper left (-x, +y), 35 degrees above the part.
+        const Eigen::Vector3f light = Eigen::Vector3f(-1.0f, 1.0f, 1.0f).normalized();
         for (size_t i = 0; i < m_cloud.size(); ++i) {
             const Eigen::Vector3f p = pointOf(m_cloud, i);
             const int u0 = static_cast<int>(margin + (p.x() - mn.x()) * scale);
@@ -136,7 +174,7 @@ bool PngWriter::write(const std::string& path, std::string& error) const {
                 if (n.z() < 0) {
                     n = -n;  // seen from above
                 }
-                s = 0.35f + 0.65f * std::max(0.0f, n.dot(light));
+                s = 0.25f + 0.75f * std::max(0.0f, n.dot(light));
             }
             for (int v = std::max(0, v0 - splat); v <= std::min(height - 1, v0 + splat); ++v) {
                 for (int u = std::max(0, u0 - splat); u <= std::min(width - 1, u0 + splat); ++u) {
@@ -204,14 +242,15 @@ bool PngWriter::write(const std::string& path, std::string& error) const {
                         const float dy =
                             (depth.at<float>(v, u) - depth.at<float>(v - 1, u)) * scale;
                         const Eigen::Vector3f n = Eigen::Vector3f(-dx, dy, 1.0f).normalized();
-                        s = 0.35f + 0.65f * std::max(0.0f, n.dot(light));
+                        s = 0.25f + 0.75f * std::max(0.0f, n.dot(light));
                     }
                     shade.at<float>(v, u) = s;
                 }
             }
         }
+        shadeSteps(depth, hit, shade, scale, light);
         cv::Mat colours;
-        cv::applyColorMap(level, colours, cv::COLORMAP_TURBO);
+        cv::applyColorMap(level, colours, kColourMap);
         cv::Mat view = image(cv::Rect(0, 0, width, height));
         for (int v = 0; v < height; ++v) {
             for (int u = 0; u < width; ++u) {
@@ -244,7 +283,7 @@ bool PngWriter::write(const std::string& path, std::string& error) const {
             ramp.at<uint8_t>(r) = static_cast<uint8_t>(255 - r * 255 / std::max(1, ramp.rows - 1));
         }
         cv::Mat rampColours;
-        cv::applyColorMap(ramp, rampColours, cv::COLORMAP_TURBO);
+        cv::applyColorMap(ramp, rampColours, kColourMap);
         const int x0 = width + 15;
         for (int r = 0; r < ramp.rows; ++r) {
             cv::line(image, cv::Point(x0, top + r), cv::Point(x0 + 20, top + r),
