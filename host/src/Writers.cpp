@@ -1,5 +1,8 @@
 #include "Writers.h"
 
+#include <pcl/PCLPointCloud2.h>
+#include <pcl/console/print.h>
+#include <pcl/conversions.h>
 #include <pcl/io/ply_io.h>
 #include <pcl/point_cloud.h>
 #include <pcl/point_types.h>
@@ -12,6 +15,8 @@
 #include <fstream>
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
+
+#include "host/Files.h"
 
 namespace host {
 
@@ -102,6 +107,60 @@ bool PlyWriter::write(const std::string& path, std::string& error) const {
         return false;
     }
     return true;
+}
+
+Cloud readPlyFile(const std::string& path) {
+    pcl::PCLPointCloud2 blob;
+    bool read = false;
+    // PCL's reader names every property of the camera element PCL's own writer adds.
+    const pcl::console::VERBOSITY_LEVEL verbosity = pcl::console::getVerbosityLevel();
+    pcl::console::setVerbosityLevel(pcl::console::L_ERROR);
+    try {
+        read = pcl::io::loadPLYFile(path, blob) == 0;
+    } catch (const std::exception&) {
+        read = false;
+    }
+    pcl::console::setVerbosityLevel(verbosity);
+    if (!read || blob.width * blob.height == 0) {
+        throw Error(kExitInputFile, "cannot read the points of " + path);
+    }
+    bool normals = false;
+    for (const pcl::PCLPointField& f : blob.fields) {
+        normals = normals || f.name == "normal_x";
+    }
+    Cloud cloud;
+    if (normals) {
+        pcl::PointCloud<pcl::PointNormal> in;
+        pcl::fromPCLPointCloud2(blob, in);
+        for (const pcl::PointNormal& p : in) {
+            cloud.points.insert(cloud.points.end(), {p.x, p.y, p.z});
+            cloud.normals.insert(cloud.normals.end(), {p.normal_x, p.normal_y, p.normal_z});
+        }
+    } else {
+        pcl::PointCloud<pcl::PointXYZ> in;
+        pcl::fromPCLPointCloud2(blob, in);
+        for (const pcl::PointXYZ& p : in) {
+            cloud.points.insert(cloud.points.end(), {p.x, p.y, p.z});
+        }
+    }
+    return cloud;
+}
+
+std::array<uint8_t, 768> colourScale() {
+    cv::Mat ramp(256, 1, CV_8U);
+    for (int i = 0; i < 256; ++i) {
+        ramp.at<uint8_t>(i) = static_cast<uint8_t>(i);
+    }
+    cv::Mat colours;
+    cv::applyColorMap(ramp, colours, kColourMap);
+    std::array<uint8_t, 768> rgb{};
+    for (int i = 0; i < 256; ++i) {
+        const cv::Vec3b c = colours.at<cv::Vec3b>(i);  // OpenCV keeps b, g, r
+        rgb[3 * i] = c[2];
+        rgb[3 * i + 1] = c[1];
+        rgb[3 * i + 2] = c[0];
+    }
+    return rgb;
 }
 
 bool PngWriter::write(const std::string& path, std::string& error) const {
