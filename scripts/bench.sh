@@ -46,7 +46,8 @@ done
 
 cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DPATHFINDER_WERROR=ON \
     -DPATHFINDER_BUILD_BENCH=ON -DPATHFINDER_BUILD_TESTS=ON >/dev/null
-targets=(bench_sdk_link device_scan_bench device_chain_bench quill_bench tracking_bench sim_bench)
+targets=(bench_sdk_link device_scan_bench device_chain_bench quill_bench tracking_bench sim_bench
+    view_bench)
 # The PCL peer is built only where PCL's registration module is installed.
 if cmake --build "$build" --target help | grep -q '^quill_peer:'; then
     targets+=(quill_peer)
@@ -90,5 +91,6 @@ if [[ -x "$build/bench/quill/quill_ceres" ]]; then
 fi
 run tracking "$build/bench/tracking/tracking_bench"
 run sim "$build/bench/sim/sim_bench" --benchmark_repetitions=5
+run view "$build/bench/view/view_bench" --benchmark_repetitions=3
 
 python3 "$root/scripts/bench_table.py" "$out" ${json:+--json "$json"}
