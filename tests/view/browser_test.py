@@ -80,6 +80,8 @@ def voxels(ply, size):
 
 
 def main(pathfinder, console, out):
+    # The scan runs at the console's own rate: the page must join while it lasts.
+    os.environ.pop("PATHFINDER_TIME_SCALE", None)
     out = Path(out)
     work = out / "browser-test"
     shutil.rmtree(work, ignore_errors=True)
