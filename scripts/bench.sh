@@ -47,7 +47,8 @@ done
 cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DPATHFINDER_WERROR=ON \
     -DPATHFINDER_BUILD_BENCH=ON -DPATHFINDER_BUILD_TESTS=ON >/dev/null
 targets=(bench_sdk_link device_scan_bench device_chain_bench quill_bench tracking_bench sim_bench
-    _pathfinder pathfinder_cli lumora_console)
+    _pathfinder pathfinder_cli lumora_console
+    view_bench)
 # The PCL peer is built only where PCL's registration module is installed.
 if cmake --build "$build" --target help | grep -q '^quill_peer:'; then
     targets+=(quill_peer)
@@ -91,6 +92,7 @@ if [[ -x "$build/bench/quill/quill_ceres" ]]; then
 fi
 run tracking "$build/bench/tracking/tracking_bench"
 run sim "$build/bench/sim/sim_bench" --benchmark_repetitions=5
+run view "$build/bench/view/view_bench" --benchmark_repetitions=3
 # The Python package against the C++ host, with the interpreter it was built for.
 echo "bench.sh: running python" >&2
 python="$(sed -n 's/^Python3_EXECUTABLE:FILEPATH=//p' "$build/CMakeCache.txt")"

@@ -69,9 +69,9 @@ def main():
         return 2
     directory = sys.argv[1]
     json_out = sys.argv[sys.argv.index("--json") + 1] if "--json" in sys.argv else None
-    link, device, quill, peer, ceres, tracking, sim, chain, python = (
+    link, device, quill, peer, ceres, tracking, sim, chain, view, python = (
         load(directory, n)
-        for n in ("link", "device", "quill", "peer", "ceres", "tracking", "sim", "chain",
+        for n in ("link", "device", "quill", "peer", "ceres", "tracking", "sim", "chain", "view",
                   "python"))
     rows = []
 
@@ -227,6 +227,18 @@ def main():
         row(f"whole chain console -> host cloud, {label}", fps, "frames/s",
             "raw loopback TCP" + used, raw, r, goal,
             (r is not None and r >= 0.5) if goal != "-" else None)
+
+    # The live view on a replayed 125 frames/s scan: the scan's rate with two pages watching
+    # against the same replay without a view, and the CPU the view spends (its thread and its
+    # frame listener) per second of scanning.
+    watched = value(view, "BM_ViewOnReplay", "frames_per_s")
+    alone = value(view, "BM_ViewOnReplay", "alone_frames_per_s")
+    r = div(watched, alone)
+    row("scan with two pages watching the live view", watched, "frames/s",
+        "the same replay without a view", alone, r, ">= 0.95x", r is not None and r >= 0.95)
+    share = value(view, "BM_ViewOnReplay", "view_core_share")
+    row("CPU of the live view at 125 frames/s (server thread and listener)", share, "cores",
+        "one core", 1.0, share, "<= 0.10", share is not None and share <= 0.10)
 
     # The Python package against the C++ host on the same replayed recording
     # (bench/python/bench_python.py): frames into NumPy arrays, and a scan's cloud.

@@ -32,6 +32,8 @@ packages=(
   clang clang-format libclang-rt-14-dev
   ccache gcovr
   pybind11-dev python3-dev python3-numpy python3-pytest
+  libboost-dev libjs-three
+  chromium chromium-driver python3-selenium python3-pil
 )
 if [ "$bench" = "1" ]; then
   packages+=(libceres-dev)

@@ -3,6 +3,7 @@
 #include <filesystem>
 
 #include "Commands.h"
+#include "View.h"
 
 namespace pfapp {
 
@@ -13,6 +14,7 @@ struct ScanOptions {
     host::ScanRequest request;
     int trackers = 0;
     long seed = -1;
+    ViewArgs view;
 };
 
 void printTable(const host::ScanResult& r) {
@@ -47,8 +49,17 @@ int runScan(ScanOptions o) {
     addSceneArgs(o.session, o.trackers, o.seed);
     o.session.consoleLog = (fs::path(o.request.outDir) / "console.log").string();
     o.session.truthDir = (fs::path(o.request.outDir) / "truth").string();
+    std::unique_ptr<view::Server> server =
+        o.view.enabled ? startView(o.view, "pathfinder scan " + o.request.outDir) : nullptr;
     host::Session session(shownOnStdout(o.session));
-    const host::ScanResult r = session.scan(o.request);
+    host::ScanResult r;
+    {
+        WatchedSession watched(server.get(), session);
+        r = session.scan(o.request);
+    }
+    if (server) {
+        server->finish(r.summaryJson, r.stopped);
+    }
     printTable(r);
     std::string files;
     for (const std::string& f : r.files) {
@@ -59,6 +70,9 @@ int runScan(ScanOptions o) {
     }
     std::printf("files: %s\n",
                 files.empty() ? "(no scan files: nothing was delivered)" : files.c_str());
+    if (server && o.view.wait) {
+        serveUntilInterrupted(*server);
+    }
     if (r.frames == 0) {
         throw host::Error(host::kExitNoData,
                           "no frames were delivered: the module passed on none of the console's "
@@ -90,7 +104,13 @@ void addScanCommand(CLI::App& app, CommandRun& run) {
                     "cascade file with the transfer matrices (instead of measuring them)");
     sub->add_option("--object", r.object, "what is scanned: static (surface) or hole")
         ->check(CLI::IsMember({"static", "hole"}));
-    sub->add_option("--replay", r.replay, "play a console recording instead of a live scan");
+    auto* replay =
+        sub->add_option("--replay", r.replay, "play a console recording instead of a live scan");
+    sub->add_option("--truth", r.truth,
+                    "with --replay: the recorded scene's truth folder (DIR/truth of the scan that "
+                    "recorded it), to measure the replay against")
+        ->needs(replay);
+    addViewOptions(sub, o->view, true);
     addSessionOptions(sub, o->session);
     sub->callback([o, &run] { run.run = [o] { return runScan(*o); }; });
 }

@@ -33,5 +33,6 @@ void addDevicesCommand(CLI::App& app, CommandRun& run);
 void addCalibrateCommand(CLI::App& app, CommandRun& run);
 void addConfigCommand(CLI::App& app, CommandRun& run);
 void addVerifyCommand(CLI::App& app, CommandRun& run);
+void addViewCommand(CLI::App& app, CommandRun& run);
 
 }  // namespace pfapp

@@ -47,8 +47,8 @@ int main(int argc, char** argv) {
     using namespace pfapp;
     CLI::App app{
         "pathfinder: scan with the optical-tracking system, build marker models, measure "
-        "chained trackers, show devices, calibrate, edit configuration files and verify the "
-        "chain on simulated artefacts.\n"
+        "chained trackers, show devices, calibrate, edit configuration files, verify the "
+        "chain on simulated artefacts and show scans in the browser.\n"
         "Exit codes: 0 ok, 1 failure, 2 usage, 3 console missing or unreachable, 4 device "
         "refused or did not answer, 5 unreadable or malformed input file, 6 unknown key, "
         "7 output not writable, 8 no data delivered, 9 verification failed.",
@@ -63,6 +63,7 @@ int main(int argc, char** argv) {
     addCalibrateCommand(app, run);
     addConfigCommand(app, run);
     addVerifyCommand(app, run);
+    addViewCommand(app, run);
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& e) {

@@ -122,6 +122,7 @@ ScanResult Session::scan(const ScanRequest& request) {
     if (!request.cascade.empty()) {
         cascade = readCascadeFile(request.cascade);
     }
+    const Truth* replayTruth = nullptr;
     if (replay) {
         if (!platform::fileExists(request.replay)) {
             throw Error(kExitInputFile, "cannot read the recording " + request.replay);
@@ -130,6 +131,9 @@ ScanResult Session::scan(const ScanRequest& request) {
             throw Error(kExitUsage,
                         "a replay needs a session of its own: its console plays "
                         "the recording");
+        }
+        if (!request.truth.empty()) {
+            replayTruth = session.useTruthFolder(request.truth);
         }
         try {
             // Played once: the console ends with the recording, so the scan ends with it too.
@@ -149,7 +153,9 @@ ScanResult Session::scan(const ScanRequest& request) {
     std::snprintf(line, sizeof(line), "connected to %s in %.1f s", session.endpoint().c_str(),
                   session.startupSeconds());
     session.say(line);
-    const Truth* truth = replay ? nullptr : session.truth();
+    // A recording does not say which scene it was made from: a replay is measured only against
+    // the truth it is given.
+    const Truth* truth = replay ? replayTruth : session.truth();
 
     ScanResult r;
     r.transferMatrices = session.prepareScan(request.cascade, replay, request.object);

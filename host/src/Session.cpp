@@ -540,6 +540,14 @@ const Truth* Session::Impl::truth(bool always) {
     return m_truth.get();
 }
 
+const Truth* Session::Impl::useTruthFolder(const std::string& dir) {
+    std::shared_ptr<const Truth> loaded = loadTruthWithPart(dir);
+    std::lock_guard<std::mutex> lock(m_truthMutex);
+    m_truthTried = true;
+    m_truth = std::move(loaded);
+    return m_truth.get();
+}
+
 std::shared_ptr<const Truth> Session::Impl::loadedTruth() const {
     std::lock_guard<std::mutex> lock(m_truthMutex);
     return m_truth;
@@ -728,15 +736,11 @@ bool Session::hasTruth() {
 }
 
 bool Session::truthDistances(const float* points, size_t count, float* out) const {
-    const std::shared_ptr<const Truth> truth = m_impl->loadedTruth();
-    if (!truth || !truth->distance) {
-        return false;
-    }
-    for (size_t i = 0; i < count; ++i) {
-        const Eigen::Vector3d p(points[3 * i], points[3 * i + 1], points[3 * i + 2]);
-        out[i] = static_cast<float>(truth->distance(p));
-    }
-    return true;
+    return truthSurface().distances(points, count, out);
+}
+
+TruthSurface Session::truthSurface() const {
+    return TruthSurface(m_impl->loadedTruth());
 }
 
 device::CDeviceBase& Session::device() {

@@ -81,6 +81,9 @@ public:
     // The console's truth, exported once into the options' truth folder (or a temporary one);
     // without `always` only when this session started the console. Null when there is none.
     const Truth* truth(bool always = false);
+    // A truth folder instead of the console's export (a replay's recorded scene);
+    // Error(kExitInputFile) when it cannot be read.
+    const Truth* useTruthFolder(const std::string& dir);
     std::shared_ptr<const Truth> loadedTruth() const;
 
     // The scan's preparation: every device working; transfer matrices imported from

@@ -6,6 +6,7 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 
+#include "host/Files.h"
 #include "sim/Truth.h"
 
 namespace host {
@@ -45,6 +46,41 @@ std::optional<Truth> loadTruthFolder(const std::string& dir, std::string& error)
         }
     }
     return truth;
+}
+
+std::shared_ptr<const Truth> loadTruthWithPart(const std::string& dir) {
+    std::string error;
+    std::optional<Truth> truth = loadTruthFolder(dir, error);
+    if (!truth) {
+        throw Error(kExitInputFile, "cannot read the truth in " + dir + ": " + error);
+    }
+    if (!truth->distance) {
+        throw Error(kExitInputFile, "the truth in " + dir + " has no part to measure against");
+    }
+    return std::make_shared<const Truth>(std::move(*truth));
+}
+
+TruthSurface TruthSurface::load(const std::string& dir) {
+    return TruthSurface(loadTruthWithPart(dir));
+}
+
+bool TruthSurface::valid() const {
+    return m_truth && m_truth->distance;
+}
+
+bool TruthSurface::distances(const float* points, size_t count, float* out) const {
+    if (!valid()) {
+        return false;
+    }
+    for (size_t i = 0; i < count; ++i) {
+        const Eigen::Vector3d p(points[3 * i], points[3 * i + 1], points[3 * i + 2]);
+        out[i] = static_cast<float>(m_truth->distance(p));
+    }
+    return true;
+}
+
+double TruthSurface::noiseSigmaMm() const {
+    return m_truth ? m_truth->noiseSigmaMm : 0.0;
 }
 
 }  // namespace host

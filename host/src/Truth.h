@@ -5,6 +5,7 @@
 #include <Eigen/Core>
 #include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -30,5 +31,8 @@ struct Truth {
 // cascade.bin, and the laser noise from scene.json); empty with `error` when they are missing
 // or unreadable. The distance to the part uses the simulator's MeshDistance.
 std::optional<Truth> loadTruthFolder(const std::string& dir, std::string& error);
+
+// The same, refusing a folder without a readable part: Error(kExitInputFile).
+std::shared_ptr<const Truth> loadTruthWithPart(const std::string& dir);
 
 }  // namespace host

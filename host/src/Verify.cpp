@@ -314,6 +314,26 @@ cv::Mat picture(const Result& r) {
         const double scale = std::max(1e-3, 0.5 * spread(r.sphere.residuals));
         const cv::Point2d c(w / 2.0, h / 2.0 + 10);
         const double radius = 200;
+        // The ball lit from the upper left, under the points and on them, so that the
+        // projection reads as a sphere.
+        const Eigen::Vector3d light = Eigen::Vector3d(-1, 1, 1).normalized();
+        const auto lit = [&light](const Eigen::Vector3d& d) {
+            return 0.45 + 0.55 * std::max(0.0, d.dot(light));
+        };
+        const auto direction = [](double polar, double az) {
+            const double t = polar * M_PI / 2;
+            return Eigen::Vector3d(std::sin(t) * std::cos(az), std::sin(t) * std::sin(az),
+                                   std::cos(t));
+        };
+        for (int y = static_cast<int>(c.y - radius); y <= static_cast<int>(c.y + radius); ++y) {
+            for (int x = static_cast<int>(c.x - radius); x <= static_cast<int>(c.x + radius); ++x) {
+                const double polar = std::hypot(x - c.x, y - c.y) / radius;
+                if (polar <= 1.0) {
+                    const double g = 255 * lit(direction(polar, std::atan2(c.y - y, x - c.x)));
+                    img.at<cv::Vec3b>(y, x) = cv::Vec3b::all(static_cast<uchar>(g));
+                }
+            }
+        }
         cv::circle(img, c, static_cast<int>(radius), cv::Scalar(200, 200, 200), 1);
         for (size_t i = 0; i < r.sphere.points.size(); ++i) {
             const Eigen::Vector3d d = (r.sphere.points[i] - r.sphere.centre).normalized();
@@ -321,7 +341,7 @@ cv::Mat picture(const Result& r) {
             const double az = std::atan2(d.y(), d.x());
             const cv::Point2d p(c.x + radius * polar * std::cos(az),
                                 c.y - radius * polar * std::sin(az));
-            cv::circle(img, p, 1, ramp(r.sphere.residuals[i] / scale), cv::FILLED);
+            cv::circle(img, p, 1, ramp(r.sphere.residuals[i] / scale) * lit(d), cv::FILLED);
         }
         const Characteristic& pf = r.characteristics[0];
         const Characteristic& ps = r.characteristics[1];

@@ -1,5 +1,8 @@
 #include "Writers.h"
 
+#include <pcl/PCLPointCloud2.h>
+#include <pcl/console/print.h>
+#include <pcl/conversions.h>
 #include <pcl/io/ply_io.h>
 #include <pcl/point_cloud.h>
 #include <pcl/point_types.h>
@@ -13,9 +16,14 @@
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
+#include "host/Files.h"
+
 namespace host {
 
 namespace {
+
+// The colour scale of the pictures: low values dark blue, high ones dark red.
+constexpr cv::ColormapTypes kColourMap = cv::COLORMAP_TURBO;
 
 // PCL prints its own complaints; the caller gets a line that names the file.
 bool openable(const std::string& path, std::string& error) {
@@ -25,6 +33,40 @@ bool openable(const std::string& path, std::string& error) {
         return false;
     }
     return true;
+}
+
+// What makes a top view read as a part: the surface that lies in the shadow of a higher one
+// (the light along the pixel diagonal toward the upper left, `light` its direction), and the
+// rims of steps. A horizon sweeps from the upper left: each pixel's horizon is the highest
+// ray from the pixels toward the light, falling by the light's slope per step.
+void shadeSteps(const cv::Mat& depth, const cv::Mat& hit, cv::Mat& shade, float scale,
+                const Eigen::Vector3f& light) {
+    const float fall = std::sqrt(2.0f) / scale * light.z() / light.head<2>().norm();
+    const float noise = 0.5f;  // mm: the surface's own roughness casts no shadow
+    const float step = 2.0f;   // mm: a rim is a neighbour this much higher or lower
+    cv::Mat horizon(depth.size(), CV_32F, cv::Scalar(-1e30f));
+    for (int v = 1; v < depth.rows; ++v) {
+        for (int u = 1; u < depth.cols; ++u) {
+            const float before =
+                hit.at<uint8_t>(v - 1, u - 1) ? depth.at<float>(v - 1, u - 1) : -1e30f;
+            const float h = std::max(before, horizon.at<float>(v - 1, u - 1)) - fall;
+            horizon.at<float>(v, u) = h;
+            if (!hit.at<uint8_t>(v, u)) {
+                continue;
+            }
+            const float z = depth.at<float>(v, u);
+            float s = shade.at<float>(v, u);
+            if (z < h - noise) {
+                s *= 0.5f;
+            }
+            const float left = hit.at<uint8_t>(v, u - 1) ? depth.at<float>(v, u - 1) : z;
+            const float up = hit.at<uint8_t>(v - 1, u) ? depth.at<float>(v - 1, u) : z;
+            if (std::abs(left - z) > step || std::abs(up - z) > step) {
+                s *= 0.6f;
+            }
+            shade.at<float>(v, u) = s;
+        }
+    }
 }
 
 }  // namespace
@@ -65,6 +107,60 @@ bool PlyWriter::write(const std::string& path, std::string& error) const {
         return false;
     }
     return true;
+}
+
+Cloud readPlyFile(const std::string& path) {
+    pcl::PCLPointCloud2 blob;
+    bool read = false;
+    // PCL's reader names every property of the camera element PCL's own writer adds.
+    const pcl::console::VERBOSITY_LEVEL verbosity = pcl::console::getVerbosityLevel();
+    pcl::console::setVerbosityLevel(pcl::console::L_ERROR);
+    try {
+        read = pcl::io::loadPLYFile(path, blob) == 0;
+    } catch (const std::exception&) {
+        read = false;
+    }
+    pcl::console::setVerbosityLevel(verbosity);
+    if (!read || blob.width * blob.height == 0) {
+        throw Error(kExitInputFile, "cannot read the points of " + path);
+    }
+    bool normals = false;
+    for (const pcl::PCLPointField& f : blob.fields) {
+        normals = normals || f.name == "normal_x";
+    }
+    Cloud cloud;
+    if (normals) {
+        pcl::PointCloud<pcl::PointNormal> in;
+        pcl::fromPCLPointCloud2(blob, in);
+        for (const pcl::PointNormal& p : in) {
+            cloud.points.insert(cloud.points.end(), {p.x, p.y, p.z});
+            cloud.normals.insert(cloud.normals.end(), {p.normal_x, p.normal_y, p.normal_z});
+        }
+    } else {
+        pcl::PointCloud<pcl::PointXYZ> in;
+        pcl::fromPCLPointCloud2(blob, in);
+        for (const pcl::PointXYZ& p : in) {
+            cloud.points.insert(cloud.points.end(), {p.x, p.y, p.z});
+        }
+    }
+    return cloud;
+}
+
+std::array<uint8_t, 768> colourScale() {
+    cv::Mat ramp(256, 1, CV_8U);
+    for (int i = 0; i < 256; ++i) {
+        ramp.at<uint8_t>(i) = static_cast<uint8_t>(i);
+    }
+    cv::Mat colours;
+    cv::applyColorMap(ramp, colours, kColourMap);
+    std::array<uint8_t, 768> rgb{};
+    for (int i = 0; i < 256; ++i) {
+        const cv::Vec3b c = colours.at<cv::Vec3b>(i);  // OpenCV keeps b, g, r
+        rgb[3 * i] = c[2];
+        rgb[3 * i + 1] = c[1];
+        rgb[3 * i + 2] = c[0];
+    }
+    return rgb;
 }
 
 bool PngWriter::write(const std::string& path, std::string& error) const {
@@ -125,7 +221,8 @@ bool PngWriter::write(const std::string& path, std::string& error) const {
         cv::Mat level(height, width, CV_8U, cv::Scalar(0));
         cv::Mat shade(height, width, CV_32F, cv::Scalar(0.0f));
         cv::Mat hit(height, width, CV_8U, cv::Scalar(0));
-        const Eigen::Vector3f light = Eigen::Vector3f(-0.4f, -0.4f, 1.0f).normalized();
+        // The light comes from the picture's upper left (-x, +y), 35 degrees above the part.
+        const Eigen::Vector3f light = Eigen::Vector3f(-1.0f, 1.0f, 1.0f).normalized();
         for (size_t i = 0; i < m_cloud.size(); ++i) {
             const Eigen::Vector3f p = pointOf(m_cloud, i);
             const int u0 = static_cast<int>(margin + (p.x() - mn.x()) * scale);
@@ -136,7 +233,7 @@ bool PngWriter::write(const std::string& path, std::string& error) const {
                 if (n.z() < 0) {
                     n = -n;  // seen from above
                 }
-                s = 0.35f + 0.65f * std::max(0.0f, n.dot(light));
+                s = 0.25f + 0.75f * std::max(0.0f, n.dot(light));
             }
             for (int v = std::max(0, v0 - splat); v <= std::min(height - 1, v0 + splat); ++v) {
                 for (int u = std::max(0, u0 - splat); u <= std::min(width - 1, u0 + splat); ++u) {
@@ -204,14 +301,15 @@ bool PngWriter::write(const std::string& path, std::string& error) const {
                         const float dy =
                             (depth.at<float>(v, u) - depth.at<float>(v - 1, u)) * scale;
                         const Eigen::Vector3f n = Eigen::Vector3f(-dx, dy, 1.0f).normalized();
-                        s = 0.35f + 0.65f * std::max(0.0f, n.dot(light));
+                        s = 0.25f + 0.75f * std::max(0.0f, n.dot(light));
                     }
                     shade.at<float>(v, u) = s;
                 }
             }
         }
+        shadeSteps(depth, hit, shade, scale, light);
         cv::Mat colours;
-        cv::applyColorMap(level, colours, cv::COLORMAP_TURBO);
+        cv::applyColorMap(level, colours, kColourMap);
         cv::Mat view = image(cv::Rect(0, 0, width, height));
         for (int v = 0; v < height; ++v) {
             for (int u = 0; u < width; ++u) {
@@ -244,7 +342,7 @@ bool PngWriter::write(const std::string& path, std::string& error) const {
             ramp.at<uint8_t>(r) = static_cast<uint8_t>(255 - r * 255 / std::max(1, ramp.rows - 1));
         }
         cv::Mat rampColours;
-        cv::applyColorMap(ramp, rampColours, cv::COLORMAP_TURBO);
+        cv::applyColorMap(ramp, rampColours, kColourMap);
         const int x0 = width + 15;
         for (int r = 0; r < ramp.rows; ++r) {
             cv::line(image, cv::Point(x0, top + r), cv::Point(x0 + 20, top + r),

@@ -1,7 +1,12 @@
-// Files a host reads and writes without a device: cascade files of chained trackers and the
-// module's configuration files. Failures are Error with the exit code and one line.
+// Files a host reads and writes without a device: cascade files of chained trackers, the
+// module's configuration files, a scan's cloud and a scene's truth. Failures are Error with the
+// exit code and one line.
 #pragma once
 
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -39,5 +44,35 @@ std::string changeConfigValue(const std::string& path, const std::string& key,
 // The output folder: created when missing and checked for writing; Error(kExitOutput) when
 // it cannot be written.
 void prepareOutputFolder(const std::string& dir);
+
+// A cloud written as scan.ply (x y z, with normals when the file has them); an unreadable file
+// or one without points is Error(kExitInputFile).
+Cloud readPlyFile(const std::string& path);
+
+struct Truth;
+
+// The true part of a scene (a truth folder the console exports: part.ply, scene.json, ...), to
+// measure points against. Copies share the loaded surface; an empty one has none. Its methods
+// may be called from any thread.
+class TruthSurface {
+public:
+    TruthSurface() = default;
+    explicit TruthSurface(std::shared_ptr<const Truth> truth) : m_truth(std::move(truth)) {}
+    // Error(kExitInputFile) when the folder is not a readable truth export.
+    static TruthSurface load(const std::string& dir);
+
+    bool valid() const;
+    // Distances of `count` points (x, y, z, mm, reference frame) to the true part into `out`;
+    // false (and nothing written) when there is no surface.
+    bool distances(const float* points, size_t count, float* out) const;
+    // The scene's laser noise (0: unknown); scan.png's colour scale ends at three times it.
+    double noiseSigmaMm() const;
+
+private:
+    std::shared_ptr<const Truth> m_truth;
+};
+
+// The colour scale of the host's pictures (scan.png), low to high: 256 entries of r, g, b.
+std::array<uint8_t, 768> colourScale();
 
 }  // namespace host

@@ -115,6 +115,9 @@ struct ScanRequest {
     // A console recording to play instead of a live scan. Its console plays the recording, so
     // the replay must be the first operation of its session.
     std::string replay;
+    // With a replay: the truth folder of the recorded scene (for example DIR/truth of the scan
+    // that recorded it) to measure the replayed cloud against; empty: no accuracy figures.
+    std::string truth;
     std::string cascade;            // cascade file with the transfer matrices, else measured
     std::string object = "static";  // "static" (surface) or "hole"
     // Folder for scan.ply, scan.png, markers.txt, holes.txt, cascade.bin and summary.json

@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "helmsman/DeviceBase.h"
+#include "host/Files.h"
 #include "host/Records.h"
 
 namespace host {
@@ -115,6 +116,9 @@ public:
     // Distances of `count` points (x, y, z, mm, reference frame) to the true part into `out`;
     // false when there is no true surface. Safe on any thread once hasTruth() returned true.
     bool truthDistances(const float* points, size_t count, float* out) const;
+    // The truth loaded so far (empty before the session exported or loaded one), for another
+    // thread to measure against while a scan runs.
+    TruthSurface truthSurface() const;
 
     // The module through the host interface, for what the session does not offer (opens).
     device::CDeviceBase& device();
