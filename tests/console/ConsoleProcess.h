@@ -16,8 +16,8 @@
 #include <iterator>
 #include <mutex>
 #include <string>
-#include <utility>
 #include <thread>
+#include <utility>
 #include <vector>
 
 extern char** environ;

@@ -52,7 +52,7 @@ struct ConsoleOptions {
     std::string sceneKind = "physical";
     sim::SceneOptions scene;
     std::string exportTruthDir;  // --export-truth: write the truth files and exit
-    RecordOptions record;                 // --record, --replay and their companions
+    RecordOptions record;        // --record, --replay and their companions
 };
 
 // Applies one scene setting (the flag name without its dashes, e.g. "laser-noise") to the
