@@ -13,21 +13,6 @@ struct DevicesOptions {
     double wait = 2.5;
 };
 
-const char* kindName(int kind) {
-    switch (kind) {
-        case device::DEVICE_TYPE_TRACKER:
-            return "tracker";
-        case device::DEVICE_TYPE_SCANNER:
-            return "scanner";
-        case device::DEVICE_TYPE_LIGHT_PEN:
-            return "light pen";
-        case device::DEVICE_TYPE_AIR:
-            return "air";
-        default:
-            return "unknown";
-    }
-}
-
 const char* stateName(int state) {
     switch (state) {
         case device::STATE_NO_STATUS:
@@ -60,11 +45,13 @@ int runDevices(const DevicesOptions& o) {
         const auto t = thermal.find(id);
         if (t != thermal.end()) {
             std::printf("%-12s %-9s %-6d %-13s %8.2f %8.2f %8zu %9.3f\n", id.c_str(),
-                        kindName(d.kind), d.model, stateName(d.state), t->second.temperature1,
-                        t->second.mean, t->second.samples.size(), t->second.deviation);
+                        host::deviceKindName(d.kind), d.model, stateName(d.state),
+                        t->second.temperature1, t->second.mean, t->second.samples.size(),
+                        t->second.deviation);
         } else {
-            std::printf("%-12s %-9s %-6d %-13s %8s %8s %8s %9s\n", id.c_str(), kindName(d.kind),
-                        d.model, stateName(d.state), "-", "-", "0", "-");
+            std::printf("%-12s %-9s %-6d %-13s %8s %8s %8s %9s\n", id.c_str(),
+                        host::deviceKindName(d.kind), d.model, stateName(d.state), "-", "-", "0",
+                        "-");
         }
     }
     for (const auto& t : thermal) {

@@ -151,6 +151,21 @@ std::vector<TransferMatrix> Session::measureTransferMatrices(const std::string& 
     return matrices;
 }
 
+const char* deviceKindName(int kind) {
+    switch (kind) {
+        case device::DEVICE_TYPE_TRACKER:
+            return "tracker";
+        case device::DEVICE_TYPE_SCANNER:
+            return "scanner";
+        case device::DEVICE_TYPE_LIGHT_PEN:
+            return "light pen";
+        case device::DEVICE_TYPE_AIR:
+            return "air";
+        default:
+            return "unknown";
+    }
+}
+
 DeviceReport Session::devices(double waitSeconds) {
     Impl& session = *m_impl;
     session.open();

@@ -20,27 +20,12 @@ std::set<PySession*>& registry() {
     return s;
 }
 
-const char* kindName(int kind) {
-    switch (kind) {
-        case device::DEVICE_TYPE_TRACKER:
-            return "tracker";
-        case device::DEVICE_TYPE_SCANNER:
-            return "scanner";
-        case device::DEVICE_TYPE_LIGHT_PEN:
-            return "light pen";
-        case device::DEVICE_TYPE_AIR:
-            return "air";
-        default:
-            return "unknown";
-    }
-}
-
 py::dict deviceReport(const host::DeviceReport& r) {
     py::list devices;
     for (const device::tagDeviceInfo& d : r.devices) {
         py::dict e;
         e["id"] = d.serialText();
-        e["kind"] = kindName(d.kind);
+        e["kind"] = host::deviceKindName(d.kind);
         e["model"] = d.model;
         e["state"] = d.state;
         e["ready"] = d.state == device::STATE_READY;

@@ -222,6 +222,10 @@ struct DeviceReport {
     std::map<std::string, device::tagDeviceThermalBalance> thermal;  // by device id
 };
 
+// A device kind (tagDeviceInfo::kind) as a word: "tracker", "scanner", "light pen", "air",
+// "unknown".
+const char* deviceKindName(int kind);
+
 // One step of a calibration run, as it happens.
 struct CalibrationStep {
     enum Kind { Started, Event, Grab, Exhausted, Result } kind = Started;
