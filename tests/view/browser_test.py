@@ -55,14 +55,18 @@ def kill_browser(driver):
     driver.service.process.kill()
 
 
-def wait(what, probe, seconds=60):
-    until = time.time() + seconds
+# Sanitizer builds run the tool several times slower (tests/view/CMakeLists.txt sets this).
+PATIENCE = float(os.environ.get("PATHFINDER_TEST_PATIENCE", "1"))
+
+
+def wait(what, probe, seconds=60, show=lambda: ""):
+    until = time.time() + seconds * PATIENCE
     while time.time() < until:
         result = probe()
         if result:
             return result
         time.sleep(0.05)
-    raise AssertionError(f"timed out waiting for {what}")
+    raise AssertionError(f"timed out waiting for {what} {show()}")
 
 
 def voxels(ply, size):
@@ -117,7 +121,7 @@ def main(pathfinder, console, out):
 
         end = wait("the finished state", lambda: (lambda c: c["state"] == "finished" and
                                                   c["received"] == c["cloud"] and c)(
-            first.execute_script(COUNTERS)), 60)
+            first.execute_script(COUNTERS)), 60, lambda: first.execute_script(COUNTERS))
         cloud = voxels(work / "replay/scan.ply", 1.0)
         check(end["mismatches"] == 0 and end["received"] == end["sent"] == cloud,
               f"first page {end}, the scan's cloud at 1 mm: {cloud}")
@@ -140,9 +144,10 @@ def main(pathfinder, console, out):
         first.execute_script("const s = document.getElementById('voxel'); s.value = '2';"
                              "s.dispatchEvent(new Event('change'))")
         coarse = voxels(work / "replay/scan.ply", 2.0)
-        wait("the 2 mm grid", lambda: first.execute_script(COUNTERS)["received"] == coarse, 20)
+        wait("the 2 mm grid", lambda: first.execute_script(COUNTERS)["received"] == coarse, 20,
+             lambda: (first.execute_script(COUNTERS), coarse))
         tool.send_signal(signal.SIGINT)
-        check(tool.wait(20) == 0, "the tool's exit code after Ctrl-C")
+        check(tool.wait(20 * PATIENCE) == 0, "the tool's exit code after Ctrl-C")
     finally:
         if tool.poll() is None:
             tool.kill()
