@@ -1,14 +1,19 @@
 #!/usr/bin/env python3
 """Line and branch coverage per top-level folder from gcovr's --json-summary file.
 
-    coverage_table.py summary.json [--before lines.json]
+    coverage_table.py summary.json [--before lines.json [--before-rev REV]]
 
 With --before (gcovr's --json file of an earlier run, which sits beside summary.json as
-lines.json), also lists the lines that the earlier run executed and this one does not.
+lines.json), also lists the lines that the earlier run executed and this one does not. With
+--before-rev (the commit the earlier run measured), a line is followed to where it stands now
+by comparing the file's text at REV with the working tree's: edited, removed and moved lines
+are counted apart, and only lines still there and no longer run are listed.
 """
 import argparse
+import difflib
 import json
 import os
+import subprocess
 from collections import defaultdict
 
 
@@ -24,10 +29,31 @@ def covered_lines(path):
             for entry in files}
 
 
+def follow(then, rev):
+    """The earlier run's lines at their place in the working tree, where their text is
+    unchanged; and how many are not (edited, removed, or in a file that is gone)."""
+    moved, gone = {}, 0
+    for name, lines in then.items():
+        old = subprocess.run(["git", "show", f"{rev}:{name}"], capture_output=True, text=True)
+        if old.returncode != 0 or not os.path.exists(name):
+            gone += len(lines)
+            continue
+        with open(name, encoding="utf-8") as f:
+            new = f.read().splitlines()
+        where = {}
+        matcher = difflib.SequenceMatcher(None, old.stdout.splitlines(), new, autojunk=False)
+        for a, b, size in matcher.get_matching_blocks():
+            where.update({a + k + 1: b + k + 1 for k in range(size)})
+        moved[name] = {where[line] for line in lines if line in where}
+        gone += len(lines) - len(moved[name])
+    return moved, gone
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("summary")
     parser.add_argument("--before")
+    parser.add_argument("--before-rev")
     args = parser.parse_args()
     with open(args.summary, encoding="utf-8") as f:
         files = json.load(f)["files"]
@@ -52,8 +78,14 @@ def main():
     if args.before:
         now = covered_lines(os.path.join(os.path.dirname(args.summary), "lines.json"))
         then = covered_lines(args.before)
+        gone = 0
+        if args.before_rev:
+            then, gone = follow(then, args.before_rev)
         lost = {name: sorted(lines - now.get(name, set())) for name, lines in then.items()}
         lost = {name: lines for name, lines in lost.items() if lines}
+        if args.before_rev:
+            print(f"\nlines run before that were edited, removed or moved since "
+                  f"{args.before_rev}: {gone}")
         print(f"\nlines run before and not now: {sum(len(v) for v in lost.values())}")
         for name in sorted(lost):
             print(f"  {name}: {', '.join(map(str, lost[name]))}")
