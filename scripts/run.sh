@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Main job: set up, build the host tool, scan the simulated part and say where the results are.
-# Release, like scripts/test.sh, which shares the build folder.
+# Main job: set up, build the host tool alone (Release), scan the simulated part and name the
+# files it wrote: scan.ply, scan.png and summary.json, ready to open. No test runs here.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
