@@ -123,6 +123,13 @@ def main():
             row(f"TransformScanData_Laser, 1M points, {reading}, {path}", t, "ms",
                 "copy of the array", copy, r, "throughput ratio >= 0.8" if wide else "-",
                 (r is not None and r >= 0.8) if wide else None, value(device, name, "cpu"))
+        if wide:
+            # What no kernel of this path can beat: the same conversions and arithmetic on
+            # coordinates already apart (see bench/device/ScanBench.cpp).
+            name = f"BM_TransformBound/{path}"
+            t = value(device, name, "time")
+            row(f"bound of any laser kernel, 1M points, {path}", t, "ms", "copy of the array",
+                copy, div(copy, t), "-", None, value(device, name, "cpu"))
         name = f"BM_TransformMarkers/{path}/column"
         t = value(device, name, "time")
         row(f"TransformScanData_MarkPoint, 1M points, column, {path}", t, "ms",
