@@ -24,7 +24,6 @@
 #include <cstdio>
 #include <map>
 #include <memory>
-#include <set>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -206,24 +205,32 @@ void transformBound(benchmark::State& state, SimdPath path) {
 }
 #endif
 
-// Collects the median (or the only) time per iteration of every run to print the ratios at the end.
+// Collects each run's time per iteration, and the median where the runs were repeated, to print
+// the ratios at the end.
 class RatioReporter : public benchmark::ConsoleReporter {
 public:
     void ReportRuns(const std::vector<Run>& runs) override {
         for (const Run& r : runs) {
-            const std::string name = r.run_name.str();
-            if (r.run_type == Run::RT_Aggregate ? r.aggregate_name == "median"
-                                                : !medians.count(name)) {
-                times[name] = r.GetAdjustedRealTime();
-            }
-            if (r.run_type == Run::RT_Aggregate && r.aggregate_name == "median") {
-                medians.insert(name);
+            if (r.run_type == Run::RT_Iteration) {
+                last[r.run_name.str()] = r.GetAdjustedRealTime();
+            } else if (r.aggregate_name == "median") {
+                median[r.run_name.str()] = r.GetAdjustedRealTime();
             }
         }
         ConsoleReporter::ReportRuns(runs);
     }
-    std::map<std::string, double> times;
-    std::set<std::string> medians;
+    // The median of a repeated run, else its only time; 0 for a run that did not happen.
+    double time(const std::string& name) const {
+        const auto m = median.find(name);
+        if (m != median.end()) {
+            return m->second;
+        }
+        const auto l = last.find(name);
+        return l != last.end() ? l->second : 0.0;
+    }
+
+private:
+    std::map<std::string, double> last, median;
 };
 
 }  // namespace
@@ -262,10 +269,9 @@ int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
     RatioReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
-    const auto& t = reporter.times;
-    const auto ratio = [&t](const char* a, const char* b) {
-        const auto ia = t.find(a), ib = t.find(b);
-        return ia != t.end() && ib != t.end() && ib->second > 0 ? ia->second / ib->second : -1.0;
+    const auto ratio = [&reporter](const char* a, const char* b) {
+        const double ta = reporter.time(a), tb = reporter.time(b);
+        return ta > 0 && tb > 0 ? ta / tb : -1.0;
     };
     std::printf("CallBack_ScanData / frame copy (time, goal <= 2): %.3f\n",
                 ratio("BM_CallBackScanData", "BM_FrameCopyBaseline"));
